@@ -1,0 +1,79 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace orvane {
+
+// Seconds as a double, the unit of every duration in Orvane.
+using Seconds = std::chrono::duration<double>;
+// A monotonic instant: timeouts, ticks, keep-alives and retries are measured on it.
+using Instant = std::chrono::steady_clock::time_point;
+// A wall-clock instant: dates shown to people and time stamps sampled from the show.
+using WallTime = std::chrono::system_clock::time_point;
+
+inline double secondsBetween(Instant from, Instant to)
+{
+    return std::chrono::duration_cast<Seconds>(to - from).count();
+}
+inline double secondsBetween(WallTime from, WallTime to)
+{
+    return std::chrono::duration_cast<Seconds>(to - from).count();
+}
+template <class TimePoint>
+TimePoint addSeconds(TimePoint at, double seconds)
+{
+    return at + std::chrono::duration_cast<typename TimePoint::duration>(Seconds(seconds));
+}
+
+// A pending call made by Clock::schedule. Destroying it cancels the call.
+class ScheduledCall {
+public:
+    virtual ~ScheduledCall() = default;
+};
+
+// The source of time for everything that waits. SystemClock is the real one; a test passes
+// a ManualClock and moves it forward, so a 120 s timer costs no real time.
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual Instant now() const = 0;
+    virtual WallTime wallNow() const = 0;
+
+    // Calls `call` once, `delay` from now, on the calling thread (which must run a Qt event
+    // loop for the system clock). The call is cancelled when the returned handle dies.
+    [[nodiscard]] virtual std::unique_ptr<ScheduledCall> schedule(Seconds delay,
+                                                                  std::function<void()> call) = 0;
+
+    // The process-wide real clock.
+    static Clock& system();
+};
+
+// One cancellable pending call, replaced and never doubled: start() cancels what was pending.
+// Lives on the thread that uses it.
+class Timer {
+public:
+    explicit Timer(Clock& clock) : clock_(&clock) {}
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+
+    // Calls `call` once after `delay`.
+    void start(Seconds delay, std::function<void()> call);
+    // Calls `call` every `interval` until stopped; the next call is scheduled before this one
+    // runs, so `call` may stop or restart the timer.
+    void startRepeating(Seconds interval, std::function<void()> call);
+    void stop() { pending_.reset(); }
+    bool isActive() const { return pending_ != nullptr; }
+    Clock& clock() const { return *clock_; }
+
+private:
+    void scheduleRepeat();
+
+    Clock* clock_;
+    std::unique_ptr<ScheduledCall> pending_;
+    Seconds interval_{0};
+    std::function<void()> repeating_;
+};
+
+} // namespace orvane

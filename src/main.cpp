@@ -1,0 +1,90 @@
+// The orvane executable: the application and the small tools a technician reaches for.
+
+#include "commands/Command.h"
+
+#include <QCoreApplication>
+#include <QGuiApplication>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace orvane {
+
+namespace {
+
+std::vector<Command>& commandTable()
+{
+    static std::vector<Command> table;
+    return table;
+}
+
+void printUsage(std::FILE* to)
+{
+    std::fprintf(to, "Usage: orvane COMMAND [OPTIONS]\n\n"
+                     "Burns the show's cues and timecode into camera video, records it and\n"
+                     "shares it on the network.\n\nCommands:\n");
+    auto commands = registeredCommands();
+    std::sort(commands.begin(), commands.end(),
+              [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
+    for (const auto& command : commands)
+        std::fprintf(to, "  %-16s %s\n", command.name, command.summary);
+    std::fprintf(to, "\nRun 'orvane COMMAND --help' for a command's options.\n");
+}
+
+std::unique_ptr<QCoreApplication> makeApplication(AppKind kind, int& argc, char** argv)
+{
+    switch (kind) {
+    case AppKind::core:
+        return std::make_unique<QCoreApplication>(argc, argv);
+    case AppKind::gui:
+    case AppKind::widgets:
+        if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+            qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        return std::make_unique<QGuiApplication>(argc, argv);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+CommandRegistration::CommandRegistration(Command command)
+{
+    commandTable().push_back(command);
+}
+
+const std::vector<Command>& registeredCommands()
+{
+    return commandTable();
+}
+
+} // namespace orvane
+
+int main(int argc, char** argv)
+{
+    using namespace orvane;
+    // Qt draws glyphs above 64 px as uncached paths; overlay text at 4K is larger than that.
+    if (qEnvironmentVariableIsEmpty("QT_MAX_CACHED_GLYPH_SIZE"))
+        qputenv("QT_MAX_CACHED_GLYPH_SIZE", "256");
+
+    if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+        printUsage(stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    const auto& commands = registeredCommands();
+    const auto found = std::find_if(commands.begin(), commands.end(),
+                                    [&](const Command& c) { return std::strcmp(c.name, argv[1]) == 0; });
+    if (found == commands.end()) {
+        std::fprintf(stderr, "orvane: unknown command '%s'\n\n", argv[1]);
+        printUsage(stderr);
+        return 2;
+    }
+    auto app = makeApplication(found->kind, argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
+    QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
+    QStringList arguments = QCoreApplication::arguments().mid(2);
+    return found->run(arguments);
+}

@@ -23,26 +23,24 @@ std::atomic<int>& strictness()
     return value;
 }
 
-void report(const char* what, const std::source_location& where)
+void report(const char* what, const SourceLocation& where)
 {
     if (strictChecks()) {
-        std::fprintf(stderr, "%s:%u: %s: broken invariant: %s\n", where.file_name(),
-                     static_cast<unsigned>(where.line()), where.function_name(), what);
+        std::fprintf(stderr, "%s:%u: broken invariant: %s\n", where.file, where.line, what);
         std::fflush(stderr);
         std::abort();
     }
     static QMutex mutex;
     static QSet<QString> reported;
-    const QString key = QString::fromUtf8(where.file_name()) + QLatin1Char(':') +
-                        QString::number(where.line());
+    const QString key = QString::fromUtf8(where.file) + QLatin1Char(':') +
+                        QString::number(where.line);
     {
         QMutexLocker lock(&mutex);
         if (reported.contains(key))
             return;
         reported.insert(key);
     }
-    qCWarning(lcChecks, "%s:%u: broken invariant: %s", where.file_name(),
-              static_cast<unsigned>(where.line()), what);
+    qCWarning(lcChecks, "%s:%u: broken invariant: %s", where.file, where.line, what);
 }
 
 } // namespace
@@ -62,20 +60,20 @@ void setStrictChecks(bool strict)
     strictness().store(strict ? 1 : 0);
 }
 
-bool holds(bool condition, const char* what, std::source_location where)
+bool holds(bool condition, const char* what, SourceLocation where)
 {
     if (!condition)
         report(what, where);
     return condition;
 }
 
-void assertOnOwnThread(const QObject* object, std::source_location where)
+void assertOnOwnThread(const QObject* object, SourceLocation where)
 {
     if (object && object->thread() != QThread::currentThread())
         report("called from a thread that does not own the object", where);
 }
 
-void ThreadCheck::check(std::source_location where) const
+void ThreadCheck::check(SourceLocation where) const
 {
     if (owner_ != std::this_thread::get_id())
         report("called from a thread that does not own the object", where);

@@ -99,32 +99,38 @@ void OSCStream::send(const OSCMessage& message)
 
 void OSCStream::setOnStatusChange(std::function<void(const Status&)> callback)
 {
+    assertOnOwnThread(this);
     onStatusChange_ = std::move(callback);
 }
 
 void OSCStream::setOnReady(std::function<void()> callback)
 {
+    assertOnOwnThread(this);
     onReady_ = std::move(callback);
 }
 
 void OSCStream::setOnPacket(std::function<void(const QByteArray&)> callback)
 {
+    assertOnOwnThread(this);
     onPacket_ = std::move(callback);
 }
 
 void OSCStream::setKeepAlive(std::optional<OSCMessage> message, std::function<void()> callback)
 {
+    assertOnOwnThread(this);
     keepAliveMessage_ = std::move(message);
     keepAliveCallback_ = std::move(callback);
 }
 
 void OSCStream::setKeepAliveInterval(Seconds interval)
 {
+    assertOnOwnThread(this);
     keepAliveInterval_ = interval;
 }
 
 void OSCStream::setSilenceTimeout(std::optional<Seconds> timeout)
 {
+    assertOnOwnThread(this);
     silenceTimeout_ = timeout;
 }
 
@@ -182,13 +188,13 @@ void OSCStream::fail(Failure failure)
     tearDown();
     ++failures_;
     if (target_)
-        qCInfo(lcStream).noquote() << QStringLiteral("osc: link to %1:%2 failed (%3%4), attempt %5")
-                                          .arg(target_->host)
-                                          .arg(target_->port)
-                                          .arg(QString::fromLatin1(name(failure.kind)))
-                                          .arg(failure.text.isEmpty() ? QString()
-                                                                      : ": " + failure.text)
-                                          .arg(failures_);
+        qCInfo(lcStream).noquote()
+            << QStringLiteral("osc: link to %1:%2 failed (%3%4), attempt %5")
+                   .arg(target_->host)
+                   .arg(target_->port)
+                   .arg(QString::fromLatin1(name(failure.kind)))
+                   .arg(failure.text.isEmpty() ? QString() : ": " + failure.text)
+                   .arg(failures_);
     const int failures = failures_;
     setStatus({Status::Kind::retrying, std::move(failure), failures});
     if (status_.kind != Status::Kind::retrying || failures_ != failures)
@@ -237,8 +243,7 @@ void OSCStream::keepAliveTick()
         keepAliveCallback_();
     if (generation != generation_)
         return;
-    if (silenceTimeout_ &&
-        Seconds(secondsBetween(lastReceived_, clock_.now())) > *silenceTimeout_)
+    if (silenceTimeout_ && Seconds(secondsBetween(lastReceived_, clock_.now())) > *silenceTimeout_)
         fail({Failure::Kind::wentQuiet, {}});
 }
 

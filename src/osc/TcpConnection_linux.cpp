@@ -154,9 +154,8 @@ std::optional<QString> interfaceForConnection(const QHostAddress& address, Netwo
                 return name;
         }
     }
-    const QStringList names =
-        QDir(QStringLiteral("/sys/class/net")).entryList(QDir::Dirs | QDir::NoDotAndDotDot,
-                                                         QDir::Name);
+    const QStringList names = QDir(QStringLiteral("/sys/class/net"))
+                                  .entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
     for (const QString& name : names) {
         if (networkKindOfInterface(name) == kind && isUp(name))
             return name;
@@ -323,8 +322,8 @@ bool TcpConnection::write(QByteArrayView bytes)
 void TcpConnection::flush()
 {
     while (!pending_.isEmpty()) {
-        const ssize_t count = ::send(fd_, pending_.constData(), size_t(pending_.size()),
-                                     MSG_NOSIGNAL);
+        const ssize_t count =
+            ::send(fd_, pending_.constData(), size_t(pending_.size()), MSG_NOSIGNAL);
         if (count < 0) {
             if (errno == EINTR)
                 continue;

@@ -112,8 +112,7 @@ QByteArrayList readPackets(QTcpSocket* socket, OSCStreamDecoder& decoder)
 } // namespace
 
 namespace QTest {
-template <>
-char* toString(const Status& status)
+template <> char* toString(const Status& status)
 {
     return qstrdup(QStringLiteral("%1(%2, %3)")
                        .arg(QString::fromLatin1(kindName(status.kind)))
@@ -140,6 +139,7 @@ private Q_SLOTS:
     void disconnectGoesIdleAndRetryNowSkipsTheWait();
     void peerThatNeverAnswersTimesOutAfterFourSeconds();
     void unknownHostIsReported();
+    void hostNameIsLookedUp();
     void interfaceRestrictionUsesAnInterfaceOfThatKind();
     void interfaceKindComesFromSysfs_data();
     void interfaceKindComesFromSysfs();
@@ -205,7 +205,8 @@ void OSCStreamTest::packetsArriveInOrderAndSendsAreFramed()
     QByteArrayList sent;
     QByteArray wire;
     for (int i = 0; i < 50; ++i) {
-        const QByteArray packet = encodeOSC({"/eos/out/active/cue/text", {std::string(i * 37, 'c'), i}});
+        const QByteArray packet =
+            encodeOSC({"/eos/out/active/cue/text", {std::string(i * 37, 'c'), i}});
         sent.append(packet);
         wire += frameOSCPacket(framing, packet);
     }
@@ -425,6 +426,15 @@ void OSCStreamTest::unknownHostIsReported()
     QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), retrying(FailureKind::unknownHost, 1), 10'000);
 }
 
+void OSCStreamTest::hostNameIsLookedUp()
+{
+    // A name goes through the resolver; when it names ::1 first the IPv4 address is tried next.
+    Peer peer;
+    Link link;
+    link.stream.connectTo({QStringLiteral("localhost"), peer.port(), OSCFraming::slip, {}});
+    QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), kReady, kWaitMs);
+}
+
 void OSCStreamTest::interfaceRestrictionUsesAnInterfaceOfThatKind()
 {
     Peer peer;
@@ -436,8 +446,8 @@ void OSCStreamTest::interfaceRestrictionUsesAnInterfaceOfThatKind()
     QTRY_COMPARE_WITH_TIMEOUT(other.stream.status(), kReady, kWaitMs);
 
     // The tests run in a namespace with only loopback: there is no Wi-Fi to bind to.
-    const QStringList names = QDir(QStringLiteral("/sys/class/net"))
-                                  .entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    const QStringList names =
+        QDir(QStringLiteral("/sys/class/net")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& name : names)
         QVERIFY2(networkKindOfInterface(name) != NetworkKind::wifi, qPrintable(name));
     Link wifi;
@@ -451,15 +461,15 @@ void OSCStreamTest::interfaceKindComesFromSysfs_data()
 {
     QTest::addColumn<QStringList>("files");
     QTest::addColumn<NetworkKind>("kind");
-    QTest::newRow("wireless folder") << QStringList{"type=1", "device/", "wireless/"}
-                                     << NetworkKind::wifi;
-    QTest::newRow("ethernet with a device") << QStringList{"type=1", "device/"}
-                                            << NetworkKind::wired;
-    QTest::newRow("ethernet without a device (veth, bridge)") << QStringList{"type=1"}
-                                                              << NetworkKind::other;
+    QTest::newRow("wireless folder")
+        << QStringList{"type=1", "device/", "wireless/"} << NetworkKind::wifi;
+    QTest::newRow("ethernet with a device")
+        << QStringList{"type=1", "device/"} << NetworkKind::wired;
+    QTest::newRow("ethernet without a device (veth, bridge)")
+        << QStringList{"type=1"} << NetworkKind::other;
     QTest::newRow("loopback") << QStringList{"type=772"} << NetworkKind::other;
-    QTest::newRow("device but not ethernet") << QStringList{"type=65534", "device/"}
-                                             << NetworkKind::other;
+    QTest::newRow("device but not ethernet")
+        << QStringList{"type=65534", "device/"} << NetworkKind::other;
     QTest::newRow("nothing readable") << QStringList{} << NetworkKind::other;
 }
 

@@ -257,8 +257,10 @@ void EosDiscovery::finishScan(const QList<DiscoveredConsole>& found)
         consoles_ = found;
         Q_EMIT consolesChanged();
     }
-    const QDateTime now = QDateTime::fromStdTimePoint(
-        std::chrono::time_point_cast<std::chrono::milliseconds>(clock_.wallNow()));
+    const QDateTime now = QDateTime::fromMSecsSinceEpoch(
+        std::chrono::duration_cast<std::chrono::milliseconds>(clock_.wallNow().time_since_epoch())
+            .count(),
+        Qt::UTC);
     if (now != lastScan_) {
         lastScan_ = now;
         Q_EMIT lastScanChanged();

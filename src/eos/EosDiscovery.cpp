@@ -257,10 +257,7 @@ void EosDiscovery::finishScan(const QList<DiscoveredConsole>& found)
         consoles_ = found;
         Q_EMIT consolesChanged();
     }
-    const QDateTime now = QDateTime::fromMSecsSinceEpoch(
-        std::chrono::duration_cast<std::chrono::milliseconds>(clock_.wallNow().time_since_epoch())
-            .count(),
-        Qt::UTC);
+    const QDateTime now = toDateTime(clock_.wallNow());
     if (now != lastScan_) {
         lastScan_ = now;
         Q_EMIT lastScanChanged();

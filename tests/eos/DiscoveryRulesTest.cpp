@@ -1,0 +1,242 @@
+// The pure rules of console discovery: which addresses a sweep probes, what a discovery reply
+// says, how a scan's parts are joined, and how an interface's kind is read.
+#include "eos/EosDiscovery.h"
+#include "eos/NetworkSockets.h"
+
+#include <QDir>
+#include <QFile>
+#include <QHostAddress>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <set>
+
+using namespace orvane;
+
+namespace {
+
+std::uint32_t ip(const char* text)
+{
+    return QHostAddress(QString::fromLatin1(text)).toIPv4Address();
+}
+
+ScanTarget target(const char* address, int prefixLength, NetworkKind kind = NetworkKind::wired)
+{
+    ScanTarget made;
+    made.name = QStringLiteral("eth0");
+    made.network = kind;
+    made.address = ip(address);
+    made.netmask = prefixLength == 0 ? 0 : ~std::uint32_t(0) << (32 - prefixLength);
+    made.index = 2;
+    return made;
+}
+
+DiscoveredConsole console(const char* host, const char* interfaceName)
+{
+    DiscoveredConsole made;
+    made.host = QString::fromLatin1(host);
+    made.interfaceName = QString::fromLatin1(interfaceName);
+    return made;
+}
+
+} // namespace
+
+class DiscoveryRulesTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void sweepAddresses_data();
+    void sweepAddresses();
+    void consoleFromReply_data();
+    void consoleFromReply();
+    void mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface();
+    void interfaceKind_data();
+    void interfaceKind();
+};
+
+void DiscoveryRulesTest::sweepAddresses_data()
+{
+    QTest::addColumn<QString>("address");
+    QTest::addColumn<int>("prefixLength");
+    QTest::addColumn<int>("count");
+    QTest::addColumn<QString>("first");
+    QTest::addColumn<QString>("last");
+    QTest::addColumn<QStringList>("probed");
+    QTest::addColumn<QStringList>("notProbed");
+
+    QTest::newRow("/24: its own subnet without itself")
+        << "192.168.1.10" << 24 << 253 << "192.168.1.1" << "192.168.1.254"
+        << QStringList{"192.168.1.9", "192.168.1.11"}
+        << QStringList{"192.168.1.0", "192.168.1.255", "192.168.100.1"};
+    QTest::newRow("/16: the .100 range first, then its own /22")
+        << "10.88.4.1" << 16 << 254 + 1021 << "10.88.100.1" << "10.88.7.254"
+        << QStringList{"10.88.100.254", "10.88.4.2", "10.88.6.9"}
+        << QStringList{"10.88.3.254", "10.88.8.1", "10.88.50.5", "10.88.100.0"};
+    QTest::newRow("/16 inside the .100 range: each address once")
+        << "10.5.100.50" << 16 << 1021 << "10.5.100.1" << "10.5.103.254"
+        << QStringList{"10.5.101.1"} << QStringList{"10.5.104.1"};
+    QTest::newRow("/20: capped to the /22 that holds it, no .100 range")
+        << "172.16.9.200" << 20 << 1021 << "172.16.8.1" << "172.16.11.254"
+        << QStringList{"172.16.11.1"} << QStringList{"172.16.12.1", "172.16.100.1"};
+    QTest::newRow("/8: .100 range of its first two octets and its /22")
+        << "10.20.30.40" << 8 << 254 + 1021 << "10.20.100.1" << "10.20.31.254"
+        << QStringList{"10.20.28.1"} << QStringList{"10.21.100.1"};
+    QTest::newRow("/30: the one other host") << "10.0.0.1" << 30 << 1 << "10.0.0.2"
+                                             << "10.0.0.2" << QStringList{} << QStringList{};
+    QTest::newRow("/31: nothing to probe") << "10.0.0.0" << 31 << 0 << "" << ""
+                                           << QStringList{} << QStringList{};
+    QTest::newRow("/32: nothing to probe") << "10.0.0.7" << 32 << 0 << "" << ""
+                                           << QStringList{} << QStringList{};
+}
+
+void DiscoveryRulesTest::sweepAddresses()
+{
+    QFETCH(QString, address);
+    QFETCH(int, prefixLength);
+    QFETCH(int, count);
+    QFETCH(QString, first);
+    QFETCH(QString, last);
+    QFETCH(QStringList, probed);
+    QFETCH(QStringList, notProbed);
+
+    const ScanTarget on = target(address.toLatin1().constData(), prefixLength);
+    const std::vector<std::uint32_t> list = EosDiscovery::sweepAddresses(on);
+    QCOMPARE(int(list.size()), count);
+    const std::set<std::uint32_t> unique(list.begin(), list.end());
+    QCOMPARE(unique.size(), list.size());
+    QVERIFY(!unique.contains(on.address));
+    if (count == 0)
+        return;
+    QCOMPARE(QHostAddress(list.front()).toString(), first);
+    QCOMPARE(QHostAddress(list.back()).toString(), last);
+    for (const QString& host : probed)
+        QVERIFY2(unique.contains(ip(host.toLatin1().constData())), qPrintable(host));
+    for (const QString& host : notProbed)
+        QVERIFY2(!unique.contains(ip(host.toLatin1().constData())), qPrintable(host));
+}
+
+void DiscoveryRulesTest::consoleFromReply_data()
+{
+    QTest::addColumn<OSCMessage>("reply");
+    QTest::addColumn<bool>("isConsole");
+    QTest::addColumn<QString>("deviceName");
+    QTest::addColumn<QString>("consoleID");
+    QTest::addColumn<QString>("version");
+
+    // An empty text column stands for an absent value.
+    QTest::newRow("full reply")
+        << OSCMessage{"/etc/discovery/reply", {3037, std::string("Booth Ion"), std::string("ION-7"), std::string("3.2.1")}}
+        << true << "Booth Ion" << "ION-7" << "3.2.1";
+    QTest::newRow("numbers become text")
+        << OSCMessage{"/etc/discovery/reply", {3037, 1.1f, 42, 0.5f}} << true << "1.1" << "42"
+        << "0.5";
+    QTest::newRow("a blob is absent")
+        << OSCMessage{"/etc/discovery/reply", {3037, QByteArray("\x01"), std::string("ID")}}
+        << true << "" << "ID" << "";
+    QTest::newRow("one argument: host only")
+        << OSCMessage{"/etc/discovery/reply", {std::string("Booth Ion")}} << true << "" << ""
+        << "";
+    QTest::newRow("no arguments: host only")
+        << OSCMessage{"/etc/discovery", {}} << true << "" << "" << "";
+    QTest::newRow("two arguments: a name only")
+        << OSCMessage{"/etc/discovery/answer", {3037, std::string("Gio")}} << true << "Gio" << ""
+        << "";
+    QTest::newRow("our own request heard back")
+        << OSCMessage{"/etc/discovery/request", {50000, std::string("Orvane")}} << false << ""
+        << "" << "";
+    QTest::newRow("another address")
+        << OSCMessage{"/eos/out/ping", {3037, std::string("x")}} << false << "" << "" << "";
+    QTest::newRow("a lookalike prefix")
+        << OSCMessage{"/etc/discoveryX", {3037, std::string("x")}} << true << "x" << "" << "";
+}
+
+void DiscoveryRulesTest::consoleFromReply()
+{
+    QFETCH(OSCMessage, reply);
+    QFETCH(bool, isConsole);
+    QFETCH(QString, deviceName);
+    QFETCH(QString, consoleID);
+    QFETCH(QString, version);
+
+    const ScanTarget on = target("10.0.0.1", 24, NetworkKind::wifi);
+    const auto found = EosDiscovery::consoleFromReply(reply, QStringLiteral("10.0.0.9"), on);
+    QCOMPARE(found.has_value(), isConsole);
+    if (!found)
+        return;
+    const auto orEmpty = [](const std::optional<QString>& text) { return text.value_or(QString()); };
+    QCOMPARE(found->host, QStringLiteral("10.0.0.9"));
+    QCOMPARE(found->interfaceName, QStringLiteral("eth0"));
+    QCOMPARE(found->network, NetworkKind::wifi);
+    QCOMPARE(found->showName, std::nullopt);
+    QCOMPARE(orEmpty(found->deviceName), deviceName);
+    QCOMPARE(orEmpty(found->consoleID), consoleID);
+    QCOMPARE(orEmpty(found->version), version);
+}
+
+void DiscoveryRulesTest::mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface()
+{
+    DiscoveredConsole replied = console("10.0.0.5", "eth0");
+    replied.deviceName = QStringLiteral("Ion");
+    replied.consoleID = QStringLiteral("ION-1");
+    replied.version = QStringLiteral("3.2");
+    DiscoveredConsole repliedOnWifi = replied;
+    repliedOnWifi.interfaceName = QStringLiteral("wlan0");
+    DiscoveredConsole probed = console("10.0.0.5", "eth0");
+    probed.showName = QStringLiteral("Hamlet");
+    probed.version = QStringLiteral("3.2.0.1");
+    DiscoveredConsole probedOnly = console("10.0.0.9", "eth0");
+    probedOnly.showName = QStringLiteral("Lear");
+
+    const QList<DiscoveredConsole> joined =
+        EosDiscovery::merge({replied, repliedOnWifi}, {probedOnly, probed});
+    QCOMPARE(joined.size(), 3);
+    QCOMPARE(joined[0].id(), QStringLiteral("10.0.0.5%eth0"));
+    QCOMPARE(joined[0].showName, std::optional<QString>(QStringLiteral("Hamlet")));
+    QCOMPARE(joined[0].version, std::optional<QString>(QStringLiteral("3.2")));
+    QCOMPARE(joined[0].consoleID, std::optional<QString>(QStringLiteral("ION-1")));
+    QCOMPARE(joined[0].shownName(), QStringLiteral("Hamlet"));
+    QCOMPARE(joined[1], repliedOnWifi); // the same console on another interface stays apart
+    QCOMPARE(joined[1].shownName(), QStringLiteral("Ion"));
+    QCOMPARE(joined[2], probedOnly);
+}
+
+void DiscoveryRulesTest::interfaceKind_data()
+{
+    QTest::addColumn<QStringList>("files"); // paths under the interface folder, "name=content"
+    QTest::addColumn<NetworkKind>("kind");
+
+    QTest::newRow("wireless folder") << QStringList{"type=1", "device/", "wireless/"}
+                                     << NetworkKind::wifi;
+    QTest::newRow("ethernet of a device") << QStringList{"type=1", "device/"} << NetworkKind::wired;
+    QTest::newRow("virtual ethernet (veth, bridge)") << QStringList{"type=1"}
+                                                     << NetworkKind::other;
+    QTest::newRow("tunnel of a device") << QStringList{"type=65534", "device/"}
+                                        << NetworkKind::other;
+    QTest::newRow("no type file") << QStringList{"device/"} << NetworkKind::other;
+}
+
+void DiscoveryRulesTest::interfaceKind()
+{
+    QFETCH(QStringList, files);
+    QFETCH(NetworkKind, kind);
+
+    QTemporaryDir root;
+    QVERIFY(root.isValid());
+    QDir folder(root.path());
+    QVERIFY(folder.mkdir(QStringLiteral("net0")));
+    folder.cd(QStringLiteral("net0"));
+    for (const QString& entry : files) {
+        if (entry.endsWith(QLatin1Char('/'))) {
+            QVERIFY(folder.mkdir(entry.chopped(1)));
+            continue;
+        }
+        const QStringList nameAndContent = entry.split(QLatin1Char('='));
+        QFile file(folder.filePath(nameAndContent[0]));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(nameAndContent[1].toLatin1() + '\n');
+    }
+    QCOMPARE(sockets::interfaceKind(QStringLiteral("net0"), root.path()), kind);
+    QCOMPARE(sockets::interfaceKind(QStringLiteral("missing0"), root.path()), NetworkKind::other);
+}
+
+QTEST_GUILESS_MAIN(DiscoveryRulesTest)
+#include "DiscoveryRulesTest.moc"

@@ -41,8 +41,14 @@ void decodeRead(benchmark::State& state, OSCFraming framing)
     state.SetItemsProcessed(state.iterations() * packets);
 }
 
-void decodeSlip(benchmark::State& state) { decodeRead(state, OSCFraming::slip); }
-void decodeLengthPrefixed(benchmark::State& state) { decodeRead(state, OSCFraming::lengthPrefixed); }
+void decodeSlip(benchmark::State& state)
+{
+    decodeRead(state, OSCFraming::slip);
+}
+void decodeLengthPrefixed(benchmark::State& state)
+{
+    decodeRead(state, OSCFraming::lengthPrefixed);
+}
 
 } // namespace
 

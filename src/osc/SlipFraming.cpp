@@ -24,7 +24,10 @@ QByteArray encodeSLIP(QByteArrayView packet)
     return frame;
 }
 
-SLIPDecoder::SLIPDecoder(qsizetype maximumPacketSize) : maximumPacketSize_(maximumPacketSize) {}
+SLIPDecoder::SLIPDecoder(qsizetype maximumPacketSize)
+    : maximumPacketSize_(maximumPacketSize)
+{
+}
 
 QByteArrayList SLIPDecoder::decode(QByteArrayView chunk)
 {
@@ -35,15 +38,15 @@ QByteArrayList SLIPDecoder::decode(QByteArrayView chunk)
         if (isEscaping_) {
             isEscaping_ = false;
             const char byte = *at++;
-            const char meant = byte == slip::kEscEsc ? slip::kEsc
-                             : byte == slip::kEscEnd ? slip::kEnd
-                                                     : byte;
+            const char meant = byte == slip::kEscEsc   ? slip::kEsc
+                               : byte == slip::kEscEnd ? slip::kEnd
+                                                       : byte;
             buffer_.push_back(meant);
             continue;
         }
         // Copy the run of plain bytes in one go, then act on the special byte after it.
-        const char* special =
-            std::find_if(at, end, [](char byte) { return byte == slip::kEnd || byte == slip::kEsc; });
+        const char* special = std::find_if(
+            at, end, [](char byte) { return byte == slip::kEnd || byte == slip::kEsc; });
         append(at, special);
         if (special == end)
             break;

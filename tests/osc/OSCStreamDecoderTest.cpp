@@ -60,8 +60,8 @@ void OSCStreamDecoderTest::slipEncodesWithEndOnBothSides_data()
     QTest::newRow("plain") << QByteArray("ab") << bytes({0xC0, 'a', 'b', 0xC0});
     QTest::newRow("end and escape bytes")
         << bytes({0xC0, 0x01, 0xDB}) << bytes({0xC0, 0xDB, 0xDC, 0x01, 0xDB, 0xDD, 0xC0});
-    QTest::newRow("escape codes alone are plain") << bytes({0xDC, 0xDD})
-                                                  << bytes({0xC0, 0xDC, 0xDD, 0xC0});
+    QTest::newRow("escape codes alone are plain")
+        << bytes({0xDC, 0xDD}) << bytes({0xC0, 0xDC, 0xDD, 0xC0});
 }
 
 void OSCStreamDecoderTest::slipEncodesWithEndOnBothSides()
@@ -84,8 +84,8 @@ void OSCStreamDecoderTest::slipDecodesFrames_data()
         << bytes({0xC0, 0xDB, 0x41, 0xC0}) << QByteArrayList{QByteArray("A")};
     QTest::newRow("escape before end takes the end as data")
         << bytes({0x41, 0xDB, 0xC0, 0x42, 0xC0}) << QByteArrayList{bytes({0x41, 0xC0, 0x42})};
-    QTest::newRow("single-end framing") << QByteArray("one\xC0two\xC0")
-                                        << QByteArrayList{"one", "two"};
+    QTest::newRow("single-end framing")
+        << QByteArray("one\xC0two\xC0") << QByteArrayList{"one", "two"};
     QTest::newRow("double-end framing, in order")
         << (encodeSLIP("first") + encodeSLIP("second") + encodeSLIP("third"))
         << QByteArrayList{"first", "second", "third"};

@@ -107,9 +107,10 @@ std::vector<OSCArgument> PretendQLab::lastArguments(const QString& address) cons
     return found == lastArguments_.end() ? std::vector<OSCArgument>{} : found->second;
 }
 
-void PretendQLab::openWorkspace(const QString& id, const QString& name, const QString& passcode)
+void PretendQLab::openWorkspace(const QString& id, const QString& name, const QString& passcode,
+                                const QStringList& deniedPasscodes)
 {
-    workspaces_.push_back({id, name, passcode, {}, {}, {}});
+    workspaces_.push_back({id, name, passcode, deniedPasscodes, {}, {}, {}});
 }
 
 void PretendQLab::closeWorkspace(const QString& id)
@@ -267,6 +268,10 @@ void PretendQLab::handleWorkspace(Connection& connection, const OSCMessage& mess
     }
     if (method == u"connect") {
         const QString given = message.arguments.empty() ? QString() : textOf(message.arguments[0]);
+        if (workspace->deniedPasscodes.contains(given)) {
+            reply(connection, address, QStringLiteral("ok"), QStringLiteral("denied"), id);
+            return;
+        }
         if (!workspace->passcode.isEmpty() && given != workspace->passcode) {
             reply(connection, address, QStringLiteral("ok"), QStringLiteral("badpass"), id);
             return;

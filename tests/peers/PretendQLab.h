@@ -52,8 +52,10 @@ public:
     // QLab quits: the listening socket and every connection close.
     void quit();
 
-    // Opens a workspace; a non-empty passcode is asked for on connect.
-    void openWorkspace(const QString& id, const QString& name, const QString& passcode = {});
+    // Opens a workspace; a non-empty passcode is asked for on connect. A passcode among
+    // `deniedPasscodes` is known but grants no OSC access: QLab answers "denied".
+    void openWorkspace(const QString& id, const QString& name, const QString& passcode = {},
+                       const QStringList& deniedPasscodes = {});
     // Closes a workspace: connections that joined it are told "/update/workspace/ID/disconnect".
     void closeWorkspace(const QString& id);
     void addCue(const QString& workspaceID, const Cue& cue);
@@ -92,6 +94,7 @@ private:
         QString id;
         QString name;
         QString passcode;
+        QStringList deniedPasscodes;
         std::vector<Cue> cues;
         std::map<QString, RunState> running;
         std::vector<QString> runningOrder;

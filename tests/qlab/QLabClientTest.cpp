@@ -170,7 +170,7 @@ void QLabClientTest::keepAliveThumpsAndRefreshesTheList()
 
 void QLabClientTest::asksForThePasscodeUntilItIsRight()
 {
-    qlab_->openWorkspace("W1", "Hamlet.qlab5", "1234");
+    qlab_->openWorkspace("W1", "Hamlet.qlab5", "1234", {"view"});
     QLabClient client(*clock_);
     client.apply(settingsFor());
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::passcodeRequired, kWaitMs);
@@ -187,6 +187,11 @@ void QLabClientTest::asksForThePasscodeUntilItIsRight()
     client.apply(settingsFor("4321"));
     QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspace/W1/connect"), 2, kWaitMs);
     QCOMPARE(lastString(*qlab_, "/workspace/W1/connect"), QStringLiteral("4321"));
+    QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::passcodeRequired, kWaitMs);
+
+    // A passcode that QLab knows but that grants no OSC access is "denied".
+    client.apply(settingsFor("view"));
+    QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspace/W1/connect"), 3, kWaitMs);
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::passcodeRequired, kWaitMs);
 
     client.apply(settingsFor("1234"));

@@ -1,0 +1,74 @@
+#include "capture/CameraFeed.h"
+
+#include "base/Checks.h"
+
+namespace orvane {
+
+CameraFeed::CameraFeed(QUuid id, Clock& clock, QObject* parent)
+    : QObject(parent), id_(id), engine_(clock, this)
+{
+    connect(&engine_, &CaptureEngine::framesStarted, this, [this](QSize size) {
+        if (videoSize_ != size) {
+            videoSize_ = size;
+            Q_EMIT videoSizeChanged();
+        }
+        if (state_.kind == FeedState::Kind::starting)
+            setState(FeedState::of(FeedState::Kind::live));
+    });
+}
+
+void CameraFeed::apply(const Feed& feed, bool isAuthorized)
+{
+    assertOnOwnThread(this);
+    engine_.setMirrored(feed.isMirrored);
+    if (!isAuthorized)
+        return setState(FeedState::of(FeedState::Kind::noAccess));
+    if (!feed.deviceID)
+        return setState(FeedState::of(FeedState::Kind::unassigned));
+    if (!feed.isAvailable) {
+        // The engine lost the device; when it comes back it is opened anew.
+        configuredDevice_.reset();
+        return setState(
+            FeedState::disconnected(feed.deviceName.value_or(QStringLiteral("The camera"))));
+    }
+    if (configuredDevice_ && *configuredDevice_ == feed.deviceID)
+        return;
+    configuredDevice_ = feed.deviceID;
+    const int generation = ++configureGeneration_;
+    engine_.configure(feed.deviceID, std::nullopt, [this, generation](auto error) {
+        if (generation != configureGeneration_)
+            return; // a later apply superseded this one
+        if (error)
+            setState(FeedState::failed(error->description()));
+        else if (state_.kind != FeedState::Kind::live)
+            setState(FeedState::of(FeedState::Kind::starting));
+    });
+}
+
+void CameraFeed::startRecording(const QString& path, MovieCodec codec)
+{
+    engine_.startRecording(path, codec, false);
+}
+
+void CameraFeed::stopRecording(std::function<void(Recorder::Outcome)> done)
+{
+    engine_.stopRecording(std::move(done));
+}
+
+void CameraFeed::stop()
+{
+    assertOnOwnThread(this);
+    ++configureGeneration_;
+    configuredDevice_ = std::optional<QString>();
+    engine_.configure(std::nullopt, std::nullopt);
+}
+
+void CameraFeed::setState(FeedState state)
+{
+    if (state == state_)
+        return;
+    state_ = std::move(state);
+    Q_EMIT stateChanged();
+}
+
+} // namespace orvane

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "base/Clock.h"
+#include "capture/CameraMode.h"
+#include "capture/CaptureSource.h"
+
+#include <QFileSystemWatcher>
+#include <QObject>
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace orvane {
+
+class AudioSource;
+class VideoSource;
+
+// The cameras and microphones attached to this computer, kept up to date as devices come and
+// go: Video4Linux2 cameras that capture video, then the built-in "Test Pattern"; PulseAudio or
+// PipeWire sources. Main thread only (the open* functions: any thread).
+class CaptureDevices : public QObject {
+    Q_OBJECT
+
+public:
+    // Whether Orvane may use a kind of device: on Linux, whether its device nodes open.
+    enum class Authorization { notDetermined, restricted, denied, authorized };
+    Q_ENUM(Authorization)
+
+    // `deviceFolder` holds the video device nodes; the watchers listen for changes in it.
+    explicit CaptureDevices(QString deviceFolder = QStringLiteral("/dev"),
+                            QObject* parent = nullptr);
+
+    const std::vector<CaptureSource>& cameras() const { return cameras_; }
+    const std::vector<CaptureSource>& microphones() const { return microphones_; }
+    Authorization cameraAuthorization() const { return cameraAuthorization_; }
+    Authorization microphoneAuthorization() const { return microphoneAuthorization_; }
+
+    // Lists the devices again; lists are replaced, and their signals sent, only on change.
+    void refresh();
+    // Asks for access again (a user added to the "video" group, a node's mode changed).
+    void requestCameraAccess();
+    void requestMicrophoneAccess();
+
+    // Opens a Video4Linux2 camera or a sound source by identifier; nullptr when it cannot be
+    // found or opened.
+    static std::unique_ptr<VideoSource> openCamera(const QString& id, Clock& clock);
+    static std::unique_ptr<AudioSource> openMicrophone(const QString& id, Clock& clock);
+
+    // Whether a node with these capabilities (VIDIOC_QUERYCAP) captures video.
+    static bool capturesVideo(quint32 capabilities, quint32 deviceCapabilities);
+    // The modes a camera node offers, and the one it is set to.
+    struct NodeModes {
+        CameraMode active;
+        std::vector<CameraMode> offered;
+    };
+    static std::optional<NodeModes> queryModes(const QString& path);
+
+Q_SIGNALS:
+    void camerasChanged();
+    void microphonesChanged();
+    void cameraAuthorizationChanged();
+    void microphoneAuthorizationChanged();
+
+private:
+    void watch();
+
+    QString deviceFolder_;
+    std::vector<CaptureSource> cameras_;
+    std::vector<CaptureSource> microphones_;
+    Authorization cameraAuthorization_ = Authorization::notDetermined;
+    Authorization microphoneAuthorization_ = Authorization::notDetermined;
+    QFileSystemWatcher watcher_{this};
+};
+
+} // namespace orvane

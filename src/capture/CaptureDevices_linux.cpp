@@ -1,0 +1,473 @@
+#include "capture/CaptureDevices.h"
+
+#include "base/Checks.h"
+#include "capture/AudioSource.h"
+#include "capture/CaptureLog.h"
+#include "capture/Frame.h"
+#include "capture/TestPatternSource.h"
+#include "capture/VideoSource.h"
+
+#include <QCollator>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavdevice/avdevice.h>
+#include <libavformat/avformat.h>
+#include <libavutil/time.h>
+#include <libswscale/swscale.h>
+}
+
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <thread>
+#include <unistd.h>
+
+namespace orvane {
+
+namespace {
+
+void registerDevices()
+{
+    static const bool registered = [] {
+        avdevice_register_all();
+        return true;
+    }();
+    (void)registered;
+}
+
+int ioctlRetrying(int fd, unsigned long request, void* argument)
+{
+    int result;
+    do
+        result = ::ioctl(fd, request, argument);
+    while (result < 0 && errno == EINTR);
+    return result;
+}
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+struct PixelFormatName {
+    quint32 fourcc;
+    const char* name;
+    double bytesPerPixel;
+};
+constexpr PixelFormatName kPixelFormats[] = {
+    {V4L2_PIX_FMT_YUYV, "yuyv422", 2},   {V4L2_PIX_FMT_UYVY, "uyvy422", 2},
+    {V4L2_PIX_FMT_NV12, "nv12", 1.5},    {V4L2_PIX_FMT_YUV420, "yuv420p", 1.5},
+    {V4L2_PIX_FMT_RGB24, "rgb24", 3},    {V4L2_PIX_FMT_BGR24, "bgr24", 3},
+    {V4L2_PIX_FMT_MJPEG, "mjpeg", 0},    {V4L2_PIX_FMT_JPEG, "mjpeg", 0},
+    {V4L2_PIX_FMT_H264, "h264", 0},
+};
+
+const PixelFormatName* pixelFormat(quint32 fourcc)
+{
+    for (const auto& format : kPixelFormats)
+        if (format.fourcc == fourcc)
+            return &format;
+    return nullptr;
+}
+
+std::vector<FrameRateRange> frameRates(int fd, quint32 fourcc, int width, int height)
+{
+    std::vector<FrameRateRange> rates;
+    v4l2_frmivalenum interval{};
+    interval.pixel_format = fourcc;
+    interval.width = quint32(width);
+    interval.height = quint32(height);
+    for (interval.index = 0; ioctlRetrying(fd, VIDIOC_ENUM_FRAMEINTERVALS, &interval) == 0;
+         ++interval.index) {
+        if (interval.type == V4L2_FRMIVAL_TYPE_DISCRETE) {
+            if (interval.discrete.numerator == 0)
+                continue;
+            const double fps = double(interval.discrete.denominator) / interval.discrete.numerator;
+            rates.push_back({fps, fps});
+        } else {
+            const auto& s = interval.stepwise;
+            if (s.min.numerator == 0 || s.max.numerator == 0)
+                continue;
+            rates.push_back({double(s.max.denominator) / s.max.numerator,
+                             double(s.min.denominator) / s.min.numerator});
+            break; // a stepwise range is the only entry
+        }
+    }
+    return rates;
+}
+
+// The identifier of a node that survives a restart and another USB port where it can: its
+// name under /dev/v4l/by-id, else the node's own path.
+QString stableID(const QString& nodePath)
+{
+    const QDir byID(QStringLiteral("/dev/v4l/by-id"));
+    for (const auto& link : byID.entryInfoList(QDir::System | QDir::Files | QDir::NoDotAndDotDot))
+        if (link.canonicalFilePath() == QFileInfo(nodePath).canonicalFilePath())
+            return link.absoluteFilePath();
+    return nodePath;
+}
+
+// A Video4Linux2 camera read through libavdevice, each picture decoded when compressed and
+// converted to BGRA once, straight into the frame's buffer.
+class V4L2Camera final : public VideoSource {
+public:
+    ~V4L2Camera() override
+    {
+        sws_freeContext(scaler_);
+        av_packet_free(&packet_);
+        av_frame_free(&decoded_);
+        avcodec_free_context(&decoder_);
+        avformat_close_input(&input_);
+    }
+
+    static std::unique_ptr<V4L2Camera> open(const QString& path, Clock& clock)
+    {
+        const auto modes = CaptureDevices::queryModes(path);
+        if (!modes)
+            return nullptr;
+        const CameraMode chosen = CameraMode::choose(modes->active, modes->offered);
+        auto camera = std::unique_ptr<V4L2Camera>(new V4L2Camera(clock));
+        int result = camera->openMode(path, chosen);
+        if (result == AVERROR(ENOSPC) && !chosen.compressed) {
+            // The bus is full: ask for compressed pictures of the same size.
+            for (const auto& mode : modes->offered)
+                if (mode.compressed && mode.width == chosen.width && mode.height == chosen.height) {
+                    camera = std::unique_ptr<V4L2Camera>(new V4L2Camera(clock));
+                    result = camera->openMode(path, mode);
+                    break;
+                }
+        }
+        if (result < 0) {
+            char text[AV_ERROR_MAX_STRING_SIZE] = {};
+            av_strerror(result, text, sizeof text);
+            qCWarning(lcCapture, "capture: could not open camera %s: %s", qPrintable(path), text);
+            return nullptr;
+        }
+        return camera;
+    }
+
+    int width() const override { return decoder_->width; }
+    int height() const override { return decoder_->height; }
+    double frameDuration() const override { return frameDuration_; }
+
+    Wait waitForFrame(Seconds limit) override
+    {
+        const Instant until = clock_.now() + std::chrono::duration_cast<Instant::duration>(limit);
+        for (;;) {
+            const int result = av_read_frame(input_, packet_);
+            if (result >= 0)
+                return Wait::frameReady;
+            if (result != AVERROR(EAGAIN))
+                return Wait::lost;
+            if (clock_.now() >= until)
+                return Wait::nothingYet;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+    std::optional<Instant> readFrame(Frame& frame) override
+    {
+        std::optional<Instant> presentedAt;
+        if (packet_->pts != AV_NOPTS_VALUE) {
+            // Kernel time stamps come converted to the wall clock, in microseconds.
+            const double age = double(av_gettime() - packet_->pts) / 1e6;
+            presentedAt = addSeconds(clock_.now(), -age);
+        }
+        const int sent = avcodec_send_packet(decoder_, packet_);
+        av_packet_unref(packet_);
+        if (sent < 0 || avcodec_receive_frame(decoder_, decoded_) < 0) {
+            std::fill_n(frame.pixels, std::size_t(frame.bytesPerLine) * frame.height, 0);
+            return presentedAt;
+        }
+        scaler_ = sws_getCachedContext(scaler_, decoded_->width, decoded_->height,
+                                       AVPixelFormat(decoded_->format), frame.width, frame.height,
+                                       AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+        std::uint8_t* target[1] = {frame.pixels};
+        const int targetStride[1] = {frame.bytesPerLine};
+        sws_scale(scaler_, decoded_->data, decoded_->linesize, 0, decoded_->height, target,
+                  targetStride);
+        av_frame_unref(decoded_);
+        return presentedAt;
+    }
+
+    void skipFrame() override { av_packet_unref(packet_); }
+
+private:
+    explicit V4L2Camera(Clock& clock) : clock_(clock) {}
+
+    int openMode(const QString& path, const CameraMode& mode)
+    {
+        registerDevices();
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "video_size",
+                    QStringLiteral("%1x%2").arg(mode.width).arg(mode.height).toUtf8(), 0);
+        av_dict_set(&options, "input_format", mode.pixelFormat.toUtf8(), 0);
+        av_dict_set(&options, "timestamps", "mono2abs", 0);
+        if (const auto rate = CameraMode::fastest(mode.rates))
+            av_dict_set(&options, "framerate", QByteArray::number(rate->maximum), 0);
+        input_ = avformat_alloc_context();
+        input_->flags |= AVFMT_FLAG_NONBLOCK;
+        int result = avformat_open_input(&input_, QFile::encodeName(path).constData(),
+                                         av_find_input_format("video4linux2"), &options);
+        av_dict_free(&options);
+        if (result < 0)
+            return result;
+        if (input_->nb_streams < 1)
+            return AVERROR_STREAM_NOT_FOUND;
+        const AVStream* stream = input_->streams[0];
+        const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+        if (!codec)
+            return AVERROR_DECODER_NOT_FOUND;
+        decoder_ = avcodec_alloc_context3(codec);
+        avcodec_parameters_to_context(decoder_, stream->codecpar);
+        result = avcodec_open2(decoder_, codec, nullptr);
+        if (result < 0)
+            return result;
+        const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate
+                                                                : stream->r_frame_rate;
+        frameDuration_ = rate.num > 0 ? av_q2d(av_inv_q(rate)) : 1.0 / 30;
+        packet_ = av_packet_alloc();
+        decoded_ = av_frame_alloc();
+        return 0;
+    }
+
+    Clock& clock_;
+    AVFormatContext* input_ = nullptr;
+    AVCodecContext* decoder_ = nullptr;
+    AVPacket* packet_ = nullptr;
+    AVFrame* decoded_ = nullptr;
+    SwsContext* scaler_ = nullptr;
+    double frameDuration_ = 1.0 / 30;
+};
+
+// A PulseAudio (or PipeWire) source read through libavdevice, without blocking: 48 kHz
+// stereo, 16-bit samples turned into floats.
+class PulseMicrophone final : public AudioSource {
+public:
+    ~PulseMicrophone() override
+    {
+        av_packet_free(&packet_);
+        avformat_close_input(&input_);
+    }
+
+    static std::unique_ptr<PulseMicrophone> open(const QString& id, Clock& clock)
+    {
+        registerDevices();
+        const AVInputFormat* pulse = av_find_input_format("pulse");
+        if (!pulse)
+            return nullptr;
+        auto microphone = std::unique_ptr<PulseMicrophone>(new PulseMicrophone(clock));
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "sample_rate", "48000", 0);
+        av_dict_set(&options, "channels", "2", 0);
+        av_dict_set(&options, "fragment_size", "1920", 0); // 10 ms
+        microphone->input_ = avformat_alloc_context();
+        microphone->input_->flags |= AVFMT_FLAG_NONBLOCK;
+        const int result = avformat_open_input(&microphone->input_, id.toUtf8().constData(),
+                                               pulse, &options);
+        av_dict_free(&options);
+        if (result < 0)
+            return nullptr;
+        microphone->packet_ = av_packet_alloc();
+        return microphone;
+    }
+
+    Read read(AudioBuffer& into) override
+    {
+        const int result = av_read_frame(input_, packet_);
+        if (result == AVERROR(EAGAIN))
+            return Read::nothing;
+        if (result < 0)
+            return Read::lost;
+        const int samples = packet_->size / 2;
+        into.channels = 2;
+        into.sampleRate = 48000;
+        into.samples.resize(std::size_t(samples));
+        const auto* pcm = reinterpret_cast<const std::int16_t*>(packet_->data);
+        for (int i = 0; i < samples; ++i)
+            into.samples[std::size_t(i)] = float(pcm[i]) / 32768.0f;
+        const double age = packet_->pts != AV_NOPTS_VALUE
+                               ? double(av_gettime() - packet_->pts) / 1e6
+                               : 0.0;
+        into.presentedAt = addSeconds(clock_.now(), -std::clamp(age, 0.0, 1.0));
+        av_packet_unref(packet_);
+        return Read::buffer;
+    }
+
+private:
+    explicit PulseMicrophone(Clock& clock) : clock_(clock) {}
+
+    Clock& clock_;
+    AVFormatContext* input_ = nullptr;
+    AVPacket* packet_ = nullptr;
+};
+
+std::vector<CaptureSource> listMicrophones()
+{
+    registerDevices();
+    std::vector<CaptureSource> found;
+    const AVInputFormat* pulse = av_find_input_format("pulse");
+    AVDeviceInfoList* list = nullptr;
+    if (!pulse || avdevice_list_input_sources(pulse, nullptr, nullptr, &list) < 0) {
+        avdevice_free_list_devices(&list);
+        return found;
+    }
+    for (int i = 0; i < list->nb_devices; ++i) {
+        const AVDeviceInfo* device = list->devices[i];
+        const QString id = QString::fromUtf8(device->device_name);
+        if (id.endsWith(QStringLiteral(".monitor"))) // what a sound card plays, not a microphone
+            continue;
+        found.push_back({id, QString::fromUtf8(device->device_description)});
+    }
+    avdevice_free_list_devices(&list);
+    return found;
+}
+
+} // namespace
+
+CaptureDevices::CaptureDevices(QString deviceFolder, QObject* parent)
+    : QObject(parent), deviceFolder_(std::move(deviceFolder))
+{
+    refresh();
+    watch();
+    connect(&watcher_, &QFileSystemWatcher::directoryChanged, this, [this] {
+        refresh();
+        watch(); // a sound folder that appeared is watched too
+    });
+}
+
+void CaptureDevices::watch()
+{
+    for (const QString& folder : {deviceFolder_, deviceFolder_ + QStringLiteral("/snd")})
+        if (QFileInfo(folder).isDir() && !watcher_.directories().contains(folder))
+            watcher_.addPath(folder);
+}
+
+bool CaptureDevices::capturesVideo(quint32 capabilities, quint32 deviceCapabilities)
+{
+    const quint32 caps =
+        (capabilities & V4L2_CAP_DEVICE_CAPS) ? deviceCapabilities : capabilities;
+    return (caps & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE)) &&
+           (caps & V4L2_CAP_STREAMING);
+}
+
+std::optional<CaptureDevices::NodeModes> CaptureDevices::queryModes(const QString& path)
+{
+    FileDescriptor fd(::open(QFile::encodeName(path).constData(), O_RDWR | O_NONBLOCK));
+    if (fd.get() < 0)
+        return std::nullopt;
+    v4l2_format current{};
+    current.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (ioctlRetrying(fd.get(), VIDIOC_G_FMT, &current) < 0)
+        return std::nullopt;
+    NodeModes modes;
+    bool activeKnown = false;
+    v4l2_fmtdesc description{};
+    description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    for (description.index = 0; ioctlRetrying(fd.get(), VIDIOC_ENUM_FMT, &description) == 0;
+         ++description.index) {
+        const PixelFormatName* name = pixelFormat(description.pixelformat);
+        if (!name)
+            continue;
+        CameraMode mode;
+        mode.pixelFormat = QString::fromLatin1(name->name);
+        mode.compressed = (description.flags & V4L2_FMT_FLAG_COMPRESSED) != 0;
+        mode.bytesPerPixel = name->bytesPerPixel;
+        mode.width = int(current.fmt.pix.width);
+        mode.height = int(current.fmt.pix.height);
+        mode.rates = frameRates(fd.get(), description.pixelformat, mode.width, mode.height);
+        if (description.pixelformat == current.fmt.pix.pixelformat) {
+            modes.active = mode;
+            activeKnown = true;
+        }
+        if (!mode.rates.empty())
+            modes.offered.push_back(mode);
+    }
+    if (!activeKnown)
+        return std::nullopt;
+    return modes;
+}
+
+void CaptureDevices::refresh()
+{
+    assertOnOwnThread(this);
+    std::vector<CaptureSource> cameras;
+    bool denied = false;
+    QStringList nodes = QDir(deviceFolder_).entryList({QStringLiteral("video*")}, QDir::System |
+                                                                                      QDir::Files);
+    nodes = nodes.filter(QRegularExpression(QStringLiteral("^video[0-9]+$")));
+    QCollator numeric;
+    numeric.setNumericMode(true);
+    std::sort(nodes.begin(), nodes.end(), numeric);
+    for (const QString& node : nodes) {
+        const QString path = deviceFolder_ + QLatin1Char('/') + node;
+        FileDescriptor fd(::open(QFile::encodeName(path).constData(), O_RDWR | O_NONBLOCK));
+        if (fd.get() < 0) {
+            denied = denied || errno == EACCES;
+            continue;
+        }
+        v4l2_capability capability{};
+        if (ioctlRetrying(fd.get(), VIDIOC_QUERYCAP, &capability) < 0 ||
+            !capturesVideo(capability.capabilities, capability.device_caps))
+            continue;
+        cameras.push_back({stableID(path), QString::fromUtf8(reinterpret_cast<const char*>(
+                                               capability.card))});
+    }
+    cameras.push_back(TestPatternSource::source());
+    const auto cameraAuthorization = denied ? Authorization::denied : Authorization::authorized;
+    auto microphones = listMicrophones();
+
+    if (cameras != cameras_) {
+        cameras_ = std::move(cameras);
+        Q_EMIT camerasChanged();
+    }
+    if (microphones != microphones_) {
+        microphones_ = std::move(microphones);
+        Q_EMIT microphonesChanged();
+    }
+    if (cameraAuthorization != cameraAuthorization_) {
+        cameraAuthorization_ = cameraAuthorization;
+        Q_EMIT cameraAuthorizationChanged();
+    }
+    if (microphoneAuthorization_ != Authorization::authorized) {
+        microphoneAuthorization_ = Authorization::authorized;
+        Q_EMIT microphoneAuthorizationChanged();
+    }
+}
+
+void CaptureDevices::requestCameraAccess()
+{
+    refresh();
+}
+
+void CaptureDevices::requestMicrophoneAccess()
+{
+    refresh();
+}
+
+std::unique_ptr<VideoSource> CaptureDevices::openCamera(const QString& id, Clock& clock)
+{
+    return V4L2Camera::open(id, clock);
+}
+
+std::unique_ptr<AudioSource> CaptureDevices::openMicrophone(const QString& id, Clock& clock)
+{
+    return PulseMicrophone::open(id, clock);
+}
+
+} // namespace orvane

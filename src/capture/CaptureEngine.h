@@ -1,0 +1,124 @@
+#pragma once
+
+#include "base/Clock.h"
+#include "capture/CaptureError.h"
+#include "capture/CaptureStats.h"
+#include "capture/MovieCodec.h"
+#include "capture/Recorder.h"
+
+#include <QObject>
+#include <QSize>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace orvane {
+
+class AudioSource;
+class CapturePipeline;
+class FrameSink;
+class VideoSource;
+struct AudioBuffer;
+struct Frame;
+
+// One camera, and for the main camera its microphone, captured on the engine's own capture
+// thread, which opens the devices, runs the CapturePipeline for every picture and sound
+// buffer and feeds the recorder. Main thread only; results come back on the main thread.
+class CaptureEngine : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QSize videoSize READ videoSize NOTIFY videoSizeChanged)
+    Q_PROPERTY(bool isMirrored READ isMirrored WRITE setMirrored NOTIFY isMirroredChanged)
+
+public:
+    // The size and rate of the built-in test pattern camera.
+    struct TestPatternFormat {
+        int width = 1920;
+        int height = 1080;
+        double framesPerSecond = 30;
+    };
+
+    explicit CaptureEngine(Clock& clock = Clock::system(), QObject* parent = nullptr);
+    ~CaptureEngine() override;
+
+    void setTestPatternFormat(const TestPatternFormat& format);
+
+    // Opens the camera and the microphone with these identifiers, either of which may be
+    // none, on the capture thread; the same camera as before is kept running. `done` gets
+    // the first failure (camera before microphone), or none, on the main thread.
+    void configure(std::optional<QString> cameraID, std::optional<QString> microphoneID,
+                   std::function<void(std::optional<CaptureError>)> done = {});
+
+    bool isMirrored() const { return mirrored_; }
+    void setMirrored(bool mirrored);
+    float gain() const { return gain_; }
+    void setGain(float gain);
+
+    void addSink(std::shared_ptr<FrameSink> sink);
+    void removeSink(const FrameSink* sink);
+
+    // Starts writing this camera to a movie at `path`; the movie is made on the next frame.
+    void startRecording(const QString& path, MovieCodec codec, bool includesAudio);
+    // Finishes the movie; `done` gets the outcome on the main thread.
+    void stopRecording(std::function<void(Recorder::Outcome)> done);
+    bool isRecording() const { return recording_ != nullptr; }
+    // What made the running recording fail, if it did.
+    std::optional<CaptureError> recordingFailure() const;
+
+    CaptureStats stats() const;
+    // The newest composited frame, for the preview; none before the first frame.
+    std::shared_ptr<const Frame> latestFrame() const;
+    QSize videoSize() const { return videoSize_; }
+
+Q_SIGNALS:
+    void videoSizeChanged(QSize size);
+    // The first frame after the camera was (re)opened arrived.
+    void framesStarted(QSize size);
+    void isMirroredChanged(bool mirrored);
+    // The camera stopped delivering (unplugged); a later configure() opens it again.
+    void cameraLost();
+    void recordingFailed(const orvane::CaptureError& error);
+
+private:
+    void post(std::function<void()> command);
+    void run();
+    std::optional<CaptureError> applyConfiguration(const std::optional<QString>& cameraID,
+                                                   const std::optional<QString>& microphoneID);
+    void takeFrame();
+    void takeSound();
+    template <class F>
+    void toMainThread(F call);
+
+    Clock& clock_;
+    std::unique_ptr<CapturePipeline> pipeline_;
+    bool mirrored_ = false;
+    float gain_ = 1.0f;
+    QSize videoSize_;
+    std::shared_ptr<Recorder> recording_;
+    std::vector<std::shared_ptr<Recorder>> finishing_;
+    mutable std::mutex failureMutex_;
+    std::optional<CaptureError> recordingFailure_;
+
+    // Commands for the capture thread.
+    std::mutex commandsMutex_;
+    std::condition_variable commandsWake_;
+    std::vector<std::function<void()>> commands_;
+    bool stopping_ = false;
+
+    // Capture thread only.
+    TestPatternFormat testPattern_;
+    std::unique_ptr<VideoSource> camera_;
+    std::unique_ptr<AudioSource> microphone_;
+    std::optional<QString> cameraID_;
+    std::optional<QString> microphoneID_;
+    QSize lastSize_;
+    std::unique_ptr<AudioBuffer> sound_;
+
+    std::thread thread_;
+};
+
+} // namespace orvane

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <vector>
+
+namespace orvane {
+
+// What the interface shows about one camera: frame size, frames in the last second, the sound
+// level of each audio channel in dBFS and the frames lost so far. Plain value.
+struct CaptureStats {
+    int width = 0;
+    int height = 0;
+    double framesPerSecond = 0;
+    std::vector<float> audioLevels;
+    int droppedFrames = 0;
+    friend bool operator==(const CaptureStats&, const CaptureStats&) = default;
+};
+
+} // namespace orvane

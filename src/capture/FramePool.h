@@ -1,0 +1,36 @@
+#pragma once
+
+#include "capture/Frame.h"
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace orvane {
+
+// A fixed set of frame buffers for one camera, made when the camera starts, so no pixel memory
+// is allocated per frame. acquire() on the capture thread; frames come back from any thread.
+class FramePool {
+public:
+    FramePool(int width, int height, int count);
+    FramePool(const FramePool&) = delete;
+    FramePool& operator=(const FramePool&) = delete;
+
+    // A free buffer to fill, or nullptr when every buffer is still in use (the frame is then
+    // dropped). The buffer returns to the pool when the last reference goes, even if the pool
+    // has been destroyed by then.
+    std::shared_ptr<Frame> acquire();
+
+    int width() const { return width_; }
+    int height() const { return height_; }
+    int count() const;
+    int freeCount() const;
+
+private:
+    struct Slots;
+    int width_;
+    int height_;
+    std::shared_ptr<Slots> slots_;
+};
+
+} // namespace orvane

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "capture/CaptureSource.h"
+#include "capture/VideoSource.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace orvane {
+
+// The built-in camera that needs no hardware: colour bars that drift sideways, a box that
+// moves across them and a large frame counter, so a recording shows motion and lost frames.
+// Each picture depends only on its number. Capture thread only.
+class TestPatternSource final : public VideoSource {
+public:
+    // realTime: waitForFrame() sleeps until the next picture is due (the capture thread);
+    // stepped: it never sleeps and a test moves the clock.
+    enum class Pacing { realTime, stepped };
+
+    static inline const QString kID = QStringLiteral("orvane:test-pattern");
+    static CaptureSource source() { return {kID, QStringLiteral("Test Pattern")}; }
+
+    TestPatternSource(Clock& clock, int width, int height, double framesPerSecond,
+                      Pacing pacing = Pacing::realTime);
+
+    int width() const override { return width_; }
+    int height() const override { return height_; }
+    double frameDuration() const override { return frameDuration_; }
+    Wait waitForFrame(Seconds limit) override;
+    std::optional<Instant> readFrame(Frame& frame) override;
+    void skipFrame() override;
+    int takeLostFrames() override;
+
+    // Draws picture number `number` into `frame`.
+    void paint(Frame& frame, std::int64_t number) const;
+
+private:
+    Clock& clock_;
+    int width_;
+    int height_;
+    double frameDuration_;
+    Pacing pacing_;
+    Instant nextDue_;
+    std::int64_t nextNumber_ = 0;
+    int lost_ = 0;
+    std::vector<std::uint32_t> barsRow_; // two widths of bars, so any offset is one copy
+};
+
+} // namespace orvane

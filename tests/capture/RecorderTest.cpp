@@ -33,12 +33,10 @@ void record(Recorder& recorder, int width, int height, double fps, int frames, b
         QCOMPARE(camera.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
         recorder.waitForRoomForTesting();
         pipeline.captureFrame(camera);
-        if (sound && tone.read(buffer) == AudioSource::Read::buffer)
+        while (sound && tone.read(buffer) == AudioSource::Read::buffer)
             pipeline.captureAudio(buffer);
         clock.advance(1.0 / fps);
     }
-    if (sound && tone.read(buffer) == AudioSource::Read::buffer)
-        pipeline.captureAudio(buffer);
     pipeline.setRecorder(nullptr);
 }
 

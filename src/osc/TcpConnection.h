@@ -1,0 +1,82 @@
+#pragma once
+
+#include "osc/NetworkKind.h"
+#include "osc/OSCStream.h"
+
+#include <QByteArray>
+#include <QByteArrayView>
+#include <QHostAddress>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <optional>
+
+class QHostInfo;
+class QSocketNotifier;
+
+namespace orvane {
+
+// One outgoing TCP connection for OSCStream, on a socket of our own so that the options a
+// show link needs are set before connecting: no-delay, TCP keep-alive (idle 5 s, interval
+// 2 s, 3 probes) and, when asked, binding to an interface of one kind. Failures carry the
+// system's error, mapped by meaning. It reports each thing once through its handlers and
+// does nothing after close(). Main thread only.
+class TcpConnection : public QObject {
+    Q_OBJECT
+public:
+    struct Handlers {
+        std::function<void()> connected;
+        std::function<void(QByteArrayView)> received;
+        std::function<void(const OSCStream::Failure&)> failed;
+    };
+
+    TcpConnection(Handlers handlers, QObject* parent);
+    ~TcpConnection() override;
+
+    void start(const QString& host, quint16 port, std::optional<NetworkKind> interfaceKind);
+    // Writes all of `bytes`, queueing what the socket does not take at once. False when the
+    // connection is not established.
+    bool write(QByteArrayView bytes);
+    // Stops everything and closes the socket; no handler is called afterwards.
+    void close();
+
+private:
+    void hostFound(const QHostInfo& info);
+    void connectToNextAddress();
+    void connectFinished();
+    void readAvailable();
+    void flush();
+    void closeSocket();
+    void reportFailure(const OSCStream::Failure& failure);
+
+    Handlers handlers_;
+    quint16 port_ = 0;
+    std::optional<NetworkKind> interfaceKind_;
+    int lookupId_ = -1;
+    QList<QHostAddress> addresses_;
+    int lastError_ = 0;
+    int fd_ = -1;
+    bool isConnected_ = false;
+    bool isClosed_ = false;
+    QSocketNotifier* readNotifier_ = nullptr;
+    QSocketNotifier* writeNotifier_ = nullptr;
+    QByteArray pending_;
+};
+
+// The failure that a system error number stands for (ECONNREFUSED is refused, ETIMEDOUT
+// noAnswer, ...); anything unknown is `other` with the system's own text.
+OSCStream::Failure failureForSystemError(int errorNumber);
+
+// The kind of the network interface `name`, read from the sysfs tree at `sysClassNet`:
+// a `wireless` folder means Wi-Fi, type 1 with a device means wired, anything else other.
+NetworkKind networkKindOfInterface(const QString& name,
+                                   const QString& sysClassNet = QStringLiteral("/sys/class/net"));
+
+// The interface an outgoing connection to `address` restricted to `kind` should be bound
+// to: the one the route takes when it is of that kind, else the first of that kind that is
+// up. Empty when there is none.
+std::optional<QString> interfaceForConnection(const QHostAddress& address, NetworkKind kind);
+
+} // namespace orvane

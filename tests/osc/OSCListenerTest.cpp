@@ -1,0 +1,467 @@
+#include "osc/OSCListener.h"
+
+#include "base/ManualClock.h"
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTest>
+#include <QUdpSocket>
+
+#include <map>
+#include <memory>
+
+using namespace orvane;
+
+using Kind = OSCListener::State::Kind;
+
+namespace {
+
+const QString kInUse =
+    QStringLiteral("Port %1 is in use by another app. Choose a different port or quit that app.");
+const QString kChoosePort = QStringLiteral("Choose a port between 1 and 65535.");
+
+// A UDP port nobody holds right now.
+quint16 freePort()
+{
+    QUdpSocket probe;
+    if (!probe.bind(QHostAddress::Any, 0, QAbstractSocket::DontShareAddress))
+        return 0;
+    return probe.localPort();
+}
+
+// Senders on distinct loopback hosts, by a one-letter name. A lower-case name sends an empty
+// datagram from the same socket as its upper-case one.
+class Senders {
+public:
+    Senders()
+    {
+        add('A', QHostAddress(QStringLiteral("127.0.0.1")));
+        add('B', QHostAddress(QStringLiteral("127.0.0.2")));
+        add('C', QHostAddress(QHostAddress::LocalHostIPv6));
+    }
+
+    bool allBound() const
+    {
+        for (const auto& [name, socket] : sockets_) {
+            if (socket->state() != QAbstractSocket::BoundState)
+                return false;
+        }
+        return true;
+    }
+
+    // What the listener calls the sender.
+    static QString host(char name)
+    {
+        switch (QChar::toUpper(name)) {
+        case 'A':
+            return QStringLiteral("127.0.0.1");
+        case 'B':
+            return QStringLiteral("127.0.0.2");
+        default:
+            return QStringLiteral("::1");
+        }
+    }
+
+    QString hostAndPort(char name) const
+    {
+        return host(name) + u' ' + QString::number(socket(name).localPort());
+    }
+
+    // Sends the datagram that `name` stands for; returns the bytes sent.
+    QByteArray send(char name, quint16 port)
+    {
+        const bool empty = QChar::isLower(name);
+        const QByteArray data =
+            empty ? QByteArray() : QByteArray("/from/") + name + '/' + QByteArray::number(++sent_);
+        QUdpSocket& from = socket(name);
+        const QHostAddress to = from.localAddress().protocol() == QAbstractSocket::IPv6Protocol
+                                    ? QHostAddress(QHostAddress::LocalHostIPv6)
+                                    : QHostAddress(QHostAddress::LocalHost);
+        from.writeDatagram(data, to, port);
+        return data;
+    }
+
+private:
+    void add(char name, const QHostAddress& address)
+    {
+        auto socket = std::make_unique<QUdpSocket>();
+        socket->bind(address, 0);
+        sockets_[name] = std::move(socket);
+    }
+
+    QUdpSocket& socket(char name) const { return *sockets_.at(QChar::toUpper(name)); }
+
+    std::map<char, std::unique_ptr<QUdpSocket>> sockets_;
+    int sent_ = 0;
+};
+
+struct Heard {
+    QByteArray datagram;
+    QString sender;
+};
+
+} // namespace
+
+class OSCListenerTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void refusesPortsOutsideTheRange_data();
+    void refusesPortsOutsideTheRange();
+    void listensAndStops();
+    void followsSenders_data();
+    void followsSenders();
+    void prunesSilentSenders_data();
+    void prunesSilentSenders();
+    void configureWithTheSamePortKeepsTheSocket();
+    void portInUseRetriesEveryFiveSeconds();
+    void ownerMayReconfigureWhileHandlingAPacket();
+    void anotherProcessHoldingThePort();
+    void freeingThePortLetsAnotherProcessListen();
+};
+
+void OSCListenerTest::refusesPortsOutsideTheRange_data()
+{
+    QTest::addColumn<int>("port");
+    QTest::newRow("0") << 0;
+    QTest::newRow("70000") << 70000;
+    QTest::newRow("65536") << 65536;
+    QTest::newRow("negative") << -1;
+}
+
+void OSCListenerTest::refusesPortsOutsideTheRange()
+{
+    QFETCH(int, port);
+    ManualClock clock;
+    OSCListener listener(clock);
+    listener.configure(true, freePort());
+    QCOMPARE(listener.state().kind, Kind::listening);
+
+    QSignalSpy changes(&listener, &OSCListener::stateChanged);
+    listener.configure(true, port);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::failed, std::nullopt, kChoosePort}));
+    QCOMPARE(listener.stateText(), kChoosePort);
+    QCOMPARE(changes.size(), 1);
+    QCOMPARE(clock.pendingCount(), 0u);
+    clock.advance(30.0);
+    QCOMPARE(listener.stateText(), kChoosePort);
+}
+
+void OSCListenerTest::listensAndStops()
+{
+    ManualClock clock;
+    OSCListener listener(clock);
+    QCOMPARE(listener.stateText(), QStringLiteral("Off"));
+    const quint16 port = freePort();
+    listener.configure(true, port);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, port, {}}));
+    QCOMPARE(listener.stateText(), QStringLiteral("Listening on port %1").arg(port));
+
+    // Bound without address reuse: a second listener (a second Orvane) cannot share the port
+    // silently, and neither can another app that asks for reuse.
+    OSCListener second(clock);
+    second.configure(true, port);
+    QCOMPARE(second.stateText(), kInUse.arg(port));
+    QUdpSocket other;
+    QVERIFY(!other.bind(QHostAddress::AnyIPv4, port, QAbstractSocket::ShareAddress));
+
+    const quint16 nextPort = freePort();
+    listener.configure(true, nextPort);
+    QCOMPARE(listener.stateText(), QStringLiteral("Listening on port %1").arg(nextPort));
+    QVERIFY2(other.bind(QHostAddress::AnyIPv4, port), "the old port is free again");
+
+    listener.configure(false, nextPort);
+    QCOMPARE(listener.state(), OSCListener::State{});
+    QCOMPARE(listener.stateText(), QStringLiteral("Off"));
+    QUdpSocket third;
+    QVERIFY2(third.bind(QHostAddress::Any, nextPort), "off frees the port");
+    third.close();
+
+    listener.configure(true, nextPort);
+    QCOMPARE(listener.stateText(), QStringLiteral("Listening on port %1").arg(nextPort));
+}
+
+void OSCListenerTest::followsSenders_data()
+{
+    QTest::addColumn<QByteArray>("sequence");      // sender names in sending order
+    QTest::addColumn<QByteArray>("heardFrom");     // whose datagrams reach onPacket
+    QTest::addColumn<QByteArray>("senderChanges"); // lastSender after each change
+
+    QTest::newRow("two senders alternating")
+        << QByteArray("ABAB") << QByteArray("ABAB") << QByteArray("ABAB");
+    QTest::newRow("one sender repeating")
+        << QByteArray("AAA") << QByteArray("AAA") << QByteArray("A");
+    QTest::newRow("repeats between changes")
+        << QByteArray("AABBBA") << QByteArray("AABBBA") << QByteArray("ABA");
+    QTest::newRow("empty datagram changes nothing")
+        << QByteArray("AbA") << QByteArray("AA") << QByteArray("A");
+    QTest::newRow("empty datagram first")
+        << QByteArray("bbA") << QByteArray("A") << QByteArray("A");
+    QTest::newRow("IPv6 and IPv4 senders")
+        << QByteArray("CAC") << QByteArray("CAC") << QByteArray("CAC");
+}
+
+void OSCListenerTest::followsSenders()
+{
+    QFETCH(QByteArray, sequence);
+    QFETCH(QByteArray, heardFrom);
+    QFETCH(QByteArray, senderChanges);
+
+    ManualClock clock;
+    OSCListener listener(clock);
+    std::vector<Heard> heard;
+    listener.setOnPacket([&](const QByteArray& datagram, const QString& sender) {
+        heard.push_back({datagram, sender});
+    });
+    QStringList changes;
+    connect(&listener, &OSCListener::lastSenderChanged, this,
+            [&] { changes << listener.lastSender().value_or(QStringLiteral("none")); });
+    const quint16 port = freePort();
+    listener.configure(true, port);
+    QCOMPARE(listener.state().kind, Kind::listening);
+    QCOMPARE(listener.lastSender(), std::nullopt);
+
+    Senders senders;
+    QVERIFY(senders.allBound());
+    QByteArrayList sent;
+    for (const char name : sequence) {
+        const QByteArray data = senders.send(name, port);
+        if (!data.isEmpty())
+            sent << data;
+    }
+    QTRY_COMPARE(heard.size(), size_t(heardFrom.size()));
+    for (qsizetype i = 0; i < heardFrom.size(); ++i) {
+        QCOMPARE(heard[i].datagram, sent[i]);
+        QCOMPARE(heard[i].sender, Senders::host(heardFrom[i]));
+    }
+    QStringList expectedChanges;
+    for (const char name : senderChanges)
+        expectedChanges << Senders::host(name);
+    QCOMPARE(changes, expectedChanges);
+    QCOMPARE(listener.lastSender(), std::optional<QString>(Senders::host(heardFrom.back())));
+
+    QStringList expectedSenders;
+    for (const char name : QByteArray(heardFrom)) {
+        if (!expectedSenders.contains(senders.hostAndPort(name)))
+            expectedSenders << senders.hostAndPort(name);
+    }
+    expectedSenders.sort();
+    QCOMPARE(listener.sendersForTesting(), expectedSenders);
+}
+
+void OSCListenerTest::prunesSilentSenders_data()
+{
+    // Steps: a sender's name sends a datagram; a number moves the clock by that many seconds.
+    QTest::addColumn<QStringList>("steps");
+    QTest::addColumn<QByteArray>("remaining");
+
+    QTest::newRow("silent 59 s is kept") << QStringList{"A", "59", "B"} << QByteArray("AB");
+    QTest::newRow("silent 60 s is kept") << QStringList{"A", "60", "B"} << QByteArray("AB");
+    QTest::newRow("silent 61 s is dropped") << QStringList{"A", "61", "B"} << QByteArray("B");
+    QTest::newRow("speaking again restarts the silence")
+        << QStringList{"A", "B", "50", "A", "50", "C"} << QByteArray("AC");
+    QTest::newRow("a known sender prunes nothing")
+        << QStringList{"A", "B", "100", "A"} << QByteArray("AB");
+    QTest::newRow("empty datagrams do not keep a sender")
+        << QStringList{"A", "B", "50", "a", "20", "C"} << QByteArray("C");
+    QTest::newRow("pruned sender comes back")
+        << QStringList{"A", "61", "B", "A"} << QByteArray("AB");
+}
+
+void OSCListenerTest::prunesSilentSenders()
+{
+    QFETCH(QStringList, steps);
+    QFETCH(QByteArray, remaining);
+
+    ManualClock clock;
+    OSCListener listener(clock);
+    int heard = 0;
+    listener.setOnPacket([&](const QByteArray&, const QString&) { ++heard; });
+    const quint16 port = freePort();
+    listener.configure(true, port);
+    Senders senders;
+    QVERIFY(senders.allBound());
+
+    int expectedHeard = 0;
+    for (const QString& step : steps) {
+        bool isNumber = false;
+        const double seconds = step.toDouble(&isNumber);
+        if (isNumber) {
+            clock.advance(seconds);
+            continue;
+        }
+        const char name = step.at(0).toLatin1();
+        if (senders.send(name, port).isEmpty()) {
+            // An empty datagram is never passed on; follow it with nothing and give it time.
+            QTest::qWait(50);
+            continue;
+        }
+        // Each datagram is handled before the clock moves on.
+        ++expectedHeard;
+        QTRY_COMPARE(heard, expectedHeard);
+    }
+    QStringList expected;
+    for (const char name : remaining)
+        expected << senders.hostAndPort(name);
+    expected.sort();
+    QCOMPARE(listener.sendersForTesting(), expected);
+}
+
+void OSCListenerTest::configureWithTheSamePortKeepsTheSocket()
+{
+    ManualClock clock;
+    OSCListener listener(clock);
+    int heard = 0;
+    listener.setOnPacket([&](const QByteArray&, const QString&) { ++heard; });
+    const quint16 port = freePort();
+    listener.configure(true, port);
+    Senders senders;
+    senders.send('A', port);
+    QTRY_COMPARE(heard, 1);
+
+    QSignalSpy changes(&listener, &OSCListener::stateChanged);
+    listener.configure(true, port);
+    QCOMPARE(changes.size(), 0);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, port, {}}));
+    // A restart would have forgotten the sender.
+    QCOMPARE(listener.sendersForTesting(), QStringList{senders.hostAndPort('A')});
+    senders.send('A', port);
+    QTRY_COMPARE(heard, 2);
+}
+
+void OSCListenerTest::portInUseRetriesEveryFiveSeconds()
+{
+    ManualClock clock;
+    const quint16 port = freePort();
+    auto holder = std::make_unique<QUdpSocket>();
+    QVERIFY(holder->bind(QHostAddress::Any, port, QAbstractSocket::DontShareAddress));
+
+    OSCListener listener(clock);
+    QSignalSpy changes(&listener, &OSCListener::stateChanged);
+    listener.configure(true, port);
+    const OSCListener::State inUse{Kind::failed, std::nullopt, kInUse.arg(port)};
+    QCOMPARE(listener.state(), inUse);
+    QCOMPARE(listener.stateText(), kInUse.arg(port));
+    QCOMPARE(clock.pendingCount(), 1u);
+
+    // Each retry that still finds the port taken keeps the state and schedules the next one.
+    clock.advance(4.9);
+    QCOMPARE(clock.pendingCount(), 1u);
+    clock.advance(0.2);
+    QCOMPARE(listener.state(), inUse);
+    QCOMPARE(clock.pendingCount(), 1u);
+    QCOMPARE(changes.size(), 1);
+
+    // Configuring the same port while a retry waits does not restart at once.
+    holder.reset();
+    listener.configure(true, port);
+    QCOMPARE(listener.state(), inUse);
+    QCOMPARE(clock.pendingCount(), 1u);
+
+    clock.advance(5.0);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, port, {}}));
+    QCOMPARE(clock.pendingCount(), 0u);
+    QCOMPARE(changes.size(), 2);
+
+    // Turning the listener off cancels a pending retry.
+    QUdpSocket again;
+    listener.configure(false, port);
+    QVERIFY(again.bind(QHostAddress::Any, port, QAbstractSocket::DontShareAddress));
+    listener.configure(true, port);
+    QCOMPARE(clock.pendingCount(), 1u);
+    listener.configure(false, port);
+    QCOMPARE(clock.pendingCount(), 0u);
+    QCOMPARE(listener.stateText(), QStringLiteral("Off"));
+}
+
+void OSCListenerTest::ownerMayReconfigureWhileHandlingAPacket()
+{
+    ManualClock clock;
+    OSCListener listener(clock);
+    const quint16 port = freePort();
+    quint16 nextPort = freePort();
+    while (nextPort == port)
+        nextPort = freePort();
+    QList<QByteArray> heard;
+    listener.setOnPacket([&](const QByteArray& datagram, const QString&) {
+        heard << datagram;
+        listener.configure(true, nextPort);
+    });
+    listener.configure(true, port);
+    Senders senders;
+    // Both wait in the socket before the first is read; the second dies with the old socket.
+    const QByteArray first = senders.send('A', port);
+    senders.send('B', port);
+    QTRY_COMPARE(heard.size(), 1);
+    QCOMPARE(heard.front(), first);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, nextPort, {}}));
+    QTest::qWait(50);
+    QCOMPARE(heard.size(), 1);
+
+    const QByteArray third = senders.send('C', nextPort);
+    QTRY_COMPARE(heard.size(), 2);
+    QCOMPARE(heard.back(), third);
+}
+
+void OSCListenerTest::anotherProcessHoldingThePort()
+{
+    const QString executable = qEnvironmentVariable("ORVANE_EXECUTABLE");
+    QVERIFY2(!executable.isEmpty(), "ORVANE_EXECUTABLE names the orvane binary");
+    const quint16 port = freePort();
+    QProcess monitor;
+    monitor.start(executable,
+                  {QStringLiteral("osc-monitor"), QStringLiteral("--port"), QString::number(port)});
+    QVERIFY(monitor.waitForStarted());
+    auto stopMonitor = qScopeGuard([&] {
+        monitor.kill();
+        monitor.waitForFinished();
+    });
+    QByteArray errors;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (errors += monitor.readAllStandardError()).contains("Listening on port"), 10000);
+
+    ManualClock clock;
+    OSCListener listener(clock);
+    listener.configure(true, port);
+    QCOMPARE(listener.stateText(), kInUse.arg(port));
+
+    monitor.kill();
+    QVERIFY(monitor.waitForFinished());
+    clock.advance(5.0);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, port, {}}));
+}
+
+void OSCListenerTest::freeingThePortLetsAnotherProcessListen()
+{
+    const QString executable = qEnvironmentVariable("ORVANE_EXECUTABLE");
+    QVERIFY2(!executable.isEmpty(), "ORVANE_EXECUTABLE names the orvane binary");
+    const quint16 port = freePort();
+    OSCListener listener; // the real clock: the other process retries on its own
+    listener.configure(true, port);
+    QCOMPARE(listener.state().kind, Kind::listening);
+
+    QProcess monitor;
+    monitor.start(executable,
+                  {QStringLiteral("osc-monitor"), QStringLiteral("--port"), QString::number(port)});
+    QVERIFY(monitor.waitForStarted());
+    auto stopMonitor = qScopeGuard([&] {
+        monitor.kill();
+        monitor.waitForFinished();
+    });
+    QByteArray errors;
+    QTRY_VERIFY_WITH_TIMEOUT((errors += monitor.readAllStandardError()).contains("in use"), 10000);
+    QCOMPARE(errors, kInUse.arg(port).toUtf8() + '\n');
+
+    listener.configure(false, port);
+    QElapsedTimer waited;
+    waited.start();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (errors += monitor.readAllStandardError()).contains("Listening on port"), 8000);
+    QVERIFY2(waited.elapsed() < 6000, "within one retry");
+    QCOMPARE(
+        errors,
+        (kInUse.arg(port) + u'\n' + QStringLiteral("Listening on port %1\n").arg(port)).toUtf8());
+}
+
+QTEST_GUILESS_MAIN(OSCListenerTest)
+#include "OSCListenerTest.moc"

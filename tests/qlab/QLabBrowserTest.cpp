@@ -1,0 +1,164 @@
+// The QLab browser against a real Avahi daemon on a private bus in its own network namespace,
+// with services published by avahi-publish.
+
+#include "base/ManualClock.h"
+#include "peers/AvahiSandbox.h"
+#include "qlab/QLabBrowser.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace orvane;
+
+namespace {
+
+QStringList namesOf(const std::vector<DiscoveredQLab>& services)
+{
+    QStringList names;
+    for (const auto& service : services)
+        names.append(service.name);
+    return names;
+}
+
+const QString kType = QStringLiteral("_qlab._tcp");
+
+} // namespace
+
+class QLabBrowserTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void sortsNamesAsPeopleDo_data();
+    void sortsNamesAsPeopleDo();
+    void listsAndForgetsServices();
+    void resolvesToIPv4HostAndPort();
+    void givesNothingWhenResolutionTakesTooLong();
+    void listsAgainAfterTheDaemonRestarts();
+
+private:
+    AvahiSandbox sandbox_;
+    ManualClock clock_;
+};
+
+void QLabBrowserTest::initTestCase()
+{
+    // The suite runs as root in a namespace of its own; without that there is no daemon to
+    // test against, and that is a failure, not a skip.
+    QVERIFY2(sandbox_.start(), qPrintable(sandbox_.error()));
+    sandbox_.useBus();
+}
+
+void QLabBrowserTest::sortsNamesAsPeopleDo_data()
+{
+    QTest::addColumn<QStringList>("names");
+    QTest::addColumn<QStringList>("sorted");
+    QTest::newRow("digits compare as numbers")
+        << QStringList{"Stage Mac 10", "Stage Mac 2", "Stage Mac 1"}
+        << QStringList{"Stage Mac 1", "Stage Mac 2", "Stage Mac 10"};
+    QTest::newRow("case does not lead")
+        << QStringList{"sound", "Lights", "FOH"} << QStringList{"FOH", "Lights", "sound"};
+    QTest::newRow("already sorted") << QStringList{"A", "B"} << QStringList{"A", "B"};
+}
+
+void QLabBrowserTest::sortsNamesAsPeopleDo()
+{
+    QFETCH(QStringList, names);
+    std::vector<DiscoveredQLab> services;
+    for (const QString& name : names)
+        services.push_back({name, {}});
+    QLabBrowser::sortByName(services);
+    QTEST(namesOf(services), "sorted");
+}
+
+void QLabBrowserTest::listsAndForgetsServices()
+{
+    QVERIFY2(sandbox_.publish("Stage Mac 10", kType, 53010), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Stage Mac 2", kType, 53000), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Not QLab", "_http._tcp", 8080), qPrintable(sandbox_.error()));
+
+    QLabBrowser browser(clock_);
+    QSignalSpy changes(&browser, &QLabBrowser::servicesChanged);
+    browser.start();
+    QTRY_COMPARE_WITH_TIMEOUT(namesOf(browser.services()),
+                              QStringList({"Stage Mac 2", "Stage Mac 10"}), 10000);
+    // Listed whole once the daemon has told all it knows, not one name at a time.
+    QCOMPARE(changes.count(), 1);
+    QCOMPARE(browser.services().front().endpoint.type, kType);
+
+    sandbox_.unpublish("Stage Mac 10");
+    QTRY_COMPARE_WITH_TIMEOUT(namesOf(browser.services()), QStringList({"Stage Mac 2"}), 10000);
+    sandbox_.unpublish("Not QLab");
+}
+
+void QLabBrowserTest::resolvesToIPv4HostAndPort()
+{
+    QVERIFY2(sandbox_.publish("Booth", kType, 53123), qPrintable(sandbox_.error()));
+    QLabBrowser browser(clock_);
+    browser.start();
+    QTRY_VERIFY_WITH_TIMEOUT(namesOf(browser.services()).contains("Booth"), 10000);
+    const auto booth = *std::find_if(browser.services().begin(), browser.services().end(),
+                                     [](const DiscoveredQLab& s) { return s.name == "Booth"; });
+
+    int answers = 0;
+    std::optional<QLabBrowser::Resolved> resolved;
+    browser.resolve(booth, [&](std::optional<QLabBrowser::Resolved> result) {
+        ++answers;
+        resolved = result;
+    });
+    QTRY_COMPARE_WITH_TIMEOUT(answers, 1, 5000);
+    QCOMPARE(resolved, std::optional(QLabBrowser::Resolved{AvahiSandbox::hostAddress(), 53123}));
+    // The time-out that was armed beside the answer must not answer a second time.
+    clock_.advance(QLabBrowser::kResolveTimeout);
+    QCOMPARE(answers, 1);
+    sandbox_.unpublish("Booth");
+}
+
+void QLabBrowserTest::givesNothingWhenResolutionTakesTooLong()
+{
+    QLabBrowser browser(clock_);
+    browser.start();
+    QTRY_VERIFY_WITH_TIMEOUT(browser.isBrowsing(), 5000);
+    const DiscoveredQLab gone{"Nobody Here", {-1, -1, kType, "local"}};
+
+    int answers = 0;
+    std::optional<QLabBrowser::Resolved> resolved{QLabBrowser::Resolved{"x", 1}};
+    browser.resolve(gone, [&](std::optional<QLabBrowser::Resolved> result) {
+        ++answers;
+        resolved = result;
+    });
+    QTest::qWait(300);
+    QCOMPARE(answers, 0);
+    clock_.advance(QLabBrowser::kResolveTimeout - Seconds(0.01));
+    QCOMPARE(answers, 0);
+    clock_.advance(0.01);
+    QCOMPARE(answers, 1);
+    QCOMPARE(resolved, std::nullopt);
+    // The daemon's own failure, later, is not passed on a second time.
+    QTest::qWait(300);
+    QCOMPARE(answers, 1);
+}
+
+void QLabBrowserTest::listsAgainAfterTheDaemonRestarts()
+{
+    QVERIFY2(sandbox_.publish("Stage Mac 2", kType, 53000), qPrintable(sandbox_.error()));
+    QLabBrowser browser(clock_);
+    browser.start();
+    QTRY_VERIFY_WITH_TIMEOUT(namesOf(browser.services()).contains("Stage Mac 2"), 10000);
+
+    sandbox_.stopDaemon();
+    QTRY_VERIFY_WITH_TIMEOUT(!browser.isBrowsing(), 10000);
+    // The list keeps its last contents while the browser waits to start again.
+    QVERIFY(namesOf(browser.services()).contains("Stage Mac 2"));
+
+    QVERIFY2(sandbox_.startDaemon(), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Stage Mac 3", kType, 53003), qPrintable(sandbox_.error()));
+    QTest::qWait(200);
+    QVERIFY(!browser.isBrowsing()); // nothing happens before the restart delay
+    clock_.advance(QLabBrowser::kRestartDelay);
+    QVERIFY(browser.isBrowsing());
+    QTRY_COMPARE_WITH_TIMEOUT(namesOf(browser.services()), QStringList({"Stage Mac 3"}), 10000);
+}
+
+QTEST_GUILESS_MAIN(QLabBrowserTest)
+#include "QLabBrowserTest.moc"

@@ -1,0 +1,271 @@
+#include "settings/LayoutPreset.h"
+#include "settings/OverlayLayout.h"
+#include "settings/OverlayLook.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QTest>
+
+using namespace orvane;
+
+namespace {
+
+QJsonValue parse(const QByteArray& text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson("[" + text + "]", &error);
+    if (error.error != QJsonParseError::NoError)
+        qFatal("bad JSON in a test row: %s", text.constData());
+    return document.array().at(0);
+}
+
+// A look far from the defaults in every field, so that a field lost on the way shows.
+OverlayLook unusualLook()
+{
+    OverlayLook look;
+    look.layout.placements.clear();
+    look.layout.setPlacement(OverlayWidget::qlab, {0.25, 0.125, 1.0, 0.0});
+    look.layout.setPlacement(OverlayWidget::status, {0.0, 1.0, 0.0, 1.0});
+    look.scale = 1.75;
+    look.opacity = 0.05;
+    look.showsClock = false;
+    look.showsDate = true;
+    look.showsTimecode = false;
+    look.showsCue = false;
+    look.showsNextCue = false;
+    look.showsShowName = true;
+    look.showsFields = false;
+    look.showsQLabCues = false;
+    look.watermarkText = QStringLiteral("Rehearsal – “not for broadcast” ©");
+    look.watermarkOpacity = 0.33;
+    return look;
+}
+
+QByteArray lookText(const QByteArray& without = {}, const QByteArray& replacement = {})
+{
+    QJsonObject object = OverlayLook{}.toJson();
+    if (!without.isEmpty())
+        object.remove(QString::fromLatin1(without));
+    if (!replacement.isEmpty()) {
+        const QJsonObject extra = parse(replacement).toObject();
+        for (auto it = extra.begin(); it != extra.end(); ++it)
+            object.insert(it.key(), it.value());
+    }
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+LayoutPreset preset(const char* name, const OverlayLook& look = {})
+{
+    return LayoutPreset{QUuid::createUuid(), QString::fromUtf8(name), look};
+}
+
+} // namespace
+
+class LayoutTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void defaultLayoutHasItsExactText();
+    void placementFallsBackToTheDefault();
+    void valuesSurviveTheirJsonForm_data();
+    void valuesSurviveTheirJsonForm();
+    void decodingRejectsBadJson_data();
+    void decodingRejectsBadJson();
+    void presetsAreFoundByTrimmedCaseInsensitiveName_data();
+    void presetsAreFoundByTrimmedCaseInsensitiveName();
+    void firstPresetWithTheCurrentLookIsActive();
+};
+
+void LayoutTest::defaultLayoutHasItsExactText()
+{
+    const QByteArray text =
+        QJsonDocument(OverlayLayout::defaultLayout().toJson()).toJson(QJsonDocument::Indented);
+    const QString path = QStringLiteral(ORVANE_TEST_DATA "/expected/default-layout.json");
+    if (qEnvironmentVariableIsSet("ORVANE_REBASELINE")) {
+        QFile out(path);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(text);
+    }
+    QFile expected(path);
+    QVERIFY2(expected.open(QIODevice::ReadOnly), qPrintable(path));
+    QCOMPARE(QString::fromUtf8(text), QString::fromUtf8(expected.readAll()));
+}
+
+void LayoutTest::placementFallsBackToTheDefault()
+{
+    OverlayLayout empty;
+    for (OverlayWidget widget : allOverlayWidgets)
+        QCOMPARE(empty.placement(widget), OverlayLayout::defaultLayout().placement(widget));
+
+    // Left edge on the left edge, right edge on the right edge: the extremes are kept as is.
+    OverlayLayout layout;
+    layout.setPlacement(OverlayWidget::cues, {0.0, 0.5, 0.0, 0.5});
+    layout.setPlacement(OverlayWidget::fields, {1.0, 0.5, 1.0, 0.5});
+    QCOMPARE(layout.placement(OverlayWidget::cues), (WidgetPlacement{0.0, 0.5, 0.0, 0.5}));
+    QCOMPARE(layout.placement(OverlayWidget::fields), (WidgetPlacement{1.0, 0.5, 1.0, 0.5}));
+    QCOMPARE(layout.placement(OverlayWidget::status),
+             WidgetPlacement::defaultFor(OverlayWidget::status));
+    QVERIFY(layout != OverlayLayout::defaultLayout());
+
+    layout.reset();
+    QCOMPARE(layout, OverlayLayout::defaultLayout());
+    QCOMPARE(layout.placement(OverlayWidget::watermark),
+             (WidgetPlacement{1888.0 / 1920.0, 1048.0 / 1080.0, 1.0, 1.0}));
+}
+
+void LayoutTest::valuesSurviveTheirJsonForm_data()
+{
+    QTest::addColumn<LayoutPreset>("original");
+    QTest::newRow("defaults") << preset("Default");
+    QTest::newRow("unusual look") << preset("Archive", unusualLook());
+    OverlayLook noEntries;
+    noEntries.layout.placements.clear();
+    QTest::newRow("layout without entries") << preset("Bare", noEntries);
+    QTest::newRow("name with quotes and accents") << preset("Acte 2 – « Café »", unusualLook());
+}
+
+void LayoutTest::valuesSurviveTheirJsonForm()
+{
+    QFETCH(LayoutPreset, original);
+    // Through the text, as the settings file keeps it.
+    const QByteArray text = QJsonDocument(original.toJson()).toJson(QJsonDocument::Compact);
+    const auto decoded = LayoutPreset::fromJson(QJsonDocument::fromJson(text).object());
+    QVERIFY(decoded);
+    QCOMPARE(*decoded, original);
+    QCOMPARE(OverlayLook::fromJson(original.look.toJson()), std::optional(original.look));
+    QCOMPARE(OverlayLayout::fromJson(original.look.layout.toJson()),
+             std::optional(original.look.layout));
+}
+
+void LayoutTest::decodingRejectsBadJson_data()
+{
+    QTest::addColumn<QString>("type");
+    QTest::addColumn<QByteArray>("json");
+    QTest::addColumn<bool>("accepted");
+
+    const QByteArray placement = R"({"x":0.1,"y":0.2,"anchorX":0,"anchorY":1})";
+    QTest::newRow("placement with whole numbers") << "placement" << placement << true;
+    QTest::newRow("placement missing anchorY")
+        << "placement" << QByteArray(R"({"x":0.1,"y":0.2,"anchorX":0})") << false;
+    QTest::newRow("placement with text x")
+        << "placement" << QByteArray(R"({"x":"0.1","y":0.2,"anchorX":0,"anchorY":1})") << false;
+    QTest::newRow("placement as array") << "placement" << QByteArray("[0.1,0.2,0,1]") << false;
+
+    QTest::newRow("layout with one entry")
+        << "layout" << R"({"placements":["qlab",)" + placement + "]}" << true;
+    QTest::newRow("layout without entries") << "layout" << QByteArray(R"({"placements":[]})")
+                                            << true;
+    QTest::newRow("layout missing placements") << "layout" << QByteArray("{}") << false;
+    QTest::newRow("layout with odd count")
+        << "layout" << R"({"placements":["qlab",)" + placement + R"(,"cues"]})" << false;
+    QTest::newRow("layout with unknown widget")
+        << "layout" << R"({"placements":["clock",)" + placement + "]}" << false;
+    QTest::newRow("layout with upper-case widget")
+        << "layout" << R"({"placements":["QLab",)" + placement + "]}" << false;
+    QTest::newRow("layout with placements as object")
+        << "layout" << R"({"placements":{"qlab":)" + placement + "}}" << false;
+    QTest::newRow("layout with widget as number")
+        << "layout" << R"({"placements":[3,)" + placement + "]}" << false;
+
+    QTest::newRow("complete look") << "look" << lookText() << true;
+    QTest::newRow("look missing showsQLabCues") << "look" << lookText("showsQLabCues") << false;
+    QTest::newRow("look missing layout") << "look" << lookText("layout") << false;
+    QTest::newRow("look missing watermarkText") << "look" << lookText("watermarkText") << false;
+    QTest::newRow("look with text scale")
+        << "look" << lookText({}, R"({"scale":"1.5"})") << false;
+    QTest::newRow("look with number for bool")
+        << "look" << lookText({}, R"({"showsDate":1})") << false;
+    QTest::newRow("look with null watermarkText")
+        << "look" << lookText({}, R"({"watermarkText":null})") << false;
+    QTest::newRow("look with an unknown extra key")
+        << "look" << lookText({}, R"({"showsWeather":true})") << true;
+
+    const QByteArray look = lookText();
+    QTest::newRow("preset with lower-case id")
+        << "preset"
+        << R"({"id":"0f8e3c2a-1b4d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","look":)" + look + "}"
+        << true;
+    QTest::newRow("preset with bad id")
+        << "preset" << R"({"id":"not-a-uuid","name":"A","look":)" + look + "}" << false;
+    QTest::newRow("preset missing name")
+        << "preset" << R"({"id":"0F8E3C2A-1B4D-4E5F-8A9B-0C1D2E3F4A5B","look":)" + look + "}"
+        << false;
+    QTest::newRow("preset with look missing a key")
+        << "preset"
+        << R"({"id":"0F8E3C2A-1B4D-4E5F-8A9B-0C1D2E3F4A5B","name":"A","look":)" +
+               lookText("scale") + "}"
+        << false;
+    QTest::newRow("preset list with one bad preset")
+        << "presets"
+        << R"([{"id":"0F8E3C2A-1B4D-4E5F-8A9B-0C1D2E3F4A5B","name":"A","look":)" + look +
+               R"(},{"id":"x","name":"B","look":)" + look + "}]"
+        << false;
+    QTest::newRow("empty preset list") << "presets" << QByteArray("[]") << true;
+    QTest::newRow("preset list as object") << "presets" << QByteArray("{}") << false;
+}
+
+void LayoutTest::decodingRejectsBadJson()
+{
+    QFETCH(QString, type);
+    QFETCH(QByteArray, json);
+    QFETCH(bool, accepted);
+    const QJsonValue value = parse(json);
+    bool decoded = false;
+    if (type == "placement")
+        decoded = WidgetPlacement::fromJson(value).has_value();
+    else if (type == "layout")
+        decoded = OverlayLayout::fromJson(value).has_value();
+    else if (type == "look")
+        decoded = OverlayLook::fromJson(value).has_value();
+    else if (type == "preset")
+        decoded = LayoutPreset::fromJson(value).has_value();
+    else if (type == "presets")
+        decoded = layoutPresetsFromJson(value).has_value();
+    else
+        QFAIL("unknown type in the table");
+    QCOMPARE(decoded, accepted);
+}
+
+void LayoutTest::presetsAreFoundByTrimmedCaseInsensitiveName_data()
+{
+    QTest::addColumn<QStringList>("names");
+    QTest::addColumn<QString>("wanted");
+    QTest::addColumn<int>("found"); // -1: none
+
+    const QStringList acts{"Act 1", "act 2", "Act 2", "Café"};
+    QTest::newRow("exact") << acts << "Act 1" << 0;
+    QTest::newRow("upper case finds the first of two") << acts << "ACT 2" << 1;
+    QTest::newRow("surrounding blanks") << acts << "  Act 2 \t" << 1;
+    QTest::newRow("accented letter in another case") << acts << "CAFÉ" << 3;
+    QTest::newRow("accent is not ignored") << acts << "Cafe" << -1;
+    QTest::newRow("inner blanks count") << acts << "Act  2" << -1;
+    QTest::newRow("no such name") << acts << "Act 3" << -1;
+    QTest::newRow("blanks only") << acts << "   " << -1;
+    QTest::newRow("empty list") << QStringList{} << "Act 1" << -1;
+}
+
+void LayoutTest::presetsAreFoundByTrimmedCaseInsensitiveName()
+{
+    QFETCH(QStringList, names);
+    QFETCH(QString, wanted);
+    QFETCH(int, found);
+    QList<LayoutPreset> presets;
+    for (const QString& name : names)
+        presets.append(preset(name.toUtf8().constData()));
+    const auto index = indexOfLayoutPreset(presets, wanted);
+    QCOMPARE(index.value_or(-1), qsizetype(found));
+}
+
+void LayoutTest::firstPresetWithTheCurrentLookIsActive()
+{
+    OverlayLook moved;
+    moved.layout.setPlacement(OverlayWidget::cues, {0.5, 0.9, 0.5, 1.0});
+    const QList<LayoutPreset> presets{preset("Default"), preset("Moved", moved),
+                                      preset("Moved again", moved)};
+    QCOMPARE(indexOfActiveLayoutPreset(presets, moved), std::optional<qsizetype>(1));
+    QCOMPARE(indexOfActiveLayoutPreset(presets, OverlayLook{}), std::optional<qsizetype>(0));
+    QCOMPARE(indexOfActiveLayoutPreset(presets, unusualLook()), std::nullopt);
+}
+
+QTEST_GUILESS_MAIN(LayoutTest)
+#include "LayoutTest.moc"

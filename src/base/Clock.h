@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QDateTime>
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -25,6 +27,14 @@ template <class TimePoint>
 TimePoint addSeconds(TimePoint at, double seconds)
 {
     return at + std::chrono::duration_cast<typename TimePoint::duration>(Seconds(seconds));
+}
+
+// A wall-clock instant as a QDateTime (UTC), to the millisecond.
+inline QDateTime toDateTime(WallTime at)
+{
+    return QDateTime::fromMSecsSinceEpoch(
+        std::chrono::duration_cast<std::chrono::milliseconds>(at.time_since_epoch()).count(),
+        Qt::UTC);
 }
 
 // A pending call made by Clock::schedule. Destroying it cancels the call.

@@ -45,10 +45,10 @@ std::shared_ptr<Frame> FramePool::acquire()
     frame->width = width_;
     frame->height = height_;
     frame->bytesPerLine = width_ * 4;
-    return std::shared_ptr<Frame>(frame, [slots = slots_](Frame* spent) {
+    return std::shared_ptr<Frame>(frame, [pool = slots_](Frame* spent) {
         {
-            std::lock_guard lock(slots->mutex);
-            slots->free.push_back(spent->pixels);
+            std::lock_guard lock(pool->mutex);
+            pool->free.push_back(spent->pixels);
         }
         delete spent;
     });

@@ -257,8 +257,7 @@ void EosDiscovery::finishScan(const QList<DiscoveredConsole>& found)
         consoles_ = found;
         Q_EMIT consolesChanged();
     }
-    const QDateTime now = QDateTime::fromStdTimePoint(
-        std::chrono::time_point_cast<std::chrono::milliseconds>(clock_.wallNow()));
+    const QDateTime now = toDateTime(clock_.wallNow());
     if (now != lastScan_) {
         lastScan_ = now;
         Q_EMIT lastScanChanged();

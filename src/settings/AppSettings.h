@@ -116,6 +116,7 @@ public:
     static QStringList keys();
     const Location& location() const { return location_; }
 
+    // One accessor and one setter per key, in the order of the keys.
     std::optional<QString> cameraID() const { return cameraID_; }
     std::optional<QString> audioDeviceID() const { return audioDeviceID_; }
     bool recordsAudio() const { return recordsAudio_; }

@@ -26,7 +26,11 @@ void CameraFeed::apply(const Feed& feed, bool isAuthorized)
     if (!feed.deviceID)
         return setState(FeedState::of(FeedState::Kind::unassigned));
     if (!feed.isAvailable) {
-        // The engine lost the device; when it comes back it is opened anew.
+        // The device is gone: its input is closed, and opened anew when it comes back.
+        if (configuredDevice_ && *configuredDevice_) {
+            ++configureGeneration_;
+            engine_.configure(std::nullopt, std::nullopt);
+        }
         configuredDevice_.reset();
         return setState(
             FeedState::disconnected(feed.deviceName.value_or(QStringLiteral("The camera"))));

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "base/Clock.h"
+#include "capture/AudioSource.h"
 #include "capture/CameraMode.h"
 #include "capture/CaptureSource.h"
+#include "capture/VideoSource.h"
 
 #include <QFileSystemWatcher>
 #include <QObject>
@@ -12,9 +14,6 @@
 #include <vector>
 
 namespace orvane {
-
-class AudioSource;
-class VideoSource;
 
 // The cameras and microphones attached to this computer, kept up to date as devices come and
 // go: Video4Linux2 cameras that capture video, then the built-in "Test Pattern"; PulseAudio or

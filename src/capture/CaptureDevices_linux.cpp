@@ -182,6 +182,7 @@ public:
 
     std::optional<Instant> readFrame(Frame& frame) override
     {
+        frame.number = nextNumber_++;
         std::optional<Instant> presentedAt;
         if (packet_->pts != AV_NOPTS_VALUE) {
             // Kernel time stamps come converted to the wall clock, in microseconds.
@@ -253,6 +254,7 @@ private:
     AVFrame* decoded_ = nullptr;
     SwsContext* scaler_ = nullptr;
     double frameDuration_ = 1.0 / 30;
+    std::int64_t nextNumber_ = 0;
 };
 
 // A PulseAudio (or PipeWire) source read through libavdevice, without blocking: 48 kHz

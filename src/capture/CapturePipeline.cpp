@@ -89,12 +89,12 @@ std::shared_ptr<const Frame> CapturePipeline::captureFrame(VideoSource& source)
     frameTimes_.push_back(now);
     while (!frameTimes_.empty() && secondsBetween(frameTimes_.front(), now) > 1.0)
         frameTimes_.pop_front();
-    publishStats(frame->width, frame->height);
 
     std::shared_ptr<const Frame> shared = std::move(frame);
     preview_.publish(shared);
     if (recorder_)
         recorder_->appendVideo(shared);
+    publishStats(shared->width, shared->height); // after the recorder, to count its drop
     const auto sinks = sinks_.get();
     for (const auto& sink : *sinks)
         sink->takeFrame(shared, shared->frameDuration);

@@ -72,6 +72,9 @@ CodecContext openVideoEncoder(const MovieWriter::Video& video, AVRational rate)
     context->time_base = av_inv_q(rate);
     context->framerate = rate;
     context->gop_size = keyFrameInterval(rate);
+    // Pictures leave the encoder in the order they came: less delay before a fragment
+    // reaches the disk, and time stamps that start at zero.
+    context->max_b_frames = 0;
     context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     context->color_range = AVCOL_RANGE_MPEG;
     context->colorspace = AVCOL_SPC_BT709;
@@ -242,6 +245,11 @@ MovieWriter::~MovieWriter() = default;
 std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Video& video,
                                                  bool includesAudio, QString& error)
 {
+    static const bool quiet = [] {
+        av_log_set_level(AV_LOG_ERROR); // the encoders' own chatter is not for the journal
+        return true;
+    }();
+    (void)quiet;
     auto state = std::make_unique<State>();
     state->path = path;
     const QByteArray file = QFile::encodeName(path);

@@ -119,6 +119,12 @@ void Recorder::finish(std::function<void(Outcome)> completion)
     wake_.notify_one();
 }
 
+void Recorder::waitForRoomForTesting()
+{
+    std::unique_lock lock(mutex_);
+    room_.wait(lock, [this] { return frames_.size() < std::size_t(kQueuedFrames) || finishing_; });
+}
+
 Recorder::Outcome Recorder::finishAndWait()
 {
     std::promise<Outcome> promise;
@@ -138,6 +144,7 @@ void Recorder::run()
             if (!frames_.empty()) {
                 frame = std::move(frames_.front());
                 frames_.pop_front();
+                room_.notify_all();
             }
             audioScratch_.resize(ringCount_);
             for (std::size_t i = 0; i < ringCount_; ++i)

@@ -60,6 +60,9 @@ public:
     Outcome finishAndWait();
 
     int droppedFrames() const { return droppedFrames_.load(); }
+    // Waits until the queue has room for another frame, so a test that steps frames faster
+    // than real time loses none.
+    void waitForRoomForTesting();
     int writtenFrames() const { return writtenFrames_.load(); }
 
 private:
@@ -72,6 +75,7 @@ private:
 
     std::mutex mutex_;
     std::condition_variable wake_;
+    std::condition_variable room_;
     std::deque<std::shared_ptr<const Frame>> frames_;
     // Sound waiting to be encoded: a ring of interleaved stereo samples made once.
     std::vector<float> ring_;

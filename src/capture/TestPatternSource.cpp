@@ -76,6 +76,7 @@ VideoSource::Wait TestPatternSource::waitForFrame(Seconds limit)
 std::optional<Instant> TestPatternSource::readFrame(Frame& frame)
 {
     const Instant presentedAt = nextDue_;
+    frame.number = nextNumber_;
     paint(frame, nextNumber_);
     ++nextNumber_;
     nextDue_ = presentedAt + std::chrono::duration_cast<Instant::duration>(Seconds(frameDuration_));

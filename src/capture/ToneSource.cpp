@@ -10,6 +10,8 @@ namespace orvane {
 namespace {
 constexpr int kRate = 48000;
 constexpr int kChannels = 2;
+// Sound comes in 10 ms pieces, as a sound server hands out a microphone's.
+constexpr int kChunk = kRate / 100;
 } // namespace
 
 ToneSource::ToneSource(Clock& clock, double frequency, float amplitude)
@@ -20,9 +22,9 @@ ToneSource::ToneSource(Clock& clock, double frequency, float amplitude)
 AudioSource::Read ToneSource::read(AudioBuffer& into)
 {
     const auto due = std::int64_t(secondsBetween(start_, clock_.now()) * kRate);
-    if (due <= produced_)
+    if (due - produced_ < kChunk)
         return Read::nothing;
-    const int count = int(due - produced_);
+    const int count = kChunk;
     into.channels = kChannels;
     into.sampleRate = kRate;
     into.presentedAt = addSeconds(start_, double(produced_) / kRate);
@@ -33,7 +35,7 @@ AudioSource::Read ToneSource::read(AudioBuffer& into)
         for (int c = 0; c < kChannels; ++c)
             into.samples[std::size_t(i * kChannels + c)] = value;
     }
-    produced_ = due;
+    produced_ += count;
     return Read::buffer;
 }
 

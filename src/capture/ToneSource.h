@@ -8,9 +8,9 @@
 
 namespace orvane {
 
-// A steady sine tone, stereo at 48 kHz, produced as time passes on its clock: the sound of a
-// microphone for machines without one, taking the same road through the engine and the
-// recorder. Capture thread only.
+// A steady sine tone, stereo at 48 kHz in 10 ms pieces, produced as time passes on its
+// clock: the sound of a microphone for machines without one, taking the same road through
+// the engine and the recorder. Capture thread only.
 class ToneSource final : public AudioSource {
 public:
     static inline const QString kID = QStringLiteral("orvane:test-tone");

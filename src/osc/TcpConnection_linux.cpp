@@ -53,7 +53,12 @@ socklen_t toSocketAddress(const QHostAddress& address, quint16 port, sockaddr_st
     in6->sin6_port = htons(port);
     const Q_IPV6ADDR bytes = address.toIPv6Address();
     std::memcpy(&in6->sin6_addr, bytes.c, sizeof bytes.c);
-    in6->sin6_scope_id = address.scopeId().toUInt();
+    // A link-local scope may be an interface name ("eth0") or its index.
+    const QString scope = address.scopeId();
+    bool isIndex = false;
+    in6->sin6_scope_id = scope.toUInt(&isIndex);
+    if (!scope.isEmpty() && !isIndex)
+        in6->sin6_scope_id = ::if_nametoindex(scope.toLocal8Bit().constData());
     return sizeof(sockaddr_in6);
 }
 

@@ -58,7 +58,6 @@ OverlayContent sampleOverlayContent(WallTime now)
     qlab.id = QStringLiteral("sample-qlab");
     qlab.label = QStringLiteral("Ballad Underscore");
     qlab.running = RunningTime{12, now, 45.0, false};
-    qlab.isRunning = true;
     content.qlabCues.push_back(qlab);
 
     content.watermarkText = QStringLiteral("Watermark");
@@ -104,19 +103,16 @@ OverlayContent busyShowOverlayContent(WallTime now)
     thunder.tag = QStringLiteral("104");
     thunder.label = QStringLiteral("Thunder roll");
     thunder.running = RunningTime{4.2, now, 11.5, false};
-    thunder.isRunning = true;
     OverlayPart rain;
     rain.id = QStringLiteral("1B77D0E4-rain");
     rain.tag = QStringLiteral("105");
     rain.label = QStringLiteral("Rain loop");
     rain.running = RunningTime{73.4, now, std::nullopt, false};
-    rain.isRunning = true;
     OverlayPart video;
     video.id = QStringLiteral("F00DCAFE-video");
     video.tag = QStringLiteral("V12");
     video.label = QStringLiteral("Projection: sea");
     video.running = RunningTime{21, now, 60.0, true};
-    video.isRunning = true;
     content.qlabCues = {thunder, rain, video};
 
     content.fields = {

@@ -1,5 +1,6 @@
 #include "overlay/OverlayRenderer.h"
 
+#include "overlay/FrameBlend.h"
 #include "overlay/OverlayFont.h"
 
 #include <QDateTime>
@@ -146,6 +147,7 @@ struct WatermarkKey {
     QString text;
     qint64 image;  // QImage::cacheKey, 0 for none
     QSize imageSize;
+    int opacity;  // 0...1000
     friend bool operator==(const WatermarkKey&, const WatermarkKey&) = default;
 };
 
@@ -269,7 +271,8 @@ public:
     {
         WatermarkKey key{bitsOf(unit), watermark.text.text(),
                          watermark.image.isNull() ? 0 : watermark.image.cacheKey(),
-                         watermark.imageSize.toSize()};
+                         watermark.imageSize.toSize(),
+                         static_cast<int>(std::lround(watermark.opacity * 1000))};
         if (watermarkKey_ && *watermarkKey_ == key)
             return watermarkImage_;
         watermarkKey_ = key;
@@ -305,7 +308,7 @@ private:
             height += (textHeight > 0 ? watermark.imageGap : 0) + watermark.imageSize.height();
         const QSize size(static_cast<int>(std::ceil(width + 2 * margin)),
                          static_cast<int>(std::ceil(height + 2 * margin)));
-        QImage content(size, QImage::Format_ARGB32_Premultiplied);
+        QImage content(size.expandedTo(QSize(1, 1)), QImage::Format_ARGB32_Premultiplied);
         content.fill(Qt::transparent);
         {
             QPainter painter(&content);
@@ -329,6 +332,16 @@ private:
         {
             QPainter painter(&composed);
             painter.drawImage(0, 0, content);
+        }
+        // The opacity is part of the picture, so a frame only blends it.
+        if (watermark.opacity < 1) {
+            QImage faded(composed.size(), QImage::Format_ARGB32_Premultiplied);
+            faded.fill(Qt::transparent);
+            QPainter painter(&faded);
+            painter.setOpacity(watermark.opacity);
+            painter.drawImage(0, 0, composed);
+            painter.end();
+            composed = faded;
         }
         return ComposedWatermark{composed, QPointF(margin, margin)};
     }
@@ -636,7 +649,67 @@ std::vector<OverlayRenderer::Arranged> OverlayRenderer::arrange(const OverlayCon
 
 namespace {
 
-void drawRow(QPainter& painter, Cache& cache, const Style& style, const OverlayPart& part,
+// Where large areas are filled: straight into the frame's memory when the painter draws
+// untransformed onto a 32-bit image, else through the painter (the layout editor's canvas).
+class Surface {
+public:
+    explicit Surface(QPainter& painter) : painter_(painter)
+    {
+        QPaintDevice* device = painter.device();
+        if (device && device->devType() == QInternal::Image && painter.transform().isIdentity() &&
+            !painter.hasClipping()) {
+            auto* image = static_cast<QImage*>(device);
+            if (FrameBlend::supports(*image))
+                frame_ = image;
+        }
+    }
+
+    QPainter& painter() { return painter_; }
+
+    // A rounded rectangle on whole pixels, cut to the columns from `clipLeft` to `clipRight`
+    // when given.
+    void fillRoundedRect(const QRectF& rect, double radius, const QColor& color,
+                         std::optional<double> clipLeft = std::nullopt,
+                         std::optional<double> clipRight = std::nullopt)
+    {
+        const QRect pixels(QPoint(static_cast<int>(std::lround(rect.left())),
+                                  static_cast<int>(std::lround(rect.top()))),
+                           QPoint(static_cast<int>(std::lround(rect.right())) - 1,
+                                  static_cast<int>(std::lround(rect.bottom())) - 1));
+        const int left = clipLeft ? static_cast<int>(std::lround(*clipLeft)) : pixels.left();
+        const int right = clipRight ? static_cast<int>(std::lround(*clipRight)) : pixels.right() + 1;
+        if (frame_) {
+            FrameBlend::fillRoundedRect(*frame_, pixels, radius, color, left, right);
+            return;
+        }
+        painter_.save();
+        if (clipLeft || clipRight)
+            painter_.setClipRect(QRect(left, pixels.top(), right - left, pixels.height()),
+                                 Qt::IntersectClip);
+        painter_.setPen(Qt::NoPen);
+        painter_.setBrush(color);
+        painter_.drawRoundedRect(QRectF(pixels), radius, radius);
+        painter_.restore();
+    }
+
+    void drawImage(QPoint topLeft, const QImage& premultiplied, double opacity)
+    {
+        if (frame_) {
+            FrameBlend::drawImage(*frame_, topLeft, premultiplied, opacity);
+            return;
+        }
+        painter_.save();
+        painter_.setOpacity(opacity);
+        painter_.drawImage(topLeft, premultiplied);
+        painter_.restore();
+    }
+
+private:
+    QPainter& painter_;
+    QImage* frame_ = nullptr;
+};
+
+void drawRow(Surface& surface, Cache& cache, const Style& style, const OverlayPart& part,
              const QRectF& row, WallTime now)
 {
     const double unit = style.unit;
@@ -644,22 +717,17 @@ void drawRow(QPainter& painter, Cache& cache, const Style& style, const OverlayP
     const double progress = part.progressAt(now);
     const bool complete = progress >= 1;
 
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(white(0.06));
-    painter.drawRoundedRect(row, radius, radius);
-    if (progress > 0) {
-        // The fill is the row's rounded shape cut at the progress: a whole-pixel clip keeps
-        // the raster engine on its fast rectangle path.
-        const int left = static_cast<int>(std::floor(row.left()));
-        const int right = static_cast<int>(std::lround(row.left() + progress * row.width()));
-        const int top = static_cast<int>(std::floor(row.top()));
-        const int bottom = static_cast<int>(std::ceil(row.bottom()));
-        painter.save();
-        painter.setClipRect(QRect(left, top, right - left, bottom - top), Qt::IntersectClip);
-        painter.setBrush(grey(0.85, complete ? 0.15 : 0.3));
-        painter.drawRoundedRect(row, radius, radius);
-        painter.restore();
-    }
+    QPainter& painter = surface.painter();
+    // The track, and over its left part the progress fill, cut from the row's rounded shape
+    // at the progress. The filled part is blended once, in the colour of both together.
+    const QColor track = white(0.06);
+    const double cut = row.left() + progress * row.width();
+    if (progress > 0)
+        surface.fillRoundedRect(row, radius,
+                                FrameBlend::over(grey(0.85, complete ? 0.15 : 0.3), track),
+                                std::nullopt, cut);
+    if (progress < 1)
+        surface.fillRoundedRect(row, radius, track, progress > 0 ? std::optional(cut) : std::nullopt);
     if (part.isRunning && !complete) {
         // Stroked on the row's edge and clipped to the row: half the line shows, inside.
         const double line = std::max(unit, 1.0) / 2;
@@ -707,14 +775,12 @@ void drawRow(QPainter& painter, Cache& cache, const Style& style, const OverlayP
     }
 }
 
-void drawPanel(QPainter& painter, Cache& cache, const Style& style, const Panel& panel,
+void drawPanel(Surface& surface, Cache& cache, const Style& style, const Panel& panel,
                const QRectF& frame, double opacity, WallTime now)
 {
+    QPainter& painter = surface.painter();
     const double unit = style.unit;
-    const double radius = kPanelCornerRadius * unit;
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(grey(0.04, opacity));
-    painter.drawRoundedRect(frame, radius, radius);
+    surface.fillRoundedRect(frame, kPanelCornerRadius * unit, grey(0.04, opacity));
 
     const bool trailing = panel.alignment == Panel::Alignment::trailing;
     const double left = frame.left() + panel.padding.width();
@@ -751,7 +817,7 @@ void drawPanel(QPainter& painter, Cache& cache, const Style& style, const Panel&
                     const double x = startFor(panel.contentWidth);
                     double rowTop = y;
                     for (const OverlayPart& part : parts.parts) {
-                        drawRow(painter, cache, style, part,
+                        drawRow(surface, cache, style, part,
                                 QRectF(x, rowTop, panel.contentWidth, parts.rowHeight), now);
                         rowTop += parts.rowHeight + parts.rowSpacing;
                     }
@@ -783,21 +849,19 @@ void OverlayRenderer::draw(const OverlayContent& content, QPainter& painter, QSi
     painter.setRenderHints(QPainter::Antialiasing | QPainter::TextAntialiasing |
                            QPainter::SmoothPixmapTransform);
     const double opacity = std::clamp(content.opacity, 0.0, 1.0);
+    Surface surface(painter);
     for (const Arranged& item : arranged) {
         std::visit(Overloaded{
                        [&](const Panel& panel) {
-                           drawPanel(painter, *cache_, item.style, panel, item.frame, opacity, now);
+                           drawPanel(surface, *cache_, item.style, panel, item.frame, opacity, now);
                        },
                        [&](const Watermark& watermark) {
                            const auto& composed = cache_->watermark(watermark, item.style.unit);
-                           painter.save();
-                           painter.setOpacity(watermark.opacity);
-                           // Whole pixels: the composed image is copied, never resampled.
+                           // Whole pixels: the composed image is blended, never resampled.
                            const QPointF at = item.frame.topLeft() - composed.offset;
-                           painter.drawImage(QPoint(static_cast<int>(std::lround(at.x())),
+                           surface.drawImage(QPoint(static_cast<int>(std::lround(at.x())),
                                                     static_cast<int>(std::lround(at.y()))),
-                                             composed.image);
-                           painter.restore();
+                                             composed.image, 1.0);
                        },
                    },
                    item.drawing);

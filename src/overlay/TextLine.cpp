@@ -22,6 +22,8 @@ TextLine TextLine::make(const QString& text, const QFont& font, const QColor& co
     QTextLayout layout(text, spaced, &OverlayFont::measuringDevice());
     QTextOption option;
     option.setWrapMode(QTextOption::NoWrap);
+    // Unrounded advances: text scales exactly with the frame, as the panels do.
+    option.setUseDesignMetrics(true);
     layout.setTextOption(option);
     layout.beginLayout();
     QTextLine line = layout.createLine();

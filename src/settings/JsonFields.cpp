@@ -37,8 +37,7 @@ std::optional<QUuid> uuid(const QJsonObject& object, const QString& key)
     return id;
 }
 
-std::optional<std::optional<QString>> optionalString(const QJsonObject& object,
-                                                      const QString& key)
+std::optional<std::optional<QString>> optionalString(const QJsonObject& object, const QString& key)
 {
     const QJsonValue value = object.value(key);
     if (value.isUndefined() || value.isNull())

@@ -19,8 +19,7 @@ std::optional<QUuid> uuid(const QJsonObject& object, const QString& key);
 
 // An optional text: a missing key or null is none (answered as an empty outer optional's
 // inner none); another type fails (outer none).
-std::optional<std::optional<QString>> optionalString(const QJsonObject& object,
-                                                      const QString& key);
+std::optional<std::optional<QString>> optionalString(const QJsonObject& object, const QString& key);
 
 // The standard text form of a UUID: upper case, without braces.
 QString uuidText(const QUuid& id);

@@ -26,8 +26,7 @@ std::optional<LayoutPreset> LayoutPreset::fromJson(const QJsonValue& json)
     return LayoutPreset{*id, *name, *look};
 }
 
-std::optional<qsizetype> indexOfLayoutPreset(const QList<LayoutPreset>& presets,
-                                             QStringView name)
+std::optional<qsizetype> indexOfLayoutPreset(const QList<LayoutPreset>& presets, QStringView name)
 {
     const QStringView wanted = name.trimmed();
     if (wanted.isEmpty())

@@ -30,8 +30,7 @@ struct LayoutPreset {
 
 // The first preset, in list order, whose name equals `name` trimmed of surrounding white
 // space, compared case-insensitively in the user's locale. A name of blanks matches nothing.
-std::optional<qsizetype> indexOfLayoutPreset(const QList<LayoutPreset>& presets,
-                                             QStringView name);
+std::optional<qsizetype> indexOfLayoutPreset(const QList<LayoutPreset>& presets, QStringView name);
 
 // The first preset, in list order, whose look equals `look`: the one shown as active.
 std::optional<qsizetype> indexOfActiveLayoutPreset(const QList<LayoutPreset>& presets,

@@ -41,13 +41,13 @@ std::optional<OverlayLook> OverlayLook::fromJson(const QJsonValue& json)
     const auto showsQLabCues = json::boolean(object, "showsQLabCues");
     const auto watermarkText = json::string(object, "watermarkText");
     const auto watermarkOpacity = json::number(object, "watermarkOpacity");
-    if (!layout || !scale || !opacity || !showsClock || !showsDate || !showsTimecode ||
-        !showsCue || !showsNextCue || !showsShowName || !showsFields || !showsQLabCues ||
-        !watermarkText || !watermarkOpacity)
+    if (!layout || !scale || !opacity || !showsClock || !showsDate || !showsTimecode || !showsCue ||
+        !showsNextCue || !showsShowName || !showsFields || !showsQLabCues || !watermarkText ||
+        !watermarkOpacity)
         return std::nullopt;
-    return OverlayLook{*layout,        *scale,         *opacity,     *showsClock,
-                       *showsDate,     *showsTimecode, *showsCue,    *showsNextCue,
-                       *showsShowName, *showsFields,   *showsQLabCues, *watermarkText,
+    return OverlayLook{*layout,          *scale,         *opacity,       *showsClock,
+                       *showsDate,       *showsTimecode, *showsCue,      *showsNextCue,
+                       *showsShowName,   *showsFields,   *showsQLabCues, *watermarkText,
                        *watermarkOpacity};
 }
 

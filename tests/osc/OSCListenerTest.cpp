@@ -116,8 +116,7 @@ private Q_SLOTS:
     void configureWithTheSamePortKeepsTheSocket();
     void portInUseRetriesEveryFiveSeconds();
     void ownerMayReconfigureWhileHandlingAPacket();
-    void anotherProcessHoldingThePort();
-    void freeingThePortLetsAnotherProcessListen();
+    void takesTurnsOnAPortWithAnotherProcess();
 };
 
 void OSCListenerTest::refusesPortsOutsideTheRange_data()
@@ -403,43 +402,17 @@ void OSCListenerTest::ownerMayReconfigureWhileHandlingAPacket()
     QCOMPARE(heard.back(), third);
 }
 
-void OSCListenerTest::anotherProcessHoldingThePort()
+void OSCListenerTest::takesTurnsOnAPortWithAnotherProcess()
 {
     const QString executable = qEnvironmentVariable("ORVANE_EXECUTABLE");
     QVERIFY2(!executable.isEmpty(), "ORVANE_EXECUTABLE names the orvane binary");
     const quint16 port = freePort();
-    QProcess monitor;
-    monitor.start(executable,
-                  {QStringLiteral("osc-monitor"), QStringLiteral("--port"), QString::number(port)});
-    QVERIFY(monitor.waitForStarted());
-    auto stopMonitor = qScopeGuard([&] {
-        monitor.kill();
-        monitor.waitForFinished();
-    });
-    QByteArray errors;
-    QTRY_VERIFY_WITH_TIMEOUT(
-        (errors += monitor.readAllStandardError()).contains("Listening on port"), 10000);
-
     ManualClock clock;
     OSCListener listener(clock);
     listener.configure(true, port);
-    QCOMPARE(listener.stateText(), kInUse.arg(port));
-
-    monitor.kill();
-    QVERIFY(monitor.waitForFinished());
-    clock.advance(5.0);
-    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, port, {}}));
-}
-
-void OSCListenerTest::freeingThePortLetsAnotherProcessListen()
-{
-    const QString executable = qEnvironmentVariable("ORVANE_EXECUTABLE");
-    QVERIFY2(!executable.isEmpty(), "ORVANE_EXECUTABLE names the orvane binary");
-    const quint16 port = freePort();
-    OSCListener listener; // the real clock: the other process retries on its own
-    listener.configure(true, port);
     QCOMPARE(listener.state().kind, Kind::listening);
 
+    // The other process finds the port taken and retries on the real clock.
     QProcess monitor;
     monitor.start(executable,
                   {QStringLiteral("osc-monitor"), QStringLiteral("--port"), QString::number(port)});
@@ -458,9 +431,16 @@ void OSCListenerTest::freeingThePortLetsAnotherProcessListen()
     QTRY_VERIFY_WITH_TIMEOUT(
         (errors += monitor.readAllStandardError()).contains("Listening on port"), 8000);
     QVERIFY2(waited.elapsed() < 6000, "within one retry");
-    QCOMPARE(
-        errors,
-        (kInUse.arg(port) + u'\n' + QStringLiteral("Listening on port %1\n").arg(port)).toUtf8());
+    QCOMPARE(errors,
+             kInUse.arg(port).toUtf8() + "\nListening on port " + QByteArray::number(port) + '\n');
+
+    // Now the other process holds it, until it quits.
+    listener.configure(true, port);
+    QCOMPARE(listener.stateText(), kInUse.arg(port));
+    monitor.kill();
+    QVERIFY(monitor.waitForFinished());
+    clock.advance(5.0);
+    QCOMPARE(listener.state(), (OSCListener::State{Kind::listening, port, {}}));
 }
 
 QTEST_GUILESS_MAIN(OSCListenerTest)

@@ -87,9 +87,10 @@ struct Peer {
     QTcpServer server;
     QList<QPointer<QTcpSocket>> sockets;
 
-    explicit Peer(quint16 port = 0)
+    explicit Peer(quint16 port = 0,
+                  const QHostAddress& address = QHostAddress(QHostAddress::LocalHost))
     {
-        server.listen(QHostAddress::LocalHost, port);
+        server.listen(address, port);
         QObject::connect(&server, &QTcpServer::newConnection, [this] {
             while (server.hasPendingConnections())
                 sockets.append(server.nextPendingConnection());
@@ -139,7 +140,8 @@ private Q_SLOTS:
     void disconnectGoesIdleAndRetryNowSkipsTheWait();
     void peerThatNeverAnswersTimesOutAfterFourSeconds();
     void unknownHostIsReported();
-    void hostNameIsLookedUp();
+    void hostIsANameOrAnAddressOfEitherFamily_data();
+    void hostIsANameOrAnAddressOfEitherFamily();
     void interfaceRestrictionUsesAnInterfaceOfThatKind();
     void interfaceKindComesFromSysfs_data();
     void interfaceKindComesFromSysfs();
@@ -426,13 +428,28 @@ void OSCStreamTest::unknownHostIsReported()
     QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), retrying(FailureKind::unknownHost, 1), 10'000);
 }
 
-void OSCStreamTest::hostNameIsLookedUp()
+void OSCStreamTest::hostIsANameOrAnAddressOfEitherFamily_data()
 {
-    // A name goes through the resolver; when it names ::1 first the IPv4 address is tried next.
-    Peer peer;
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<QHostAddress>("listening");
+    const QHostAddress ipv4(QHostAddress::LocalHost);
+    QTest::newRow("IPv4 address") << QStringLiteral("127.0.0.1") << ipv4;
+    QTest::newRow("IPv6 address") << QStringLiteral("::1")
+                                  << QHostAddress(QHostAddress::LocalHostIPv6);
+    // Through the resolver; should it name ::1 first, the IPv4 address is tried next.
+    QTest::newRow("name") << QStringLiteral("localhost") << ipv4;
+}
+
+void OSCStreamTest::hostIsANameOrAnAddressOfEitherFamily()
+{
+    QFETCH(QString, host);
+    QFETCH(QHostAddress, listening);
+    Peer peer(0, listening);
+    QVERIFY(peer.server.isListening());
     Link link;
-    link.stream.connectTo({QStringLiteral("localhost"), peer.port(), OSCFraming::slip, {}});
+    link.stream.connectTo({host, peer.port(), OSCFraming::slip, {}});
     QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), kReady, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(peer.sockets.size(), 1, kWaitMs);
 }
 
 void OSCStreamTest::interfaceRestrictionUsesAnInterfaceOfThatKind()

@@ -152,27 +152,32 @@ void LayoutTest::decodingRejectsBadJson_data()
     QTest::newRow("placement as array") << "placement" << QByteArray("[0.1,0.2,0,1]") << false;
 
     QTest::newRow("layout with one entry")
-        << "layout" << R"({"placements":["qlab",)" + placement + "]}" << true;
-    QTest::newRow("layout without entries") << "layout" << QByteArray(R"({"placements":[]})")
-                                            << true;
+        << "layout"
+        << R"({"placements":["qlab",)" + placement + "]}" << true;
+    QTest::newRow("layout without entries")
+        << "layout" << QByteArray(R"({"placements":[]})") << true;
     QTest::newRow("layout missing placements") << "layout" << QByteArray("{}") << false;
     QTest::newRow("layout with odd count")
-        << "layout" << R"({"placements":["qlab",)" + placement + R"(,"cues"]})" << false;
+        << "layout"
+        << R"({"placements":["qlab",)" + placement + R"(,"cues"]})" << false;
     QTest::newRow("layout with unknown widget")
-        << "layout" << R"({"placements":["clock",)" + placement + "]}" << false;
+        << "layout"
+        << R"({"placements":["clock",)" + placement + "]}" << false;
     QTest::newRow("layout with upper-case widget")
-        << "layout" << R"({"placements":["QLab",)" + placement + "]}" << false;
+        << "layout"
+        << R"({"placements":["QLab",)" + placement + "]}" << false;
     QTest::newRow("layout with placements as object")
-        << "layout" << R"({"placements":{"qlab":)" + placement + "}}" << false;
+        << "layout"
+        << R"({"placements":{"qlab":)" + placement + "}}" << false;
     QTest::newRow("layout with widget as number")
-        << "layout" << R"({"placements":[3,)" + placement + "]}" << false;
+        << "layout"
+        << R"({"placements":[3,)" + placement + "]}" << false;
 
     QTest::newRow("complete look") << "look" << lookText() << true;
     QTest::newRow("look missing showsQLabCues") << "look" << lookText("showsQLabCues") << false;
     QTest::newRow("look missing layout") << "look" << lookText("layout") << false;
     QTest::newRow("look missing watermarkText") << "look" << lookText("watermarkText") << false;
-    QTest::newRow("look with text scale")
-        << "look" << lookText({}, R"({"scale":"1.5"})") << false;
+    QTest::newRow("look with text scale") << "look" << lookText({}, R"({"scale":"1.5"})") << false;
     QTest::newRow("look with number for bool")
         << "look" << lookText({}, R"({"showsDate":1})") << false;
     QTest::newRow("look with null watermarkText")
@@ -186,10 +191,11 @@ void LayoutTest::decodingRejectsBadJson_data()
         << R"({"id":"0f8e3c2a-1b4d-4e5f-8a9b-0c1d2e3f4a5b","name":"A","look":)" + look + "}"
         << true;
     QTest::newRow("preset with bad id")
-        << "preset" << R"({"id":"not-a-uuid","name":"A","look":)" + look + "}" << false;
+        << "preset"
+        << R"({"id":"not-a-uuid","name":"A","look":)" + look + "}" << false;
     QTest::newRow("preset missing name")
-        << "preset" << R"({"id":"0F8E3C2A-1B4D-4E5F-8A9B-0C1D2E3F4A5B","look":)" + look + "}"
-        << false;
+        << "preset"
+        << R"({"id":"0F8E3C2A-1B4D-4E5F-8A9B-0C1D2E3F4A5B","look":)" + look + "}" << false;
     QTest::newRow("preset with look missing a key")
         << "preset"
         << R"({"id":"0F8E3C2A-1B4D-4E5F-8A9B-0C1D2E3F4A5B","name":"A","look":)" +

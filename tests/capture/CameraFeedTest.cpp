@@ -1,0 +1,195 @@
+#include "capture/CameraFeed.h"
+
+#include "MovieProbe.h"
+#include "capture/CaptureEngine.h"
+#include "capture/TestPatternSource.h"
+#include "capture/ToneSource.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace orvane;
+
+Q_DECLARE_METATYPE(orvane::Feed)
+Q_DECLARE_METATYPE(orvane::FeedState)
+
+namespace {
+
+Feed feed(std::optional<QString> device, std::optional<QString> name, bool available)
+{
+    return {QUuid::createUuid(), std::move(device), std::move(name), available, false};
+}
+
+void useSmallTestPattern(CaptureEngine& engine)
+{
+    engine.setTestPatternFormat({160, 90, 30});
+}
+
+} // namespace
+
+class CameraFeedTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void stateFollowsTheFeed_data();
+    void stateFollowsTheFeed();
+    void aLiveFeedShowsItsVideoSize();
+    void applyingTheSameFeedTwiceConfiguresOnce();
+    void anUnpluggedCameraResumesWhenItComesBack();
+    void anExtraCameraRecordsNoSound();
+    void theMainCameraRecordsItsMicrophone();
+    void stoppingBeforeTheFirstFrameLeavesNoFile();
+};
+
+void CameraFeedTest::stateFollowsTheFeed_data()
+{
+    QTest::addColumn<Feed>("applied");
+    QTest::addColumn<bool>("authorized");
+    QTest::addColumn<FeedState>("state");
+    QTest::newRow("no access") << feed(TestPatternSource::kID, {}, true) << false
+                               << FeedState::of(FeedState::Kind::noAccess);
+    QTest::newRow("no camera chosen") << feed({}, {}, false) << true
+                                      << FeedState::of(FeedState::Kind::unassigned);
+    QTest::newRow("unplugged, name known")
+        << feed(QStringLiteral("/dev/v4l/by-id/usb-cam"), QStringLiteral("Stage Left"), false)
+        << true << FeedState::disconnected(QStringLiteral("Stage Left"));
+    QTest::newRow("unplugged, no name")
+        << feed(QStringLiteral("/dev/v4l/by-id/usb-cam"), {}, false) << true
+        << FeedState::disconnected(QStringLiteral("The camera"));
+    QTest::newRow("cannot be opened")
+        << feed(QStringLiteral("/dev/null"), QStringLiteral("Null"), true) << true
+        << FeedState::failed(
+               QStringLiteral("The camera couldn't be opened. Another app may be using it."));
+    QTest::newRow("test pattern") << feed(TestPatternSource::kID, {}, true) << true
+                                  << FeedState::of(FeedState::Kind::live);
+}
+
+void CameraFeedTest::stateFollowsTheFeed()
+{
+    QFETCH(Feed, applied);
+    QFETCH(bool, authorized);
+    QFETCH(FeedState, state);
+    CameraFeed camera(applied.id);
+    useSmallTestPattern(camera.engine());
+    camera.apply(applied, authorized);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), state, 10000);
+}
+
+void CameraFeedTest::aLiveFeedShowsItsVideoSize()
+{
+    const Feed applied = feed(TestPatternSource::kID, {}, true);
+    CameraFeed camera(applied.id);
+    QSignalSpy states(&camera, &CameraFeed::stateChanged);
+    useSmallTestPattern(camera.engine());
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    QCOMPARE(camera.videoSize(), QSize(160, 90));
+    QCOMPARE(camera.engine().videoSize(), QSize(160, 90));
+    QTRY_VERIFY(camera.engine().stats().framesPerSecond > 0);
+    QVERIFY(camera.engine().latestFrame());
+}
+
+void CameraFeedTest::applyingTheSameFeedTwiceConfiguresOnce()
+{
+    const Feed applied = feed(TestPatternSource::kID, {}, true);
+    CameraFeed camera(applied.id);
+    useSmallTestPattern(camera.engine());
+    QSignalSpy opened(&camera.engine(), &CaptureEngine::framesStarted);
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    camera.apply(applied, true);
+    Feed mirrored = applied;
+    mirrored.isMirrored = true;
+    camera.apply(mirrored, true);
+    QVERIFY(camera.engine().isMirrored());
+    QTest::qWait(300); // ten frames: a reopened camera would have started again
+    QCOMPARE(opened.count(), 1);
+}
+
+void CameraFeedTest::anUnpluggedCameraResumesWhenItComesBack()
+{
+    Feed applied = feed(TestPatternSource::kID, QStringLiteral("Test Pattern"), true);
+    CameraFeed camera(applied.id);
+    useSmallTestPattern(camera.engine());
+    QSignalSpy opened(&camera.engine(), &CaptureEngine::framesStarted);
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    applied.isAvailable = false;
+    camera.apply(applied, true);
+    QCOMPARE(camera.state(), FeedState::disconnected(QStringLiteral("Test Pattern")));
+    applied.isAvailable = true;
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+}
+
+void CameraFeedTest::anExtraCameraRecordsNoSound()
+{
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Camera 2.mov"));
+    const Feed applied = feed(TestPatternSource::kID, {}, true);
+    CameraFeed camera(applied.id);
+    useSmallTestPattern(camera.engine());
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    camera.startRecording(path, MovieCodec::h264);
+    QTest::qWait(1000);
+    std::optional<Recorder::Outcome> outcome;
+    camera.stopRecording([&](Recorder::Outcome o) { outcome = o; });
+    QTRY_VERIFY_WITH_TIMEOUT(outcome, 20000);
+    QCOMPARE(outcome->movie, path);
+    const auto movie = probeMovie(path);
+    QVERIFY(movie);
+    QCOMPARE(movie->count(QStringLiteral("video")), 1);
+    QCOMPARE(movie->count(QStringLiteral("audio")), 0);
+}
+
+void CameraFeedTest::theMainCameraRecordsItsMicrophone()
+{
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Orvane.mov"));
+    CaptureEngine engine;
+    useSmallTestPattern(engine);
+    std::optional<std::optional<CaptureError>> configured;
+    engine.configure(TestPatternSource::kID, ToneSource::kID,
+                     [&](std::optional<CaptureError> error) { configured = error; });
+    QTRY_VERIFY_WITH_TIMEOUT(configured, 10000);
+    QCOMPARE(*configured, std::nullopt);
+    engine.startRecording(path, MovieCodec::h264, true);
+    QTest::qWait(1500);
+    // The tone's level, measured on the capture thread: a sine at half scale.
+    const auto levels = engine.stats().audioLevels;
+    QCOMPARE(levels.size(), std::size_t(2));
+    QVERIFY2(std::abs(levels[0] + 9.03f) < 0.2f, qPrintable(QString::number(levels[0])));
+    std::optional<Recorder::Outcome> outcome;
+    engine.stopRecording([&](Recorder::Outcome o) { outcome = o; });
+    QTRY_VERIFY_WITH_TIMEOUT(outcome, 20000);
+    QCOMPARE(outcome->movie, path);
+    const auto movie = probeMovie(path);
+    QVERIFY(movie);
+    QCOMPARE(movie->count(QStringLiteral("audio")), 1);
+    const ProbedStream* audio = movie->stream(QStringLiteral("audio"));
+    const ProbedStream* video = movie->stream(QStringLiteral("video"));
+    QVERIFY2(std::abs(audio->duration - video->duration) < 0.15,
+             qPrintable(QStringLiteral("%1 %2").arg(audio->duration).arg(video->duration)));
+}
+
+void CameraFeedTest::stoppingBeforeTheFirstFrameLeavesNoFile()
+{
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Orvane.mov"));
+    CaptureEngine engine;
+    engine.startRecording(path, MovieCodec::hevc, true);
+    std::optional<Recorder::Outcome> outcome;
+    engine.stopRecording([&](Recorder::Outcome o) { outcome = o; });
+    QTRY_VERIFY_WITH_TIMEOUT(outcome, 10000);
+    QCOMPARE(*outcome, Recorder::Outcome{});
+    QVERIFY(!QFile::exists(path));
+    // A camera that starts afterwards writes nothing either.
+    useSmallTestPattern(engine);
+    engine.configure(TestPatternSource::kID, std::nullopt);
+    QTRY_COMPARE_WITH_TIMEOUT(engine.videoSize(), QSize(160, 90), 10000);
+    QVERIFY(!QFile::exists(path));
+}
+
+QTEST_GUILESS_MAIN(CameraFeedTest)
+#include "CameraFeedTest.moc"

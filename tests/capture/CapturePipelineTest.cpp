@@ -1,0 +1,258 @@
+#include "capture/CapturePipeline.h"
+
+#include "base/ManualClock.h"
+#include "capture/AudioSource.h"
+#include "capture/Frame.h"
+#include "capture/FrameSink.h"
+#include "capture/TestPatternSource.h"
+#include "capture/ToneSource.h"
+
+#include <QTest>
+
+#include <cstring>
+
+using namespace orvane;
+
+namespace {
+
+// A camera whose pictures carry whatever presentation time the test gives them.
+class StampedSource final : public VideoSource {
+public:
+    std::optional<Instant> nextPresentedAt;
+
+    int width() const override { return 8; }
+    int height() const override { return 4; }
+    double frameDuration() const override { return 1.0 / 25; }
+    Wait waitForFrame(Seconds) override { return Wait::frameReady; }
+    std::optional<Instant> readFrame(Frame& frame) override
+    {
+        std::memset(frame.pixels, 0x40, std::size_t(frame.bytesPerLine) * frame.height);
+        return nextPresentedAt;
+    }
+    void skipFrame() override {}
+};
+
+// Keeps every frame it is given, as a slow consumer would.
+class KeepingSink final : public FrameSink {
+public:
+    std::vector<std::shared_ptr<const Frame>> frames;
+    std::function<void()> duringCall;
+    void takeFrame(std::shared_ptr<const Frame> frame, double) override
+    {
+        frames.push_back(std::move(frame));
+        if (duringCall)
+            duringCall();
+    }
+};
+
+std::uint32_t pixel(const Frame& frame, int x, int y)
+{
+    std::uint32_t value;
+    std::memcpy(&value, frame.pixels + y * frame.bytesPerLine + x * 4, 4);
+    return value;
+}
+
+} // namespace
+
+class CapturePipelineTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void frameAgeIsClampedToOneSecond_data();
+    void frameAgeIsClampedToOneSecond();
+    void framesAreStampedWithTheirMomentOfCapture();
+    void frameRateCountsFramesInTheLastSecond();
+    void lateWakeUpsAndFullPoolsAreCountedAsDrops();
+    void theSameFrameReachesPreviewAndSinks();
+    void aSinkMayRemoveItselfWhileItIsCalled();
+    void mirroringFlipsEachRow();
+    void soundLevelsFollowTheGain_data();
+    void soundLevelsFollowTheGain();
+};
+
+void CapturePipelineTest::frameAgeIsClampedToOneSecond_data()
+{
+    QTest::addColumn<bool>("known");
+    QTest::addColumn<double>("secondsAgo");
+    QTest::addColumn<double>("age");
+    QTest::newRow("unknown time") << false << 0.0 << 0.0;
+    QTest::newRow("now") << true << 0.0 << 0.0;
+    QTest::newRow("a quarter second ago") << true << 0.25 << 0.25;
+    QTest::newRow("three seconds ago") << true << 3.0 << 1.0;
+    QTest::newRow("from the future") << true << -2.0 << 0.0;
+}
+
+void CapturePipelineTest::frameAgeIsClampedToOneSecond()
+{
+    QFETCH(bool, known);
+    QFETCH(double, secondsAgo);
+    QFETCH(double, age);
+    const Instant now = std::chrono::steady_clock::now();
+    const auto presented = known ? std::optional(addSeconds(now, -secondsAgo)) : std::nullopt;
+    QCOMPARE(CapturePipeline::frameAge(now, presented), age);
+}
+
+void CapturePipelineTest::framesAreStampedWithTheirMomentOfCapture()
+{
+    ManualClock clock;
+    clock.advance(100.0);
+    CapturePipeline pipeline(clock);
+    StampedSource source;
+
+    source.nextPresentedAt = addSeconds(clock.now(), -3.0);
+    auto frame = pipeline.captureFrame(source);
+    QVERIFY(frame);
+    QCOMPARE(frame->wallCapturedAt, addSeconds(clock.wallNow(), -1.0));
+    QCOMPARE(frame->capturedAt, addSeconds(clock.now(), -1.0));
+
+    source.nextPresentedAt = addSeconds(clock.now(), 0.5);
+    frame = pipeline.captureFrame(source);
+    QCOMPARE(frame->wallCapturedAt, clock.wallNow());
+    QCOMPARE(frame->frameDuration, 1.0 / 25);
+}
+
+void CapturePipelineTest::frameRateCountsFramesInTheLastSecond()
+{
+    ManualClock clock;
+    CapturePipeline pipeline(clock);
+    StampedSource source;
+    for (int i = 0; i < 100; ++i) {
+        pipeline.captureFrame(source);
+        clock.advance(0.04);
+    }
+    const double rate = pipeline.stats().framesPerSecond;
+    QVERIFY2(rate == 25 || rate == 26, qPrintable(QString::number(rate)));
+    QCOMPARE(pipeline.stats().width, 8);
+    QCOMPARE(pipeline.stats().height, 4);
+    // With no more frames the value stands until the next frame comes.
+    clock.advance(5.0);
+    QCOMPARE(pipeline.stats().framesPerSecond, rate);
+    pipeline.captureFrame(source);
+    QCOMPARE(pipeline.stats().framesPerSecond, 1.0);
+}
+
+void CapturePipelineTest::lateWakeUpsAndFullPoolsAreCountedAsDrops()
+{
+    ManualClock clock;
+    CapturePipeline pipeline(clock);
+    TestPatternSource source(clock, 64, 36, 30, TestPatternSource::Pacing::stepped);
+    auto sink = std::make_shared<KeepingSink>();
+    pipeline.addSink(sink);
+
+    QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
+    pipeline.captureFrame(source);
+    QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::nothingYet);
+    // The thread wakes three and a half frames late: the missed pictures are lost.
+    clock.advance(3.5 / 30);
+    QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
+    auto frame = pipeline.captureFrame(source);
+    QCOMPARE(frame->number, 3);
+    QCOMPARE(pipeline.stats().droppedFrames, 2);
+
+    // The sink holds every frame: once the pool is spent, pictures are dropped, not waited for.
+    for (int i = 0; i < CapturePipeline::kPoolFrames + 3; ++i) {
+        clock.advance(1.0 / 30);
+        QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
+        pipeline.captureFrame(source);
+    }
+    frame.reset();
+    QCOMPARE(int(sink->frames.size()), CapturePipeline::kPoolFrames);
+    // It held two already, so six more fit and five of the eleven were lost.
+    QCOMPARE(pipeline.stats().droppedFrames, 2 + 5);
+    sink->frames.clear();
+    clock.advance(1.0 / 30);
+    QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
+    QVERIFY(pipeline.captureFrame(source));
+}
+
+void CapturePipelineTest::theSameFrameReachesPreviewAndSinks()
+{
+    ManualClock clock;
+    CapturePipeline pipeline(clock);
+    StampedSource source;
+    auto first = std::make_shared<KeepingSink>();
+    auto second = std::make_shared<KeepingSink>();
+    pipeline.addSink(first);
+    pipeline.addSink(second);
+    const auto frame = pipeline.captureFrame(source);
+    QCOMPARE(pipeline.latestFrame(), frame);
+    QCOMPARE(first->frames.at(0), frame);
+    QCOMPARE(second->frames.at(0), frame);
+
+    pipeline.removeSink(first.get());
+    pipeline.captureFrame(source);
+    QCOMPARE(first->frames.size(), std::size_t(1));
+    QCOMPARE(second->frames.size(), std::size_t(2));
+}
+
+void CapturePipelineTest::aSinkMayRemoveItselfWhileItIsCalled()
+{
+    ManualClock clock;
+    CapturePipeline pipeline(clock);
+    StampedSource source;
+    auto sink = std::make_shared<KeepingSink>();
+    sink->duringCall = [&] { pipeline.removeSink(sink.get()); };
+    pipeline.addSink(sink);
+    pipeline.captureFrame(source);
+    pipeline.captureFrame(source);
+    QCOMPARE(sink->frames.size(), std::size_t(1));
+}
+
+void CapturePipelineTest::mirroringFlipsEachRow()
+{
+    ManualClock clock;
+    CapturePipeline plain(clock);
+    CapturePipeline mirrored(clock);
+    mirrored.setMirrored(true);
+    TestPatternSource first(clock, 160, 90, 30, TestPatternSource::Pacing::stepped);
+    TestPatternSource second(clock, 160, 90, 30, TestPatternSource::Pacing::stepped);
+    const auto a = plain.captureFrame(first);
+    const auto b = mirrored.captureFrame(second);
+    bool differs = false;
+    for (int y = 0; y < 90; y += 7)
+        for (int x = 0; x < 160; ++x) {
+            QCOMPARE(pixel(*b, x, y), pixel(*a, 159 - x, y));
+            differs = differs || pixel(*b, x, y) != pixel(*a, x, y);
+        }
+    QVERIFY(differs);
+}
+
+void CapturePipelineTest::soundLevelsFollowTheGain_data()
+{
+    QTest::addColumn<float>("amplitude");
+    QTest::addColumn<float>("gain");
+    QTest::addColumn<float>("level");
+    // A sine of amplitude A has the average power A²/2.
+    QTest::newRow("half scale") << 0.5f << 1.0f << -9.03f;
+    QTest::newRow("half scale doubled") << 0.5f << 2.0f << -3.01f;
+    QTest::newRow("quarter scale halved") << 0.25f << 0.5f << -21.07f;
+    QTest::newRow("muted") << 0.5f << 0.0f << -160.0f;
+    QTest::newRow("silence") << 0.0f << 1.0f << -160.0f;
+}
+
+void CapturePipelineTest::soundLevelsFollowTheGain()
+{
+    QFETCH(float, amplitude);
+    QFETCH(float, gain);
+    QFETCH(float, level);
+    ManualClock clock;
+    CapturePipeline pipeline(clock);
+    pipeline.setGain(gain);
+    ToneSource tone(clock, 1000.0, amplitude);
+    AudioBuffer buffer;
+    QCOMPARE(tone.read(buffer), AudioSource::Read::nothing);
+    clock.advance(0.1);
+    int pieces = 0;
+    while (tone.read(buffer) == AudioSource::Read::buffer) {
+        ++pieces;
+        QCOMPARE(buffer.frameCount(), 480);
+        pipeline.captureAudio(buffer);
+    }
+    QCOMPARE(pieces, 10);
+    const auto levels = pipeline.stats().audioLevels;
+    QCOMPARE(levels.size(), std::size_t(2));
+    for (float measured : levels)
+        QVERIFY2(std::abs(measured - level) < 0.05f, qPrintable(QString::number(measured)));
+}
+
+QTEST_GUILESS_MAIN(CapturePipelineTest)
+#include "CapturePipelineTest.moc"

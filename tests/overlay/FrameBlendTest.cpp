@@ -1,0 +1,135 @@
+#include "overlay/FrameBlend.h"
+
+#include <QPainter>
+#include <QTest>
+
+using namespace orvane;
+
+namespace {
+
+QImage noise(QSize size, QImage::Format format)
+{
+    QImage image(size, format);
+    for (int y = 0; y < size.height(); ++y)
+        for (int x = 0; x < size.width(); ++x)
+            image.setPixel(x, y, qRgb((x * 37 + y * 11) & 255, (x * 5 + y * 91) & 255, (x ^ y) & 255));
+    return image;
+}
+
+int largestDifference(const QImage& a, const QImage& b)
+{
+    int largest = 0;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x) {
+            const QRgb p = a.pixel(x, y);
+            const QRgb q = b.pixel(x, y);
+            largest = std::max({largest, std::abs(qRed(p) - qRed(q)), std::abs(qGreen(p) - qGreen(q)),
+                                std::abs(qBlue(p) - qBlue(q)), std::abs(qAlpha(p) - qAlpha(q))});
+        }
+    return largest;
+}
+
+} // namespace
+
+// The overlay's own blending must look like QPainter's: same colours, same rounded corners,
+// same cut, on every frame format it accepts.
+class FrameBlendTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void fillMatchesPainter_data()
+    {
+        QTest::addColumn<QImage::Format>("format");
+        QTest::addColumn<QRect>("rect");
+        QTest::addColumn<double>("radius");
+        QTest::addColumn<QColor>("color");
+        QTest::addColumn<int>("clipLeft");
+        QTest::addColumn<int>("clipRight");
+        const QColor panel = QColor::fromRgbF(0.04f, 0.04f, 0.04f, 0.7f);
+        QTest::newRow("panel") << QImage::Format_RGB32 << QRect(10, 8, 101, 57) << 12.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("odd width for the tail") << QImage::Format_RGB32 << QRect(3, 3, 7, 30) << 2.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("fractional radius") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 5.33 << QColor(255, 255, 255, 15) << INT_MIN << INT_MAX;
+        QTest::newRow("square corners") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 0.0 << QColor(200, 30, 40, 128) << INT_MIN << INT_MAX;
+        QTest::newRow("radius above half the height") << QImage::Format_RGB32 << QRect(4, 4, 80, 20) << 30.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("cut on the right") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0 << QColor(217, 217, 217, 77) << INT_MIN << 47;
+        QTest::newRow("cut inside the corner") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0 << QColor(217, 217, 217, 77) << INT_MIN << 8;
+        QTest::newRow("cut on the left") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0 << QColor(255, 255, 255, 15) << 47 << INT_MAX;
+        QTest::newRow("partly outside the frame") << QImage::Format_RGB32 << QRect(-20, 90, 80, 60) << 12.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("opaque") << QImage::Format_RGB32 << QRect(10, 10, 50, 50) << 10.0 << QColor(255, 59, 48) << INT_MIN << INT_MAX;
+        QTest::newRow("ARGB32") << QImage::Format_ARGB32 << QRect(10, 8, 101, 57) << 12.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("ARGB32 premultiplied") << QImage::Format_ARGB32_Premultiplied << QRect(10, 8, 101, 57) << 12.0 << panel << INT_MIN << INT_MAX;
+    }
+    void fillMatchesPainter()
+    {
+        QFETCH(QImage::Format, format);
+        QFETCH(QRect, rect);
+        QFETCH(double, radius);
+        QFETCH(QColor, color);
+        QFETCH(int, clipLeft);
+        QFETCH(int, clipRight);
+
+        QImage ours = noise(QSize(128, 128), format);
+        QImage theirs = ours.copy();
+        FrameBlend::fillRoundedRect(ours, rect, radius, color, clipLeft, clipRight);
+
+        QPainter painter(&theirs);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setClipRect(QRect(QPoint(std::max(clipLeft, -1000), -1000),
+                                  QPoint(std::min(clipRight, 10000) - 1, 10000)));
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(color);
+        const double r = std::min(radius, std::min(rect.width(), rect.height()) / 2.0);
+        painter.drawRoundedRect(QRectF(rect), r, r);
+        painter.end();
+
+        // Antialiased corner pixels may differ by a few levels (up to 24 at full contrast, as
+        // coverage is estimated from the distance to the corner); a wrong colour, a missing
+        // tail or an ignored cut differ by far more.
+        QVERIFY2(largestDifference(ours, theirs) <= 24,
+                 qPrintable(QString::number(largestDifference(ours, theirs))));
+        QVERIFY(largestDifference(ours, noise(QSize(128, 128), format)) > 0);
+    }
+
+    void imageMatchesPainter_data()
+    {
+        QTest::addColumn<QPoint>("at");
+        QTest::newRow("inside") << QPoint(20, 30);
+        QTest::newRow("over the top-left edge") << QPoint(-13, -7);
+        QTest::newRow("over the bottom-right edge") << QPoint(100, 110);
+    }
+    void imageMatchesPainter()
+    {
+        QFETCH(QPoint, at);
+        QImage overlay(41, 23, QImage::Format_ARGB32_Premultiplied);
+        overlay.fill(Qt::transparent);
+        {
+            QPainter painter(&overlay);
+            painter.setRenderHint(QPainter::Antialiasing);
+            painter.setBrush(QColor(255, 255, 255, 180));
+            painter.setPen(Qt::NoPen);
+            painter.drawEllipse(QRectF(2, 2, 37, 19));
+        }
+        QImage ours = noise(QSize(128, 128), QImage::Format_RGB32);
+        QImage theirs = ours.copy();
+        FrameBlend::drawImage(ours, at, overlay, 1.0);
+        QPainter painter(&theirs);
+        painter.drawImage(at, overlay);
+        painter.end();
+        QVERIFY(largestDifference(ours, theirs) <= 2);
+    }
+
+    void overComposesTwoColours()
+    {
+        QImage once = noise(QSize(32, 32), QImage::Format_RGB32);
+        QImage twice = once.copy();
+        const QColor track = QColor::fromRgbF(1, 1, 1, 0.06f);
+        const QColor fill = QColor::fromRgbF(0.85f, 0.85f, 0.85f, 0.3f);
+        FrameBlend::fillRoundedRect(twice, twice.rect(), 0, track);
+        FrameBlend::fillRoundedRect(twice, twice.rect(), 0, fill);
+        FrameBlend::fillRoundedRect(once, once.rect(), 0, FrameBlend::over(fill, track));
+        QVERIFY(largestDifference(once, twice) <= 2);
+    }
+};
+
+QTEST_GUILESS_MAIN(FrameBlendTest)
+#include "FrameBlendTest.moc"

@@ -1,0 +1,529 @@
+#include "settings/AppSettings.h"
+
+#include "SettingsTesting.h"
+
+#include <QBuffer>
+#include <QDir>
+#include <QImage>
+#include <QJsonArray>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <sys/stat.h>
+
+using namespace orvane;
+using namespace orvane::testing;
+
+namespace {
+
+using OptionalText = std::optional<QString>;
+
+const QByteArray kCameraJson =
+    R"({"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","deviceID":"usb-046d-0825",)"
+    R"("label":"Wing Cam","isMirrored":true})";
+
+QByteArray lookJson(const QByteArray& without = {})
+{
+    QJsonObject look = OverlayLook{}.toJson();
+    look.remove(QString::fromLatin1(without));
+    return QJsonDocument(look).toJson(QJsonDocument::Compact);
+}
+
+QByteArray pngBytes()
+{
+    QImage image(8, 4, QImage::Format_ARGB32);
+    image.fill(Qt::red);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return bytes;
+}
+
+void writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+        qFatal("couldn't write %s", qPrintable(path));
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Every property's value, by key.
+QVariantMap allValues(const AppSettings& settings)
+{
+    QVariantMap values;
+    for (const QMetaProperty& property : settingProperties())
+        values.insert(property.name(), property.read(&settings));
+    return values;
+}
+
+} // namespace
+
+class AppSettingsTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void storedValuesAreReadOrFallBack_data();
+    void storedValuesAreReadOrFallBack();
+    void unreadableFilesGiveDefaults_data();
+    void unreadableFilesGiveDefaults();
+    void undecodableJsonStaysUntilTheValueChanges();
+    void everySetterWritesButNotifiesOnlyRealChanges();
+    void valuesSurviveAReloadWithTheirTypes();
+    void writesReplaceTheFileWhole();
+    void presetsAreSavedAndAppliedByName();
+    void watermarkImageIsCopiedIntoTheSupportFolder_data();
+    void watermarkImageIsCopiedIntoTheSupportFolder();
+    void watermarkImageIsReplacedAndCleared();
+    void migrationCopiesWhatIsMissingOnce_data();
+    void migrationCopiesWhatIsMissingOnce();
+};
+
+void AppSettingsTest::storedValuesAreReadOrFallBack_data()
+{
+    QTest::addColumn<QByteArray>("store");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QVariant>("expected");
+
+    const auto none = QVariant::fromValue(OptionalText{});
+    QTest::newRow("no keys: port for SLIP") << QByteArray("{}") << "eosPort" << QVariant(3037);
+    QTest::newRow("no file at all: port for SLIP") << QByteArray() << "eosPort" << QVariant(3037);
+    QTest::newRow("length prefix without port")
+        << QByteArray(R"({"eosFraming":"lengthPrefixed"})") << "eosPort" << QVariant(3032);
+    QTest::newRow("length prefix with port 4000")
+        << QByteArray(R"({"eosFraming":"lengthPrefixed","eosPort":4000})") << "eosPort"
+        << QVariant(4000);
+    QTest::newRow("slip with port 4000")
+        << QByteArray(R"({"eosFraming":"slip","eosPort":4000})") << "eosPort" << QVariant(4000);
+    QTest::newRow("framing in another case is SLIP")
+        << QByteArray(R"({"eosFraming":"LengthPrefixed"})") << "eosFraming"
+        << QVariant::fromValue(OSCFraming::slip);
+    QTest::newRow("length prefix with text port")
+        << QByteArray(R"({"eosFraming":"lengthPrefixed","eosPort":"4000"})") << "eosPort"
+        << QVariant(3032);
+
+    QTest::newRow("codec av1") << QByteArray(R"({"codec":"av1"})") << "codec"
+                               << QVariant::fromValue(RecordingCodec::hevc);
+    QTest::newRow("codec h264") << QByteArray(R"({"codec":"h264"})") << "codec"
+                                << QVariant::fromValue(RecordingCodec::h264);
+    QTest::newRow("codec as number")
+        << QByteArray(R"({"codec":1})") << "codec" << QVariant::fromValue(RecordingCodec::hevc);
+    QTest::newRow("network ethernet") << QByteArray(R"({"eosNetwork":"ethernet"})") << "eosNetwork"
+                                      << QVariant::fromValue(std::optional<NetworkKind>{});
+    QTest::newRow("network wifi") << QByteArray(R"({"eosNetwork":"wifi"})") << "eosNetwork"
+                                  << QVariant::fromValue(
+                                         std::optional<NetworkKind>(NetworkKind::wifi));
+
+    QTest::newRow("gain as text") << QByteArray(R"({"audioGain":"1.5"})") << "audioGain"
+                                  << QVariant(1.0);
+    QTest::newRow("gain as bool") << QByteArray(R"({"audioGain":true})") << "audioGain"
+                                  << QVariant(1.0);
+    QTest::newRow("gain as whole number")
+        << QByteArray(R"({"audioGain":2})") << "audioGain" << QVariant(2.0);
+    QTest::newRow("listener port as text")
+        << QByteArray(R"({"oscPort":"9000"})") << "oscPort" << QVariant(8001);
+    QTest::newRow("listener port with fraction")
+        << QByteArray(R"({"oscPort":9000.5})") << "oscPort" << QVariant(8001);
+    QTest::newRow("listener port written as 9000.0")
+        << QByteArray(R"({"oscPort":9000.0})") << "oscPort" << QVariant(9000);
+    QTest::newRow("listener port beyond int")
+        << QByteArray(R"({"oscPort":4294976297})") << "oscPort" << QVariant(8001);
+    QTest::newRow("key in another case")
+        << QByteArray(R"({"OSCPort":9000})") << "oscPort" << QVariant(8001);
+    QTest::newRow("bool as 0") << QByteArray(R"({"recordsAudio":0})") << "recordsAudio"
+                               << QVariant(true);
+    QTest::newRow("bool as text") << QByteArray(R"({"recordsAudio":"false"})") << "recordsAudio"
+                                  << QVariant(true);
+    QTest::newRow("bool false") << QByteArray(R"({"recordsAudio":false})") << "recordsAudio"
+                                << QVariant(false);
+    QTest::newRow("label as number") << QByteArray(R"({"cameraLabel":5})") << "cameraLabel"
+                                     << QVariant(QStringLiteral("Stage Cam"));
+    QTest::newRow("empty label stays empty")
+        << QByteArray(R"({"cameraLabel":""})") << "cameraLabel" << QVariant(QString(""));
+    QTest::newRow("camera id null") << QByteArray(R"({"cameraID":null})") << "cameraID" << none;
+    QTest::newRow("empty camera id is not none") << QByteArray(R"({"cameraID":""})") << "cameraID"
+                                                 << QVariant::fromValue(OptionalText(QString("")));
+
+    ExtraCamera wingCam{QUuid::fromString(QStringLiteral("6B1F6C1E-8D3A-4C55-9E0B-2A7D5F3E9C10")),
+                        QStringLiteral("usb-046d-0825"), std::nullopt, QStringLiteral("Wing Cam"),
+                        true};
+    QTest::newRow("extra cameras")
+        << "{\"extraCameras\":[" + kCameraJson + "]}"
+        << "extraCameras" << QVariant::fromValue(QList<ExtraCamera>{wingCam});
+    QTest::newRow("extra cameras as text")
+        << QByteArray(R"({"extraCameras":"[]"})") << "extraCameras"
+        << QVariant::fromValue(QList<ExtraCamera>{});
+    QTest::newRow("extra cameras with one bad camera")
+        << "{\"extraCameras\":[" + kCameraJson + R"(,{"id":"x","label":"B","isMirrored":false}]})"
+        << "extraCameras" << QVariant::fromValue(QList<ExtraCamera>{});
+    QTest::newRow("extra camera without label")
+        << QByteArray(R"({"extraCameras":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
+                      R"("isMirrored":false}]})")
+        << "extraCameras" << QVariant::fromValue(QList<ExtraCamera>{});
+
+    OverlayLayout oneEntry;
+    oneEntry.setPlacement(OverlayWidget::qlab, {0.5, 0.25, 0.5, 0.0});
+    QTest::newRow("layout with one entry")
+        << QByteArray(R"({"overlayLayout":{"placements":["qlab",)"
+                      R"({"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}]}})")
+        << "overlayLayout" << QVariant::fromValue(oneEntry);
+    QTest::newRow("layout as bare array")
+        << QByteArray(R"({"overlayLayout":["qlab",{"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}]})")
+        << "overlayLayout" << QVariant::fromValue(OverlayLayout::defaultLayout());
+    QTest::newRow("preset whose look lacks showsQLabCues")
+        << R"({"layoutPresets":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","name":"A","look":)" +
+               lookJson("showsQLabCues") + "}]}"
+        << "layoutPresets" << QVariant::fromValue(QList<LayoutPreset>{});
+    QTest::newRow("watched address")
+        << QByteArray(R"({"watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
+                      R"("label":"Fog","address":"/fog/*"}]})")
+        << "watchedAddresses"
+        << QVariant::fromValue(QList<WatchedAddress>{
+               {wingCam.id, QStringLiteral("Fog"), QStringLiteral("/fog/*")}});
+    QTest::newRow("watched address without address")
+        << QByteArray(R"({"watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
+                      R"("label":"Fog"}]})")
+        << "watchedAddresses" << QVariant::fromValue(QList<WatchedAddress>{});
+}
+
+void AppSettingsTest::storedValuesAreReadOrFallBack()
+{
+    QFETCH(QByteArray, store);
+    QFETCH(QString, key);
+    QFETCH(QVariant, expected);
+    QTemporaryDir dir;
+    const AppSettings settings(privateLocation(dir, store));
+    const QVariant got = settings.property(key.toLatin1().constData());
+    QVERIFY2(got.isValid(), "no such property");
+    QCOMPARE(got.metaType(), expected.metaType());
+    QCOMPARE(got, expected);
+}
+
+void AppSettingsTest::unreadableFilesGiveDefaults_data()
+{
+    QTest::addColumn<QByteArray>("store");
+    QTest::newRow("truncated") << QByteArray(R"({"oscPort":9000,"qlabHost":"stage-ma)");
+    QTest::newRow("not JSON") << QByteArray("oscPort=9000\n");
+    QTest::newRow("array at the top") << QByteArray(R"([{"oscPort":9000}])");
+    QTest::newRow("null") << QByteArray("null");
+    QTest::newRow("empty file") << QByteArray("");
+    QTest::newRow("binary") << QByteArray("\x00\xff\xfe{\"oscPort\":9000}", 17);
+}
+
+void AppSettingsTest::unreadableFilesGiveDefaults()
+{
+    QFETCH(QByteArray, store);
+    QTemporaryDir dir;
+    QTemporaryDir emptyDir;
+    const QVariantMap defaults = allValues(AppSettings(privateLocation(emptyDir)));
+    const auto location = privateLocation(dir, store);
+    {
+        AppSettings settings(location);
+        QCOMPARE(allValues(settings), defaults);
+        settings.setQlabHost(QStringLiteral("stage-mac"));
+    }
+    // The next write leaves a whole, readable file.
+    QCOMPARE(storedObject(location).value("qlabHost").toString(), QStringLiteral("stage-mac"));
+    QCOMPARE(AppSettings(location).qlabHost(), QStringLiteral("stage-mac"));
+}
+
+void AppSettingsTest::undecodableJsonStaysUntilTheValueChanges()
+{
+    QTemporaryDir dir;
+    const auto location =
+        privateLocation(dir, R"({"extraCameras":{"not":"a list"},"oscPort":"9000"})");
+    AppSettings settings(location);
+    QVERIFY(settings.extraCameras().isEmpty());
+    QCOMPARE(settings.oscPort(), 8001);
+
+    settings.setQlabHost(QStringLiteral("stage-mac"));
+    QJsonObject stored = storedObject(location);
+    QCOMPARE(stored.value("extraCameras"), QJsonValue(QJsonObject{{"not", "a list"}}));
+    QCOMPARE(stored.value("oscPort"), QJsonValue("9000")); // still text, not a number
+
+    settings.setExtraCameras({ExtraCamera{QUuid::createUuid(), std::nullopt, std::nullopt,
+                                          QStringLiteral("Booth"), false}});
+    stored = storedObject(location);
+    QVERIFY(stored.value("extraCameras").isArray());
+    QCOMPARE(AppSettings(location).extraCameras(), settings.extraCameras());
+}
+
+void AppSettingsTest::everySetterWritesButNotifiesOnlyRealChanges()
+{
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir);
+    AppSettings settings(location);
+    for (const QMetaProperty& property : settingProperties()) {
+        const QString key = QString::fromLatin1(property.name());
+        QVERIFY2(property.hasNotifySignal(), qPrintable(key));
+        QSignalSpy changed(&settings, property.notifySignal());
+        const QVariant before = property.read(&settings);
+
+        QVERIFY(property.write(&settings, before));
+        QVERIFY2(changed.isEmpty(), qPrintable(key + " notified without a change"));
+        const bool isNone = before == QVariant::fromValue(OptionalText{}) ||
+                            before == QVariant::fromValue(std::optional<NetworkKind>{});
+        QVERIFY2(storedObject(location).contains(key) != isNone,
+                 qPrintable(key + " was not written (or none was not removed)"));
+
+        const QVariant after = differentValue(before);
+        QVERIFY(property.write(&settings, after));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(property.read(&settings), after);
+        QVERIFY2(storedObject(location).contains(key), qPrintable(key));
+
+        QVERIFY(property.write(&settings, after));
+        QCOMPARE(changed.count(), 1);
+    }
+}
+
+void AppSettingsTest::valuesSurviveAReloadWithTheirTypes()
+{
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir);
+    QVariantMap written;
+    {
+        AppSettings settings(location);
+        for (const QMetaProperty& property : settingProperties()) {
+            QVERIFY(property.write(&settings, differentValue(property.read(&settings))));
+            written.insert(property.name(), property.read(&settings));
+        }
+        // A whole-number double and text that looks like a number keep their types.
+        settings.setOverlayScale(2.0);
+        settings.setCameraLabel(QStringLiteral("8001"));
+        written["overlayScale"] = 2.0;
+        written["cameraLabel"] = QStringLiteral("8001");
+    }
+    const AppSettings reloaded(location);
+    const QVariantMap read = allValues(reloaded);
+    for (auto entry = written.begin(); entry != written.end(); ++entry)
+        QVERIFY2(read.value(entry.key()) == entry.value(), qPrintable(entry.key()));
+    QCOMPARE(storedObject(location).value("cameraLabel"), QJsonValue("8001"));
+}
+
+void AppSettingsTest::writesReplaceTheFileWhole()
+{
+    // A crash while writing must never leave half a file: the store writes a new file and
+    // renames it over the old one, so the old file's inode is replaced.
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir, R"({"qlabHost":"old"})");
+    AppSettings settings(location);
+    struct stat before = {};
+    QCOMPARE(::stat(QFile::encodeName(location.storeFile).constData(), &before), 0);
+    settings.setQlabHost(QStringLiteral("new"));
+    struct stat after = {};
+    QCOMPARE(::stat(QFile::encodeName(location.storeFile).constData(), &after), 0);
+    QVERIFY(before.st_ino != after.st_ino);
+    QCOMPARE(QDir(dir.filePath("config/Orvane")).entryList(QDir::Files),
+             QStringList{"Orvane.json"});
+}
+
+void AppSettingsTest::presetsAreSavedAndAppliedByName()
+{
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir);
+    AppSettings settings(location);
+    const OverlayLook original = settings.currentLook();
+
+    settings.setShowsDate(true);
+    settings.setWatermarkText(QStringLiteral("Rehearsal"));
+    settings.saveLayoutPreset(QStringLiteral("act 2"));
+    QCOMPARE(settings.layoutPresets().size(), 1);
+    const LayoutPreset act2 = settings.layoutPresets().at(0);
+    QCOMPARE(act2.name, QStringLiteral("act 2"));
+    QVERIFY(!act2.id.isNull());
+    QCOMPARE(settings.activeLayoutPreset(), std::optional(act2));
+
+    // Same name in other case, with blanks: the look is replaced, id and name stay.
+    settings.setOverlayScale(1.5);
+    settings.saveLayoutPreset(QStringLiteral("  Act 2 \n"));
+    QCOMPARE(settings.layoutPresets().size(), 1);
+    QCOMPARE(settings.layoutPresets().at(0).id, act2.id);
+    QCOMPARE(settings.layoutPresets().at(0).name, QStringLiteral("act 2"));
+    QCOMPARE(settings.layoutPresets().at(0).look.scale, 1.5);
+
+    QSignalSpy presetsChanged(&settings, &AppSettings::layoutPresetsChanged);
+    settings.saveLayoutPreset(QStringLiteral(" \t "));
+    QCOMPARE(presetsChanged.count(), 0);
+    QCOMPARE(settings.layoutPresets().size(), 1);
+
+    settings.applyLook(original);
+    settings.saveLayoutPreset(QStringLiteral("Plain"));
+    QCOMPARE(settings.layoutPresets().size(), 2);
+    QCOMPARE(settings.activeLayoutPreset()->name, QStringLiteral("Plain"));
+
+    // Applying notifies each property that changes, once, and nothing else.
+    QSignalSpy scaleChanged(&settings, &AppSettings::overlayScaleChanged);
+    QSignalSpy dateChanged(&settings, &AppSettings::showsDateChanged);
+    QSignalSpy clockChanged(&settings, &AppSettings::showsClockChanged);
+    QVERIFY(settings.applyLayoutPreset(QStringLiteral("ACT 2")));
+    QCOMPARE(scaleChanged.count(), 1);
+    QCOMPARE(dateChanged.count(), 1);
+    QCOMPARE(clockChanged.count(), 0);
+    QCOMPARE(settings.currentLook(), settings.layoutPresets().at(0).look);
+    QCOMPARE(settings.watermarkText(), QStringLiteral("Rehearsal"));
+
+    QVERIFY(!settings.applyLayoutPreset(QStringLiteral("Act 3")));
+    QVERIFY(!settings.applyLayoutPreset(QStringLiteral("   ")));
+    QCOMPARE(scaleChanged.count(), 1);
+
+    // What was applied and saved is what the next start reads.
+    const AppSettings reloaded(location);
+    QCOMPARE(reloaded.currentLook(), settings.currentLook());
+    QCOMPARE(reloaded.layoutPresets(), settings.layoutPresets());
+}
+
+void AppSettingsTest::watermarkImageIsCopiedIntoTheSupportFolder_data()
+{
+    QTest::addColumn<QString>("chosenName");
+    QTest::addColumn<QByteArray>("contents");
+    QTest::addColumn<QString>("storedName");
+    QTest::addColumn<QString>("error");
+
+    const QByteArray png = pngBytes();
+    QTest::newRow("upper-case extension") << "Logo.PNG" << png << "Watermark.png" << QString();
+    QTest::newRow("JPG name with PNG data") << "Crest.Jpg" << png << "Watermark.jpg" << QString();
+    QTest::newRow("no extension") << "logo" << png << "Watermark." << QString();
+    QTest::newRow("not an image")
+        << "Notes.png" << QByteArray("just some text") << QString()
+        << "Orvane couldn't read “Notes.png” as an image. Try a PNG or JPEG.";
+    QTest::newRow("empty file")
+        << "Blank.png" << QByteArray("") << QString()
+        << "Orvane couldn't read “Blank.png” as an image. Try a PNG or JPEG.";
+    QTest::newRow("missing file")
+        << "Gone.png" << QByteArray() << QString()
+        << "Orvane couldn't read “Gone.png” as an image. Try a PNG or JPEG.";
+}
+
+void AppSettingsTest::watermarkImageIsCopiedIntoTheSupportFolder()
+{
+    QFETCH(QString, chosenName);
+    QFETCH(QByteArray, contents);
+    QFETCH(QString, storedName);
+    QFETCH(QString, error);
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir);
+    const QString chosen = dir.filePath("Pictures/" + chosenName);
+    if (!contents.isNull())
+        writeFile(chosen, contents);
+
+    AppSettings settings(location);
+    const auto result = settings.setWatermarkImage(chosen);
+    if (!error.isEmpty()) {
+        QCOMPARE(result, std::optional(error));
+        QCOMPARE(settings.watermarkImageFile(), std::nullopt);
+        QVERIFY(!QFileInfo::exists(location.supportFolder));
+        return;
+    }
+    QCOMPARE(result, std::nullopt);
+    QCOMPARE(settings.watermarkImageFile(), std::optional(storedName));
+    QCOMPARE(settings.watermarkImagePath(),
+             std::optional(location.supportFolder + '/' + storedName));
+    QCOMPARE(readFile(location.supportFolder + '/' + storedName), contents);
+    QCOMPARE(storedObject(location).value("watermarkImageFile").toString(), storedName);
+}
+
+void AppSettingsTest::watermarkImageIsReplacedAndCleared()
+{
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir);
+    writeFile(dir.filePath("Logo.PNG"), pngBytes());
+    writeFile(dir.filePath("Crest.jpeg"), pngBytes());
+    AppSettings settings(location);
+    QSignalSpy changed(&settings, &AppSettings::watermarkImageFileChanged);
+
+    QCOMPARE(settings.setWatermarkImage(dir.filePath("Logo.PNG")), std::nullopt);
+    QCOMPARE(settings.setWatermarkImage(dir.filePath("Logo.PNG")), std::nullopt);
+    QCOMPARE(changed.count(), 1);
+    QCOMPARE(settings.setWatermarkImage(dir.filePath("Crest.jpeg")), std::nullopt);
+    QCOMPARE(changed.count(), 2);
+    QCOMPARE(QDir(location.supportFolder).entryList(QDir::Files), QStringList{"Watermark.jpeg"});
+
+    settings.clearWatermarkImage();
+    QCOMPARE(changed.count(), 3);
+    QCOMPARE(settings.watermarkImageFile(), std::nullopt);
+    QCOMPARE(settings.watermarkImagePath(), std::nullopt);
+    QVERIFY(QDir(location.supportFolder).entryList(QDir::Files).isEmpty());
+    QVERIFY(!storedObject(location).contains("watermarkImageFile"));
+    settings.clearWatermarkImage(); // nothing left to remove: no harm
+    QCOMPARE(changed.count(), 3);
+
+    // A support folder that cannot be made: a file stands where a folder must go.
+    QTemporaryDir blocked;
+    writeFile(blocked.filePath("data"), "not a folder");
+    AppSettings blockedSettings(privateLocation(blocked));
+    const auto error = blockedSettings.setWatermarkImage(dir.filePath("Logo.PNG"));
+    QVERIFY(error);
+    QVERIFY2(error->startsWith("Orvane couldn't use that image. "), qPrintable(*error));
+    QVERIFY(error->size() > QStringLiteral("Orvane couldn't use that image. ").size());
+    QCOMPARE(blockedSettings.watermarkImageFile(), std::nullopt);
+}
+
+void AppSettingsTest::migrationCopiesWhatIsMissingOnce_data()
+{
+    QTest::addColumn<QByteArray>("currentStore"); // null: no file yet
+    QTest::addColumn<QByteArray>("oldStore");     // null: no old file
+    QTest::addColumn<int>("oscPort");
+    QTest::addColumn<QString>("qlabHost");
+
+    const QByteArray old = R"({"oscPort":9000,"qlabHost":"stage-mac","movedOutOfSandbox":false})";
+    QTest::newRow("current has the key")
+        << QByteArray(R"({"oscPort":8001})") << old << 8001 << "stage-mac";
+    QTest::newRow("current lacks the key") << QByteArray("{}") << old << 9000 << "stage-mac";
+    QTest::newRow("no current file") << QByteArray() << old << 9000 << "stage-mac";
+    QTest::newRow("already moved")
+        << QByteArray(R"({"movedOutOfSandbox":true})") << old << 8001 << "";
+    QTest::newRow("flag of another type does not count")
+        << QByteArray(R"({"movedOutOfSandbox":"true"})") << old << 9000 << "stage-mac";
+    QTest::newRow("old file unreadable")
+        << QByteArray("{}") << QByteArray(R"({"oscPort":90)") << 8001 << "";
+    QTest::newRow("no old file") << QByteArray("{}") << QByteArray() << 8001 << "";
+}
+
+void AppSettingsTest::migrationCopiesWhatIsMissingOnce()
+{
+    QFETCH(QByteArray, currentStore);
+    QFETCH(QByteArray, oldStore);
+    QFETCH(int, oscPort);
+    QFETCH(QString, qlabHost);
+    QTemporaryDir dir;
+    const auto current = privateLocation(dir, currentStore);
+    const auto old = AppSettings::containerLocation(dir.filePath(".var/app/app.orvane.Orvane"));
+    if (!oldStore.isNull())
+        writeFile(old.storeFile, oldStore);
+    writeFile(old.supportFolder + "/Watermark.png", "old image");
+    writeFile(old.supportFolder + "/Shows/Hamlet.txt", "old notes");
+    writeFile(old.supportFolder + "/.hidden", "old hidden");
+    writeFile(current.supportFolder + "/Watermark.png", "new image");
+    const bool alreadyMoved = currentStore.contains("\"movedOutOfSandbox\":true");
+
+    AppSettings::moveOutOfContainer(current, old);
+    {
+        const AppSettings settings(current);
+        QCOMPARE(settings.oscPort(), oscPort);
+        QCOMPARE(settings.qlabHost(), qlabHost);
+    }
+    QCOMPARE(storedObject(current).value("movedOutOfSandbox"), QJsonValue(true));
+    QCOMPARE(readFile(current.supportFolder + "/Watermark.png"), QByteArray("new image"));
+    QCOMPARE(readFile(current.supportFolder + "/Shows/Hamlet.txt"),
+             alreadyMoved ? QByteArray() : QByteArray("old notes"));
+    QCOMPARE(readFile(current.supportFolder + "/.hidden"),
+             alreadyMoved ? QByteArray() : QByteArray("old hidden"));
+
+    // A second start copies nothing again.
+    writeFile(old.storeFile, R"({"eosHost":"console","oscPort":7000})");
+    writeFile(old.supportFolder + "/Later.png", "later");
+    AppSettings::moveOutOfContainer(current, old);
+    const AppSettings settings(current);
+    QCOMPARE(settings.eosHost(), QString());
+    QCOMPARE(settings.oscPort(), oscPort);
+    QVERIFY(!QFileInfo::exists(current.supportFolder + "/Later.png"));
+}
+
+QTEST_GUILESS_MAIN(AppSettingsTest)
+#include "AppSettingsTest.moc"

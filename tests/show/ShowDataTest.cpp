@@ -1,0 +1,634 @@
+#include "show/ShowData.h"
+
+#include "base/ManualClock.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTest>
+#include <QUdpSocket>
+#include <QtEndian>
+
+using namespace orvane;
+
+namespace {
+
+OSCMessage message(std::string address, std::vector<OSCArgument> arguments = {})
+{
+    return OSCMessage{std::move(address), std::move(arguments)};
+}
+
+OSCMessage textMessage(std::string address, const char* text)
+{
+    return message(std::move(address), {std::string(text)});
+}
+
+// One step of a scripted conversation with the show data, written as the console would say it:
+//   "fire 1/14", "fire 1/14/2"       a cue fire event (list/number[/part])
+//   "active 1/14P2 Chase 4 30%"     active cue text ("active" alone sends an empty text)
+//   "wait 1.5"                      the clock moves on
+void play(ShowData& show, ManualClock& clock, const QStringList& steps)
+{
+    for (const QString& step : steps) {
+        const QString verb = step.section(u' ', 0, 0);
+        const QString rest = step.section(u' ', 1);
+        if (verb == u"fire")
+            show.handle(message("/eos/out/event/cue/" + rest.toStdString() + "/fire"), "console");
+        else if (verb == u"active")
+            show.handle(textMessage("/eos/out/active/cue/text", rest.toUtf8().constData()),
+                        "console");
+        else if (verb == u"wait")
+            clock.advance(rest.toDouble());
+        else
+            QFAIL(qPrintable("unknown step " + step));
+    }
+}
+
+QString describe(const QList<EosCuePart>& parts)
+{
+    QStringList rows;
+    for (const EosCuePart& part : parts)
+        rows.append(QStringLiteral("%1:%2:%3").arg(part.number, part.label).arg(part.percent));
+    return rows.join(QStringLiteral(" | "));
+}
+
+QString describe(const ShowCommand& command)
+{
+    switch (command.kind) {
+    case ShowCommand::Kind::marker:
+        return "marker " + command.text;
+    case ShowCommand::Kind::layout:
+        return "layout " + command.text;
+    case ShowCommand::Kind::startRecording:
+        return QStringLiteral("start");
+    case ShowCommand::Kind::stopRecording:
+        return QStringLiteral("stop");
+    case ShowCommand::Kind::toggleRecording:
+        return QStringLiteral("toggle");
+    }
+    return {};
+}
+
+QString describe(const QList<ShowField>& fields)
+{
+    QStringList rows;
+    for (const ShowField& field : fields)
+        rows.append(field.id + " " + field.label + "=" + field.value);
+    return rows.join(QStringLiteral(" | "));
+}
+
+QByteArray bundleOf(const QList<QByteArray>& messages)
+{
+    QByteArray bundle("#bundle\0", 8);
+    bundle.append(QByteArray("\0\0\0\0\0\0\0\1", 8));
+    for (const QByteArray& element : messages) {
+        char size[4];
+        qToBigEndian<qint32>(qint32(element.size()), size);
+        bundle.append(size, 4);
+        bundle.append(element);
+    }
+    return bundle;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(std::vector<OSCArgument>)
+
+class ShowDataTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void takesEosOutputAndWhoSentIt();
+    void notifiesOnlyOnRealChange();
+    void stopsHearingEosAfterThirtySecondsOfSilence();
+    void raisesCueChangeWhenTheActiveCueChanges();
+    void clocksTheActiveCue_data();
+    void clocksTheActiveCue();
+    void keepsThePartsOfTheActiveCue_data();
+    void keepsThePartsOfTheActiveCue();
+    void clocksEachPart_data();
+    void clocksEachPart();
+    void takesCommandsAndFields_data();
+    void takesCommandsAndFields();
+    void fieldsKeepTheirFirstPosition();
+    void watchesAddresses();
+    void clearingForgetsTheShow();
+    void receivesPacketsAndBundles();
+    void takesCommandsFromARealSender();
+};
+
+void ShowDataTest::takesEosOutputAndWhoSentIt()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    QVERIFY(!show.isHearingEos());
+    QCOMPARE(show.activeCueSampledAt(), WallTime{});
+
+    show.handle(textMessage("/eos/out/show/name", "Demo Musical"), "10.0.0.5");
+    show.handle(textMessage("/eos/out/active/cue/text", "1/14 Opening Number 5 45%"), "10.0.0.5");
+    show.handle(textMessage("/eos/out/pending/cue/text", "1/20 Town Square 4"), "10.0.0.5");
+    show.handle(textMessage("/eos/out/previous/cue/text", "1/10 Overture 3 100%"), "10.0.0.5");
+    show.handle(message("/eos/out/some/other/thing", {std::int32_t(3)}), "10.0.0.5");
+
+    QCOMPARE(show.showName(), std::optional<QString>("Demo Musical"));
+    QCOMPARE(show.activeCue()->token(), "1/14");
+    QCOMPARE(show.activeCue()->label, "Opening Number");
+    QCOMPARE(show.pendingCue()->token(), "1/20");
+    QCOMPARE(show.previousCue()->percent, std::optional(100));
+    QVERIFY(show.isHearingEos());
+    QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.5"));
+    QCOMPARE(show.lastEosMessage(), std::optional(clock.wallNow()));
+    QCOMPARE(show.activeCueSampledAt(), clock.wallNow());
+    QCOMPARE(show.lastReceived(),
+             std::optional<QString>("/eos/out/some/other/thing 3 from 10.0.0.5"));
+
+    show.handle(message("/eos/out/pending/cue/text"), "10.0.0.9");
+    QCOMPARE(show.pendingCue(), std::nullopt);
+    QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.9"));
+    QCOMPARE(show.lastReceived(),
+             std::optional<QString>("/eos/out/pending/cue/text  from 10.0.0.9"));
+
+    // Only output under /eos/out/ is Eos output.
+    show.handle(textMessage("/eos/in/show/name", "Other"), "elsewhere");
+    QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.9"));
+    QCOMPARE(show.showName(), std::optional<QString>("Demo Musical"));
+}
+
+void ShowDataTest::notifiesOnlyOnRealChange()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    QSignalSpy name(&show, &ShowData::showNameChanged);
+    QSignalSpy sender(&show, &ShowData::eosSenderChanged);
+    QSignalSpy hearing(&show, &ShowData::isHearingEosChanged);
+    QSignalSpy pending(&show, &ShowData::pendingCueChanged);
+    QSignalSpy active(&show, &ShowData::activeCueChanged);
+    QSignalSpy parts(&show, &ShowData::activePartsChanged);
+    QSignalSpy fields(&show, &ShowData::fieldsChanged);
+
+    for (int i = 0; i < 3; ++i) {
+        show.handle(textMessage("/eos/out/show/name", "Show"), "console");
+        show.handle(textMessage("/eos/out/pending/cue/text", "1/5 Half 3"), "console");
+        show.handle(textMessage("/eos/out/active/cue/text", "1/4 Up 3 100%"), "console");
+    }
+    QCOMPARE(name.count(), 1);
+    QCOMPARE(sender.count(), 1);
+    QCOMPARE(hearing.count(), 1);
+    QCOMPARE(pending.count(), 1);
+    QCOMPARE(active.count(), 1);
+    QCOMPARE(parts.count(), 0); // a cue without parts keeps the parts list empty
+
+    show.handle(textMessage("/tavrin/field/Scene", "One"), "panel");
+    clock.advance(1.0);
+    show.handle(textMessage("/tavrin/field/Scene", "One"), "panel"); // arrived again: new time
+    QCOMPARE(fields.count(), 2);
+    show.handle(textMessage("/tavrin/field/Scene", "One"), "panel"); // same moment, same value
+    QCOMPARE(fields.count(), 2);
+}
+
+void ShowDataTest::stopsHearingEosAfterThirtySecondsOfSilence()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    QSignalSpy hearing(&show, &ShowData::isHearingEosChanged);
+    clock.advance(1.0);
+    show.handle(textMessage("/eos/out/show/name", "Show"), "console");
+    clock.advance(29.0);
+    show.handle(textMessage("/eos/out/show/name", "Show"), "console"); // heard again at 30 s
+    clock.advance(30.9);
+    QVERIFY(show.isHearingEos()); // the tick at 60 s finds exactly 30 s of silence
+    clock.advance(1.0);
+    QVERIFY(show.isHearingEos()); // not checked again before 62 s
+    clock.advance(0.2);
+    QVERIFY(!show.isHearingEos());
+    QCOMPARE(hearing.count(), 2);
+
+    // Messages that are not Eos output do not count as hearing the console.
+    show.handle(textMessage("/tavrin/field/Scene", "Two"), "panel");
+    QVERIFY(!show.isHearingEos());
+}
+
+void ShowDataTest::raisesCueChangeWhenTheActiveCueChanges()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    QStringList raised;
+    show.setOnCueChange([&](const std::optional<EosCue>& cue) {
+        raised.append(cue ? cue->token() + " " + cue->label : QStringLiteral("none"));
+    });
+    play(show, clock,
+         {"active 1/14 Opening 5 0%", "active 1/14 Opening 5 50%", "active 1/14P2 Chase 4 10%",
+          "active 1/15 Town 3", "active 2/15 Other list 3", "active", "active",
+          "active 1/15 Town 3"});
+    QCOMPARE(raised,
+             (QStringList{"1/14 Opening", "1/15 Town", "2/15 Other list", "none", "1/15 Town"}));
+    QCOMPARE(show.reportedCueNumber(), std::optional<QString>("1/15"));
+}
+
+void ShowDataTest::clocksTheActiveCue_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<bool>("hasClock");
+    QTest::addColumn<double>("fade");
+    QTest::addColumn<double>("reported");
+    QTest::addColumn<bool>("hasAdvanced");
+
+    QTest::newRow("part way") << "1/14 Opening 10 40%" << true << 10.0 << 0.4 << true;
+    QTest::newRow("just fired") << "1/14 Opening 10 0%" << true << 10.0 << 0.0 << false;
+    QTest::newRow("under one percent is not begun")
+        << "1/14 Opening 10 -3%" << true << 10.0 << 0.0 << false;
+    QTest::newRow("no percent means done") << "1/14 Opening 10" << true << 10.0 << 1.0 << true;
+    QTest::newRow("over a hundred is done")
+        << "1/14 Opening 10 150%" << true << 10.0 << 1.0 << true;
+    QTest::newRow("minutes and seconds") << "1/14 Long 2:30 50%" << true << 150.0 << 0.5 << true;
+    QTest::newRow("no time, no clock") << "1/14 Opening 45%" << false << 0.0 << 0.0 << false;
+    QTest::newRow("zero time, no clock") << "1/14 Snap 0 45%" << false << 0.0 << 0.0 << false;
+    QTest::newRow("not a cue, no clock") << "Hello" << false << 0.0 << 0.0 << false;
+}
+
+void ShowDataTest::clocksTheActiveCue()
+{
+    QFETCH(QString, text);
+    QFETCH(bool, hasClock);
+    QFETCH(double, fade);
+    QFETCH(double, reported);
+    QFETCH(bool, hasAdvanced);
+    ManualClock clock;
+    ShowData show(clock);
+    play(show, clock, {"active 1/1 Earlier 3 50%", "wait 2", "active " + text});
+    QCOMPARE(show.activeCueClock().has_value(), hasClock);
+    if (!hasClock)
+        return;
+    const FadeClock fadeClock = *show.activeCueClock();
+    QCOMPARE(fadeClock.fade, fade);
+    QCOMPARE(fadeClock.reported, reported);
+    QCOMPARE(fadeClock.hasAdvanced, hasAdvanced);
+    QCOMPARE(fadeClock.advancedAt, clock.wallNow());
+    QCOMPARE(secondsBetween(fadeClock.startedAt, clock.wallNow()), reported * fade);
+}
+
+// The parts list follows the console: a fire of a new cue starts a new list; a part's fire or
+// its text adds or updates its entry; the cue itself joins as part 1 beside other parts.
+void ShowDataTest::keepsThePartsOfTheActiveCue_data()
+{
+    QTest::addColumn<QStringList>("steps");
+    QTest::addColumn<QString>("parts");
+    QTest::addColumn<QString>("runningPart");
+
+    QTest::newRow("a cue without parts lists none")
+        << QStringList{"fire 1/14", "active 1/14 Opening 5 45%"} << ""
+        << "1";
+    QTest::newRow("a part's fire adds it beside the cue itself")
+        << QStringList{"fire 1/14", "active 1/14 Opening 5 10%", "fire 1/14/2"}
+        << "1:Opening:10 | 2::0"
+        << "2";
+    QTest::newRow("a part's text adds it")
+        << QStringList{"fire 1/14", "active 1/14 Opening 5 10%", "active 1/14P2 Chase 4 30%"}
+        << "1:Opening:10 | 2:Chase:30"
+        << "2";
+    QTest::newRow("a part heard of without its cue")
+        << QStringList{"active 1/14P2 Chase 4 30%"} << "2:Chase:30"
+        << "2";
+    QTest::newRow("the cue's text updates part 1")
+        << QStringList{"fire 1/14", "active 1/14 Opening 5 10%", "active 1/14P2 Chase 4 30%",
+                       "active 1/14 Opening 5 60%"}
+        << "1:Opening:60 | 2:Chase:30"
+        << "1";
+    QTest::newRow("parts in numeric order")
+        << QStringList{"active 1/14P10 Ten 1 1%", "active 1/14P2 Two 1 2%",
+                       "active 1/14 p3 Three 1 3%", "fire 1/14/12"}
+        << "2:Two:2 | 3:Three:3 | 10:Ten:1 | 12::0"
+        << "12";
+    QTest::newRow("a repeated fire changes nothing")
+        << QStringList{"fire 1/14/2", "active 1/14P2 Chase 4 50%", "fire 1/14/2"} << "2:Chase:50"
+        << "2";
+    QTest::newRow("a part fired again starts over")
+        << QStringList{"fire 1/14/2", "active 1/14P2 Chase 4 50%", "fire 1/14/3", "fire 1/14/2"}
+        << "2:Chase:0 | 3::0"
+        << "2";
+    QTest::newRow("a fire of a new cue starts a new list")
+        << QStringList{"fire 1/14", "active 1/14P2 Chase 4 50%", "fire 1/15"} << ""
+        << "1";
+    QTest::newRow("a fire of the same cue keeps the list")
+        << QStringList{"fire 1/14/2", "active 1/14P2 Chase 4 50%", "fire 1/14"}
+        << "1::0 | 2:Chase:50"
+        << "1";
+    QTest::newRow("a fire in another list starts a new list")
+        << QStringList{"fire 1/14/2", "active 1/14P2 Chase 4 50%", "fire 2/14/3"} << "3::0"
+        << "3";
+    QTest::newRow("the text of another cue starts a new list")
+        << QStringList{"fire 1/14/2", "active 1/14P2 Chase 4 50%", "active 1/15P2 Next 3 5%"}
+        << "2:Next:5"
+        << "2";
+    QTest::newRow("an empty active text clears the list")
+        << QStringList{"active 1/14P2 Chase 4 50%", "active"} << ""
+        << "";
+    QTest::newRow("pending and previous texts leave the list")
+        << QStringList{"active 1/14P2 Chase 4 50%"} << "2:Chase:50"
+        << "2";
+    QTest::newRow("part 0 is the cue itself")
+        << QStringList{"fire 1/14/0", "active 1/14P0 Opening 5 20%"} << ""
+        << "1";
+    QTest::newRow("part 1 is the cue itself")
+        << QStringList{"fire 1/14/1", "active 1/14P3 Cyc 2 20%", "active 1/14 Opening 5 40%"}
+        << "1:Opening:40 | 3:Cyc:20"
+        << "1";
+    QTest::newRow("percent clamped, none is done")
+        << QStringList{"active 1/14P2 Over 4 250%", "active 1/14P3 Under 4 -5%",
+                       "active 1/14P4 Silent 4"}
+        << "2:Over:100 | 3:Under:0 | 4:Silent:100"
+        << "4";
+}
+
+void ShowDataTest::keepsThePartsOfTheActiveCue()
+{
+    QFETCH(QStringList, steps);
+    QFETCH(QString, parts);
+    QFETCH(QString, runningPart);
+    ManualClock clock;
+    ShowData show(clock);
+    play(show, clock, steps);
+    show.handle(textMessage("/eos/out/pending/cue/text", "1/99 Later 3"), "console");
+    show.handle(textMessage("/eos/out/previous/cue/text", "1/9 Before 3 100%"), "console");
+    QCOMPARE(describe(show.activeParts()), parts);
+    QCOMPARE(show.runningPart().value_or(QString()), runningPart);
+}
+
+void ShowDataTest::clocksEachPart_data()
+{
+    QTest::addColumn<QStringList>("steps");
+    QTest::addColumn<QString>("part");
+    QTest::addColumn<bool>("hasClock");
+    QTest::addColumn<double>("startedAt"); // seconds after the first step
+    QTest::addColumn<double>("reported");
+
+    QTest::newRow("fire seen: the fade began at the fire")
+        << QStringList{"fire 1/14/2", "wait 1", "active 1/14P2 Chase 4 10%"} << "2" << true << 0.0
+        << 0.1;
+    QTest::newRow("no fire seen: placed by its percent")
+        << QStringList{"wait 1", "active 1/14P2 Chase 4 10%"} << "2" << true << 0.6 << 0.1;
+    QTest::newRow("fire longer ago than the fade: placed by its percent")
+        << QStringList{"fire 1/14/2", "wait 5", "active 1/14P2 Chase 4 10%"} << "2" << true << 4.6
+        << 0.1;
+    QTest::newRow("fire of another part: placed by its percent")
+        << QStringList{"fire 1/14/3", "wait 1", "active 1/14P2 Chase 4 10%"} << "2" << true << 0.6
+        << 0.1;
+    QTest::newRow("fire of another cue: placed by its percent")
+        << QStringList{"fire 1/13/2", "wait 1", "active 1/14P2 Chase 4 10%"} << "2" << true << 0.6
+        << 0.1;
+    QTest::newRow("the cue's own fire starts part 1")
+        << QStringList{"fire 1/14", "active 1/14P2 Chase 4 0%", "wait 1",
+                       "active 1/14 Opening 5 10%"}
+        << "1" << true << 0.0 << 0.1;
+    QTest::newRow("a later report goes to the same clock")
+        << QStringList{"fire 1/14/2", "wait 1", "active 1/14P2 Chase 4 25%", "wait 0.5",
+                       "active 1/14P2 Chase 4 40%"}
+        << "2" << true << 0.0 << 0.4;
+    QTest::newRow("minutes and seconds")
+        << QStringList{"wait 10", "active 1/14P2 Slow 1:00 10%"} << "2" << true << 4.0 << 0.1;
+    QTest::newRow("no time, no clock")
+        << QStringList{"active 1/14P2 Chase 30%"} << "2" << false << 0.0 << 0.0;
+    QTest::newRow("a fire without text has no clock yet")
+        << QStringList{"fire 1/14/2"} << "2" << false << 0.0 << 0.0;
+}
+
+void ShowDataTest::clocksEachPart()
+{
+    QFETCH(QStringList, steps);
+    QFETCH(QString, part);
+    QFETCH(bool, hasClock);
+    QFETCH(double, startedAt);
+    QFETCH(double, reported);
+    ManualClock clock;
+    ShowData show(clock);
+    const WallTime start = clock.wallNow();
+    play(show, clock, steps);
+    const QList<EosCuePart> parts = show.activeParts();
+    const auto entry = std::find_if(parts.begin(), parts.end(),
+                                    [&](const EosCuePart& each) { return each.number == part; });
+    QVERIFY(entry != parts.end());
+    QCOMPARE(entry->clock.has_value(), hasClock);
+    if (!hasClock)
+        return;
+    QCOMPARE(secondsBetween(start, entry->clock->startedAt), startedAt);
+    QCOMPARE(entry->clock->reported, reported);
+    QCOMPARE(entry->clock->advancedAt, clock.wallNow());
+    QCOMPARE(entry->sampledAt, clock.wallNow());
+    QVERIFY(entry->hasText);
+}
+
+void ShowDataTest::takesCommandsAndFields_data()
+{
+    QTest::addColumn<QString>("address");
+    QTest::addColumn<std::vector<OSCArgument>>("arguments");
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("fields");
+    using Arguments = std::vector<OSCArgument>;
+    const auto text = [](const char* value) { return Arguments{std::string(value)}; };
+
+    QTest::newRow("start") << "/tavrin/record/start" << Arguments{} << "start"
+                           << "";
+    QTest::newRow("start in any case") << "/TAVRIN/Record/Start" << Arguments{} << "start"
+                                       << "";
+    QTest::newRow("stop") << "/tavrin/record/stop" << Arguments{} << "stop"
+                          << "";
+    QTest::newRow("record alone toggles") << "/tavrin/record" << Arguments{} << "toggle"
+                                          << "";
+    QTest::newRow("record slash toggles") << "/tavrin/record/" << Arguments{} << "toggle"
+                                          << "";
+    QTest::newRow("record anything toggles") << "/tavrin/record/pause" << Arguments{} << "toggle"
+                                             << "";
+    QTest::newRow("start with more toggles")
+        << "/tavrin/record/start/now" << Arguments{} << "toggle"
+        << "";
+    QTest::newRow("marker with text") << "/tavrin/marker" << text("Big lift") << "marker Big lift"
+                                      << "";
+    QTest::newRow("marker without text") << "/tavrin/marker" << Arguments{} << "marker Marker"
+                                         << "";
+    QTest::newRow("marker with an int")
+        << "/tavrin/marker" << Arguments{std::int32_t(7)} << "marker 7"
+        << "";
+    QTest::newRow("marker with a bool") << "/tavrin/marker" << Arguments{true} << "marker Marker"
+                                        << "";
+    QTest::newRow("marker with empty text") << "/tavrin/marker" << text("") << "marker Marker"
+                                            << "";
+    QTest::newRow("layout") << "/tavrin/layout" << text("Wide Shot") << "layout Wide Shot"
+                            << "";
+    QTest::newRow("layout keeps its case") << "/Tavrin/LAYOUT" << text("Close") << "layout Close"
+                                           << "";
+    QTest::newRow("layout with empty name") << "/tavrin/layout" << text("") << ""
+                                            << "";
+    QTest::newRow("layout without name") << "/tavrin/layout" << Arguments{} << ""
+                                         << "";
+    QTest::newRow("field") << "/tavrin/field/Scene" << text("Act 1") << ""
+                           << "/tavrin/field/Scene Scene=Act 1";
+    QTest::newRow("field label keeps case and joins words")
+        << "/TAVRIN/FIELD/Stage/left" << text("open") << ""
+        << "/TAVRIN/FIELD/Stage/left Stage left=open";
+    QTest::newRow("field with a float") << "/tavrin/field/Level" << Arguments{0.5f} << ""
+                                        << "/tavrin/field/Level Level=0.5";
+    QTest::newRow("field without value") << "/tavrin/field/Empty" << Arguments{} << ""
+                                         << "/tavrin/field/Empty Empty=";
+    QTest::newRow("field alone") << "/tavrin/field" << text("x") << ""
+                                 << "";
+    QTest::newRow("unknown command") << "/tavrin/explode" << text("x") << ""
+                                     << "";
+    QTest::newRow("prefix alone") << "/tavrin/" << text("x") << ""
+                                  << "";
+    QTest::newRow("not the prefix") << "/tavrinx/record/start" << Arguments{} << ""
+                                    << "";
+    QTest::newRow("elsewhere") << "/other/record/start" << Arguments{} << ""
+                               << "";
+}
+
+void ShowDataTest::takesCommandsAndFields()
+{
+    QFETCH(QString, address);
+    QFETCH(std::vector<OSCArgument>, arguments);
+    QFETCH(QString, command);
+    QFETCH(QString, fields);
+    ManualClock clock;
+    ShowData show(clock);
+    QStringList commands;
+    show.setOnCommand([&](const ShowCommand& raised) { commands.append(describe(raised)); });
+    show.handle(message(address.toStdString(), arguments), "panel");
+    QCOMPARE(commands, command.isEmpty() ? QStringList() : QStringList{command});
+    QCOMPARE(describe(show.fields()), fields);
+    QVERIFY(!show.isHearingEos());
+}
+
+void ShowDataTest::fieldsKeepTheirFirstPosition()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    show.handle(textMessage("/tavrin/field/Scene", "Act 1"), "panel");
+    show.handle(textMessage("/tavrin/field/Sound", "Q 1"), "panel");
+    clock.advance(2.0);
+    show.handle(textMessage("/tavrin/field/Scene", "Act 2"), "panel");
+    show.handle(textMessage("/TAVRIN/field/Scene", "Other"), "panel");
+    QCOMPARE(describe(show.fields()), "/tavrin/field/Scene Scene=Act 2 | "
+                                      "/tavrin/field/Sound Sound=Q 1 | "
+                                      "/TAVRIN/field/Scene Scene=Other");
+    QCOMPARE(show.fields()[0].receivedAt, clock.wallNow());
+    QCOMPARE(secondsBetween(show.fields()[1].receivedAt, clock.wallNow()), 2.0);
+}
+
+void ShowDataTest::watchesAddresses()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    show.setWatchedAddresses({{QUuid::createUuid(), "Cue", "/cue/*"},
+                              {QUuid::createUuid(), "Cue one", "/cue/1"},
+                              {QUuid::createUuid(), "Fader", "/fader/1"},
+                              {QUuid::createUuid(), "Console", "/eos/out/active/*"},
+                              {QUuid::createUuid(), "Marks", "/tavrin/marker"}});
+    QStringList commands;
+    show.setOnCommand([&](const ShowCommand& raised) { commands.append(describe(raised)); });
+
+    show.handle(message("/cue/1", {std::string("go"), std::int32_t(3)}), "panel");
+    show.handle(message("/cues", {std::string("no")}), "panel");
+    show.handle(message("/fader/1", {0.75f, true}), "panel");
+    show.handle(message("/fader/10", {0.5f}), "panel");
+    show.handle(textMessage("/eos/out/active/cue/text", "1/14 Opening 5 45%"), "console");
+    show.handle(textMessage("/tavrin/marker", "Lift"), "panel");
+    QLocale::setDefault(QLocale::system());
+
+    QCOMPARE(describe(show.fields()), "/cue/* Cue=go 3 | /fader/1 Fader=0,75 On | "
+                                      "/eos/out/active/* Console=1/14 Opening 5 45% | "
+                                      "/tavrin/marker Marks=Lift");
+    QCOMPARE(commands, QStringList{"marker Lift"});
+    QCOMPARE(show.activeCue()->token(), "1/14");
+}
+
+void ShowDataTest::clearingForgetsTheShow()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    QStringList cueChanges;
+    show.setOnCueChange([&](const std::optional<EosCue>& cue) {
+        cueChanges.append(cue ? cue->token() : QStringLiteral("none"));
+    });
+    show.handle(textMessage("/eos/out/show/name", "Show"), "console");
+    play(show, clock, {"fire 1/14", "active 1/14 Opening 5 45%", "active 1/14P2 Chase 4 10%"});
+    show.handle(textMessage("/eos/out/pending/cue/text", "1/15 Next 3"), "console");
+    show.handle(textMessage("/eos/out/previous/cue/text", "1/13 Before 3"), "console");
+    show.handle(textMessage("/tavrin/field/Scene", "Act 1"), "panel");
+    QVERIFY(!show.activeParts().isEmpty());
+
+    show.handle(message("/TAVRIN/Clear"), "panel");
+    QCOMPARE(show.showName(), std::nullopt);
+    QCOMPARE(show.activeCue(), std::nullopt);
+    QCOMPARE(show.pendingCue(), std::nullopt);
+    QCOMPARE(show.previousCue(), std::nullopt);
+    QVERIFY(show.activeParts().isEmpty());
+    QCOMPARE(show.activeCueClock(), std::nullopt);
+    QVERIFY(show.fields().isEmpty());
+    QCOMPARE(show.eosSender(), std::nullopt);
+    QCOMPARE(show.lastEosMessage(), std::nullopt);
+    QCOMPARE(show.lastFire(), std::nullopt);
+    QCOMPARE(show.reportedCueNumber(), std::nullopt);
+    QCOMPARE(show.runningPart(), std::nullopt);
+    QVERIFY(!show.isHearingEos());
+    QCOMPARE(show.lastReceived(), std::optional<QString>("/TAVRIN/Clear  from panel"));
+
+    // The same cue heard again after clearing is a change, and its repeated fire counts anew.
+    play(show, clock, {"fire 1/14", "active 1/14 Opening 5 45%", "fire 1/14/2"});
+    QCOMPARE(cueChanges, (QStringList{"1/14", "1/14"}));
+    QCOMPARE(describe(show.activeParts()), "1:Opening:45 | 2::0");
+}
+
+void ShowDataTest::receivesPacketsAndBundles()
+{
+    ManualClock clock;
+    ShowData show(clock);
+    const QByteArray name = encodeOSC(textMessage("/eos/out/show/name", "Bundled"));
+    const QByteArray cue = encodeOSC(textMessage("/eos/out/active/cue/text", "1/3 Three 2 20%"));
+    show.receive(bundleOf({name, cue}), "10.0.0.7");
+    QCOMPARE(show.showName(), std::optional<QString>("Bundled"));
+    QCOMPARE(show.activeCue()->token(), "1/3");
+    QCOMPARE(show.lastReceived(),
+             std::optional<QString>("/eos/out/active/cue/text 1/3 Three 2 20% from 10.0.0.7"));
+
+    show.receive(QByteArray("not osc at all"), "10.0.0.8");
+    show.receive(name.left(name.size() - 3), "10.0.0.8");
+    QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.7"));
+}
+
+// liblo's oscsend speaks to the show data's own listener over loopback.
+void ShowDataTest::takesCommandsFromARealSender()
+{
+    ShowData show;
+    QUdpSocket probe;
+    QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
+    const quint16 port = probe.localPort();
+    probe.close();
+    show.listener().configure(true, port);
+    QTRY_COMPARE(show.listener().state().kind, OSCListener::State::Kind::listening);
+
+    show.setWatchedAddresses({{QUuid::createUuid(), "Desk", "/desk/*"}});
+    QStringList commands;
+    show.setOnCommand([&](const ShowCommand& raised) { commands.append(describe(raised)); });
+    const auto send = [&](const QStringList& arguments) {
+        QProcess oscsend;
+        oscsend.start("oscsend", QStringList{"127.0.0.1", QString::number(port)} + arguments);
+        QVERIFY2(oscsend.waitForFinished(10000), "oscsend did not finish");
+        QCOMPARE(oscsend.exitCode(), 0);
+    };
+    send({"/tavrin/record/start"});
+    send({"/tavrin/marker", "s", "Act two · top"});
+    send({"/tavrin/layout", "s", "Wide"});
+    send({"/tavrin/field/Scene", "s", "Act 2"});
+    send({"/desk/fader/3", "fiT", "0.5", "7"});
+
+    QTRY_COMPARE(commands.size(), 3);
+    QCOMPARE(commands,
+             (QStringList{"start", QString::fromUtf8("marker Act two · top"), "layout Wide"}));
+    QTRY_COMPARE(show.fields().size(), 2);
+    QLocale locale;
+    QCOMPARE(describe(show.fields()),
+             "/tavrin/field/Scene Scene=Act 2 | /desk/* Desk=" + locale.toString(0.5) + " 7 On");
+    QCOMPARE(show.listener().lastSender(), std::optional<QString>("127.0.0.1"));
+    QCOMPARE(show.lastReceived(), std::optional<QString>("/desk/fader/3 0.5 from 127.0.0.1"));
+}
+
+QTEST_GUILESS_MAIN(ShowDataTest)
+#include "ShowDataTest.moc"

@@ -4,10 +4,8 @@
 #include "eos/ArgumentText.h"
 #include "eos/EosProbe.h"
 
-#include <QFuture>
 #include <QHostAddress>
 #include <QLoggingCategory>
-#include <QPromise>
 #include <QThread>
 #include <QThreadPool>
 
@@ -39,6 +37,31 @@ QString dottedDecimal(std::uint32_t address)
     return QHostAddress(address).toString();
 }
 
+// Carries results from worker threads to the scan on the main thread. Workers hold it
+// shared; the scan sets `deliver` and clears it when it goes, so late results are dropped.
+// Deleted on the main thread, whichever holder lets go last.
+class Relay final : public QObject {
+public:
+    using Results = std::vector<DiscoveredConsole>;
+    static std::shared_ptr<Relay> make()
+    {
+        return std::shared_ptr<Relay>(new Relay, [](Relay* relay) { relay->deleteLater(); });
+    }
+    // Any thread: hands `results` of part `part` to the main thread.
+    static void post(const std::shared_ptr<Relay>& relay, int part, Results results)
+    {
+        QMetaObject::invokeMethod(
+            relay.get(),
+            [relay, part, results = std::move(results)]() mutable {
+                if (relay->deliver)
+                    relay->deliver(part, std::move(results));
+            },
+            Qt::QueuedConnection);
+    }
+    std::function<void(int, Results)> deliver;
+    std::atomic_bool cancelled = false;
+};
+
 // Probes a sweep's addresses on the probe thread, a bounded number at a time.
 class Sweeper final : public QObject {
 public:
@@ -47,17 +70,13 @@ public:
         std::uint32_t host;
     };
 
-    Sweeper(std::vector<Job> jobs, int concurrency, QPromise<std::vector<DiscoveredConsole>> promise)
+    Sweeper(std::vector<Job> jobs, int concurrency, std::shared_ptr<Relay> relay, int part)
         : jobs_(std::move(jobs)), results_(jobs_.size()), concurrency_(concurrency),
-          promise_(std::move(promise))
+          relay_(std::move(relay)), part_(part)
     {
     }
 
-    void run()
-    {
-        promise_.start();
-        launchMore();
-    }
+    void run() { launchMore(); }
 
 private:
     void launchMore()
@@ -89,7 +108,7 @@ private:
 
     void finishOrContinue()
     {
-        if (promise_.isCanceled()) {
+        if (relay_->cancelled) {
             finish();
             return;
         }
@@ -112,8 +131,7 @@ private:
             if (result)
                 found.push_back(std::move(*result));
         }
-        promise_.addResult(std::move(found));
-        promise_.finish();
+        Relay::post(relay_, part_, std::move(found));
         thread()->quit();
     }
 
@@ -123,7 +141,8 @@ private:
     int running_ = 0;
     int concurrency_;
     bool finished_ = false;
-    QPromise<std::vector<DiscoveredConsole>> promise_;
+    std::shared_ptr<Relay> relay_;
+    int part_;
 };
 
 } // namespace
@@ -132,8 +151,17 @@ private:
 // Main thread; a child of the discovery, deleted when it publishes or is stopped.
 class EosDiscovery::Scan final : public QObject {
 public:
-    Scan(EosDiscovery* owner, ScanKind kind, int probeConcurrency) : QObject(owner), owner_(owner)
+    Scan(EosDiscovery* owner, ScanKind kind, int probeConcurrency)
+        : QObject(owner), owner_(owner), relay_(Relay::make())
     {
+        relay_->deliver = [this](int part, Relay::Results results) {
+            if (part < 0)
+                probed_ = std::move(results);
+            else
+                discovered_[std::size_t(part)] = std::move(results);
+            --pending_;
+            finishIfDone();
+        };
         const std::vector<ScanTarget> targets = currentInterfaces();
         discovered_.resize(targets.size());
         for (std::size_t index = 0; index < targets.size(); ++index)
@@ -146,10 +174,9 @@ public:
 
     ~Scan() override
     {
-        for (auto& future : discoveries_)
-            future.cancel();
+        relay_->deliver = nullptr;
+        relay_->cancelled = true;
         if (probeThread_) {
-            sweep_.cancel();
             probeThread_->quit();
             probeThread_->wait();
         }
@@ -158,21 +185,11 @@ public:
 private:
     void startDiscovery(std::size_t index, const ScanTarget& target)
     {
-        auto promise = std::make_shared<QPromise<std::vector<DiscoveredConsole>>>();
-        QFuture<std::vector<DiscoveredConsole>> future = promise->future();
-        promise->start();
         ++pending_;
-        discoveryPool().start([promise, target] {
-            promise->addResult(
-                discover(target, kDiscoveryDuration, [&] { return promise->isCanceled(); }));
-            promise->finish();
+        discoveryPool().start([relay = relay_, index, target] {
+            Relay::post(relay, int(index),
+                        discover(target, kDiscoveryDuration, [&] { return bool(relay->cancelled); }));
         });
-        future.then(this, [this, index](std::vector<DiscoveredConsole> found) {
-            discovered_[index] = std::move(found);
-            --pending_;
-            finishIfDone();
-        });
-        discoveries_.push_back(future);
     }
 
     void startSweep(const std::vector<ScanTarget>& targets, int concurrency)
@@ -182,20 +199,13 @@ private:
             for (std::uint32_t host : sweepAddresses(target))
                 jobs.push_back({target, host});
         }
-        QPromise<std::vector<DiscoveredConsole>> promise;
-        sweep_ = promise.future();
         ++pending_;
         probeThread_ = std::make_unique<QThread>();
         probeThread_->setObjectName(QStringLiteral("Eos probes"));
-        auto* sweeper = new Sweeper(std::move(jobs), concurrency, std::move(promise));
+        auto* sweeper = new Sweeper(std::move(jobs), concurrency, relay_, -1);
         sweeper->moveToThread(probeThread_.get());
         connect(probeThread_.get(), &QThread::started, sweeper, [sweeper] { sweeper->run(); });
         connect(probeThread_.get(), &QThread::finished, sweeper, &QObject::deleteLater);
-        sweep_.then(this, [this](std::vector<DiscoveredConsole> found) {
-            probed_ = std::move(found);
-            --pending_;
-            finishIfDone();
-        });
         probeThread_->start();
     }
 
@@ -215,8 +225,7 @@ private:
     bool finished_ = false;
     std::vector<std::vector<DiscoveredConsole>> discovered_;
     std::vector<DiscoveredConsole> probed_;
-    std::vector<QFuture<std::vector<DiscoveredConsole>>> discoveries_;
-    QFuture<std::vector<DiscoveredConsole>> sweep_;
+    std::shared_ptr<Relay> relay_;
     std::unique_ptr<QThread> probeThread_;
 };
 

@@ -1,0 +1,468 @@
+// The console link: where it goes, which found console it adopts and follows, and what it
+// says. Real pretend consoles, on loopback or on pretend hosts in network namespaces.
+#include "base/ManualClock.h"
+#include "eos/EosConnection.h"
+#include "peers/NetNamespace.h"
+#include "peers/PretendConsole.h"
+#include "settings/AppSettings.h"
+#include "show/ShowData.h"
+
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <unistd.h>
+
+using namespace orvane;
+using Kind = OSCStream::Failure::Kind;
+
+namespace {
+
+QString isolationError;
+bool isolated = false;
+
+QHostAddress address(const char* text)
+{
+    return QHostAddress(QString::fromLatin1(text));
+}
+
+// A connection with its own settings store, re-applied on every Eos setting change as the
+// application model does.
+struct Link {
+    explicit Link(Clock& clock = Clock::system())
+        : settings(AppSettings::Location{folder.filePath(QStringLiteral("Orvane.json")),
+                                         folder.filePath(QStringLiteral("support"))}),
+          connection(settings, clock)
+    {
+        for (auto changed : {&AppSettings::eosEnabledChanged, &AppSettings::eosHostChanged,
+                             &AppSettings::eosPortChanged, &AppSettings::eosFramingChanged,
+                             &AppSettings::eosNetworkChanged, &AppSettings::eosAutoConnectChanged}) {
+            QObject::connect(&settings, changed, &connection, [this] { applySettings(); });
+        }
+        connection.discovery().setProbeConcurrency(300);
+    }
+    void applySettings() { connection.apply(EosConnection::configurationFrom(settings)); }
+    void configure(bool autoConnect, const QString& host, int port = 3037,
+                   OSCFraming framing = OSCFraming::slip)
+    {
+        const QSignalBlocker quiet(&settings);
+        settings.setEosEnabled(true);
+        settings.setEosAutoConnect(autoConnect);
+        settings.setEosHost(host);
+        settings.setEosPort(port);
+        settings.setEosFraming(framing);
+        settings.setEosConsoleID(std::nullopt);
+        settings.setEosConsoleName(std::nullopt);
+        settings.setEosNetwork(std::nullopt);
+        applySettings();
+    }
+    // Lets the running scan finish in real time.
+    bool waitForScan()
+    {
+        return QTest::qWaitFor([&] { return !connection.discovery().isScanning(); }, 10000);
+    }
+
+    QTemporaryDir folder;
+    AppSettings settings;
+    EosConnection connection;
+};
+
+} // namespace
+
+class EosConnectionTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void describe_data();
+    void describe();
+    void connectsToTheTypedAddress_data();
+    void connectsToTheTypedAddress();
+    void hostOfSpacesStopsTheLink();
+    void adoptsTheOnlyConsoleAndFollowsItsNewAddress();
+    void twoConsolesNeedAStoredIdentity();
+    void forgottenConsoleReturnsOnlyBySearchNow();
+    void searchSweepsAtMostEvery120Seconds();
+    void firedCueReachesTheShowWithin50ms();
+
+private:
+    std::unique_ptr<PretendConsole> startConsole(NetNamespace* host, const char* at,
+                                                 PretendConsole::Options options = {});
+};
+
+void EosConnectionTest::initTestCase()
+{
+    if (!isolated && ::geteuid() != 0)
+        QSKIP("network namespaces need root; run the suite with scripts/offline");
+    QVERIFY2(isolated, qPrintable(isolationError));
+}
+
+std::unique_ptr<PretendConsole> EosConnectionTest::startConsole(NetNamespace* host, const char* at,
+                                                                PretendConsole::Options options)
+{
+    options.address = address(at);
+    auto console = std::make_unique<PretendConsole>(options);
+    if (host)
+        console->setSocketFactory([host](int type) { return host->socket(type); });
+    QString error;
+    if (!console->start(&error))
+        qWarning("pretend console: %s", qPrintable(error));
+    return console;
+}
+
+void EosConnectionTest::describe_data()
+{
+    QTest::addColumn<bool>("configured");
+    QTest::addColumn<bool>("enabled");
+    QTest::addColumn<bool>("autoConnect");
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<OSCStream::Status>("status");
+    QTest::addColumn<bool>("isScanning");
+    QTest::addColumn<int>("found"); // -1: no scan has finished
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("advice");
+
+    const OSCStream::Status idle;
+    const OSCStream::Status connecting{OSCStream::Status::Kind::connecting, {}, 0};
+    const OSCStream::Status ready{OSCStream::Status::Kind::ready, {}, 0};
+    const auto retrying = [](Kind kind, const QString& text = {}) {
+        return OSCStream::Status{OSCStream::Status::Kind::retrying, {kind, text}, 3};
+    };
+    const QString sameNetwork = QStringLiteral(
+        "Check that the console is on and connected to the same network as this computer.");
+
+    QTest::newRow("never configured") << false << false << false << "" << idle << false << -1
+                                      << "Off" << "";
+    QTest::newRow("off, even with a live stream") << true << false << true << "10.0.0.5" << ready
+                                                  << true << 2 << "Off" << "";
+    QTest::newRow("no host, scanning") << true << true << true << "" << idle << true << 3
+                                       << "Searching…" << "";
+    QTest::newRow("spaces, automatic, before the first scan")
+        << true << true << true << "   " << idle << false << -1 << "Searching…" << "";
+    QTest::newRow("no host, consoles found") << true << true << true << "" << idle << false << 3
+                                             << "3 consoles found" << "";
+    QTest::newRow("no host, one console found") << true << true << false << "" << idle << false
+                                                << 1 << "1 consoles found" << "";
+    QTest::newRow("no host, nothing found") << true << true << true << "" << idle << false << 0
+                                            << "No console found" << "";
+    QTest::newRow("no host, automatic off") << true << true << false << " " << idle << false << -1
+                                            << "No console address" << "";
+    QTest::newRow("connecting") << true << true << false << "10.0.0.5" << connecting << false
+                                << -1 << "Connecting…" << "";
+    QTest::newRow("host wins over a running scan") << true << true << true << "10.0.0.5" << ready
+                                                   << true << 0 << "Connected" << "";
+    QTest::newRow("refused")
+        << true << true << false << "10.0.0.5" << retrying(Kind::refused) << false << -1
+        << "Connection refused"
+        << "The console is there but isn't accepting OSC. Turn on Third Party OSC in Setup › "
+           "Device Settings › Network › Interface Protocols, and check the port.";
+    QTest::newRow("no answer") << true << true << false << "10.0.0.5" << retrying(Kind::noAnswer)
+                               << false << -1 << "No answer" << sameNetwork;
+    QTest::newRow("unreachable") << true << true << false << "10.0.0.5"
+                                 << retrying(Kind::unreachable) << false << -1
+                                 << "Network unreachable" << sameNetwork;
+    QTest::newRow("unknown host") << true << true << false << "ion.local"
+                                  << retrying(Kind::unknownHost) << false << -1
+                                  << "Address not found" << "Check the console's address.";
+    QTest::newRow("closed") << true << true << false << "10.0.0.5" << retrying(Kind::closedByPeer)
+                            << false << -1 << "Connection closed" << "";
+    QTest::newRow("went quiet") << true << true << false << "10.0.0.5" << retrying(Kind::wentQuiet)
+                                << false << -1 << "Stopped responding"
+                                << "The console stopped answering. Orvane will keep trying.";
+    QTest::newRow("invalid port") << true << true << false << "10.0.0.5"
+                                  << retrying(Kind::invalidPort) << false << -1 << "Invalid port"
+                                  << "Choose a port between 1 and 65535.";
+    QTest::newRow("wrong protocol")
+        << true << true << false << "10.0.0.5" << retrying(Kind::wrongProtocol) << false << -1
+        << "Wrong protocol"
+        << "The console is sending a different OSC format. Use OSC 1.1 with port 3037, or OSC "
+           "1.0 with port 3032.";
+    QTest::newRow("other failure: the system's text")
+        << true << true << false << "10.0.0.5" << retrying(Kind::other, "Too many open files")
+        << false << -1 << "Too many open files" << "";
+}
+
+void EosConnectionTest::describe()
+{
+    QFETCH(bool, configured);
+    QFETCH(bool, enabled);
+    QFETCH(bool, autoConnect);
+    QFETCH(QString, host);
+    QFETCH(OSCStream::Status, status);
+    QFETCH(bool, isScanning);
+    QFETCH(int, found);
+    QFETCH(QString, text);
+    QFETCH(QString, advice);
+
+    std::optional<EosConnection::Configuration> configuration;
+    if (configured)
+        configuration = EosConnection::Configuration{enabled, autoConnect, host, 3037,
+                                                     OSCFraming::slip, std::nullopt};
+    const auto described = EosConnection::describe(
+        configuration, status, isScanning, found < 0 ? std::nullopt : std::optional<int>(found));
+    QCOMPARE(described.status, text);
+    QCOMPARE(described.advice, advice);
+}
+
+void EosConnectionTest::connectsToTheTypedAddress_data()
+{
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<int>("port");
+    QTest::addColumn<OSCFraming>("framing");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("OSC 1.1 on 3037") << "127.0.0.1" << 3037 << OSCFraming::slip << "Connected";
+    QTest::newRow("OSC 1.0 on 3032, spaces around the host")
+        << "  127.0.0.1 " << 3032 << OSCFraming::lengthPrefixed << "Connected";
+    QTest::newRow("nobody on the port") << "127.0.0.1" << 3999 << OSCFraming::slip
+                                        << "Connection refused";
+    QTest::newRow("port out of range") << "127.0.0.1" << 70000 << OSCFraming::slip
+                                       << "Invalid port";
+}
+
+void EosConnectionTest::connectsToTheTypedAddress()
+{
+    QFETCH(QString, host);
+    QFETCH(int, port);
+    QFETCH(OSCFraming, framing);
+    QFETCH(QString, text);
+
+    PretendConsole::Options options;
+    options.showName = QStringLiteral("Hamlet");
+    auto console = startConsole(nullptr, "127.0.0.1", options);
+    Link link;
+    QStringList heard;
+    link.connection.setOnPacket([&](const OSCMessage& message, const QString& from) {
+        heard << QString::fromStdString(message.address) + QLatin1Char(' ') + from;
+    });
+    link.configure(false, host, port, framing);
+    QTRY_COMPARE(link.connection.statusText(), text);
+    if (text != u"Connected")
+        return;
+    QVERIFY(link.connection.isConnected());
+    QVERIFY(link.connection.advice().isEmpty());
+    // On ready the link asks for the console's state once.
+    QTRY_VERIFY(heard.contains("/eos/out/show/name 127.0.0.1"));
+    QCOMPARE(console->receivedAddresses(), QStringList{"/eos/reset"});
+    QVERIFY(heard.contains("/eos/out/active/cue/text 127.0.0.1"));
+}
+
+void EosConnectionTest::hostOfSpacesStopsTheLink()
+{
+    auto console = startConsole(nullptr, "127.0.0.1");
+    Link link;
+    link.configure(false, QStringLiteral("127.0.0.1"));
+    QTRY_VERIFY(link.connection.isConnected());
+    QTRY_COMPARE(console->connectionCount(), 1);
+    link.settings.setEosHost(QStringLiteral("   "));
+    QCOMPARE(link.connection.streamStatus().kind, OSCStream::Status::Kind::idle);
+    QCOMPARE(link.connection.statusText(), QStringLiteral("No console address"));
+    QTRY_COMPARE(console->connectionCount(), 0);
+    link.settings.setEosEnabled(false);
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Off"));
+}
+
+void EosConnectionTest::adoptsTheOnlyConsoleAndFollowsItsNewAddress()
+{
+    QString error;
+    auto lan = NetNamespace::create("follow", address("10.71.0.1"), address("10.71.0.20"), 24,
+                                    &error);
+    QVERIFY2(lan, qPrintable(error));
+    PretendConsole::Options options;
+    options.consoleID = QStringLiteral("ION-A");
+    options.showName = QStringLiteral("Othello");
+    auto console = startConsole(lan.get(), "10.71.0.20", options);
+
+    ManualClock clock;
+    Link link(clock);
+    link.configure(true, QString());
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Searching…"));
+    clock.advance(1.0); // the first tick sweeps
+    QVERIFY(link.connection.discovery().isScanning());
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QStringLiteral("10.71.0.20"));
+    QCOMPARE(link.settings.eosConsoleID(), std::optional<QString>(QStringLiteral("ION-A")));
+    QCOMPARE(link.settings.eosConsoleName(), std::optional<QString>(QStringLiteral("Othello")));
+    QCOMPARE(link.settings.eosNetwork(), std::nullopt); // a veth is no wired or Wi-Fi network
+    QTRY_VERIFY(link.connection.isConnected());
+
+    // While the link answers, scans neither start by themselves nor move it.
+    clock.advance(3.0);
+    QVERIFY(!link.connection.discovery().isScanning());
+    PretendConsole::Options otherOptions;
+    otherOptions.consoleID = QStringLiteral("ION-B");
+    QVERIFY(lan->addPeerAddress(address("10.71.0.30"), 24, &error));
+    auto other = startConsole(lan.get(), "10.71.0.30", otherOptions);
+    link.settings.setEosConsoleID(QStringLiteral("ION-B"));
+    link.connection.searchNow(); // pairing: every console is a candidate
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QStringLiteral("10.71.0.20"));
+    QVERIFY(link.connection.isConnected());
+    other.reset();
+    link.settings.setEosConsoleID(QStringLiteral("ION-A"));
+
+    // The console comes back on another address: found again by its identity.
+    QVERIFY(lan->removePeerAddress(address("10.71.0.20"), 24, &error));
+    QVERIFY(lan->addPeerAddress(address("10.71.0.21"), 24, &error));
+    QVERIFY2(console->moveTo(address("10.71.0.21"), &error), qPrintable(error));
+    // Its old address is gone, so nothing tells the link: it notices the silence.
+    clock.advance(19.0);
+    QVERIFY(link.connection.isConnected());
+    for (int step = 0; step < 20 && link.connection.isConnected(); ++step)
+        clock.advance(0.5);
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Stopped responding"));
+    QCOMPARE(link.connection.advice(),
+             QStringLiteral("The console stopped answering. Orvane will keep trying."));
+    clock.advance(1.0);
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QStringLiteral("10.71.0.21"));
+    QTRY_VERIFY(link.connection.isConnected());
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Connected"));
+}
+
+void EosConnectionTest::twoConsolesNeedAStoredIdentity()
+{
+    QString error;
+    auto lan = NetNamespace::create("two", address("10.72.0.1"), address("10.72.0.20"), 24, &error);
+    QVERIFY2(lan, qPrintable(error));
+    QVERIFY(lan->addPeerAddress(address("10.72.0.30"), 24, &error));
+    PretendConsole::Options a;
+    a.consoleID = QStringLiteral("ION-A");
+    PretendConsole::Options b;
+    b.consoleID = QStringLiteral("ION-B");
+    b.deviceName = QStringLiteral("Booth Gio");
+    auto first = startConsole(lan.get(), "10.72.0.20", a);
+    auto second = startConsole(lan.get(), "10.72.0.30", b);
+
+    ManualClock clock;
+    Link link(clock);
+    link.configure(true, QString());
+    clock.advance(1.0);
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.connection.discovery().consoles().size(), 2);
+    QCOMPARE(link.settings.eosHost(), QString());
+    QCOMPARE(link.connection.statusText(), QStringLiteral("2 consoles found"));
+
+    // With the second console's name stored, the next scan (a broadcast one: the name is
+    // the console's own) picks it.
+    link.settings.setEosConsoleName(QStringLiteral("Booth Gio"));
+    clock.advance(1.0);
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QStringLiteral("10.72.0.30"));
+    QCOMPARE(link.settings.eosConsoleID(), std::optional<QString>(QStringLiteral("ION-B")));
+    QTRY_VERIFY(link.connection.isConnected());
+}
+
+void EosConnectionTest::forgottenConsoleReturnsOnlyBySearchNow()
+{
+    QString error;
+    auto lan = NetNamespace::create("forget", address("10.73.0.1"), address("10.73.0.20"), 24,
+                                    &error);
+    QVERIFY2(lan, qPrintable(error));
+    auto console = startConsole(lan.get(), "10.73.0.20");
+
+    ManualClock clock;
+    Link link(clock);
+    link.configure(true, QString());
+    clock.advance(1.0);
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QStringLiteral("10.73.0.20"));
+    QTRY_VERIFY(link.connection.isConnected());
+
+    link.connection.forget(link.connection.discovery().consoles().front());
+    QCOMPARE(link.settings.eosHost(), QString());
+    QCOMPARE(link.settings.eosConsoleID(), std::nullopt);
+    QVERIFY(!link.connection.isConnected());
+    clock.advance(1.0);
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QString());
+    QCOMPARE(link.connection.statusText(), QStringLiteral("1 consoles found"));
+
+    // Turning automatic connection off stops the search; search now still pairs.
+    link.settings.setEosAutoConnect(false);
+    QVERIFY(!link.connection.isSearching());
+    clock.advance(5.0);
+    QVERIFY(!link.connection.discovery().isScanning());
+    link.settings.setEosEnabled(false);
+    link.connection.searchNow();
+    QVERIFY(link.settings.eosEnabled());
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.settings.eosHost(), QStringLiteral("10.73.0.20"));
+    QCOMPARE(link.connection.forgotten(), std::nullopt);
+    QTRY_VERIFY(link.connection.isConnected());
+}
+
+void EosConnectionTest::searchSweepsAtMostEvery120Seconds()
+{
+    QString error;
+    auto lan = NetNamespace::create("spacing", address("10.74.0.1"), address("10.74.0.20"), 24,
+                                    &error);
+    QVERIFY2(lan, qPrintable(error));
+    QVERIFY(lan->addPeerAddress(address("10.74.0.30"), 24, &error));
+    // Two consoles that only a sweep finds, and none is adopted without an identity.
+    PretendConsole::Options quiet;
+    quiet.answersDiscovery = false;
+    auto first = startConsole(lan.get(), "10.74.0.20", quiet);
+    auto second = startConsole(lan.get(), "10.74.0.30", quiet);
+
+    ManualClock clock;
+    Link link(clock);
+    link.configure(true, QString());
+    const auto found = [&] { return link.connection.discovery().consoles().size(); };
+
+    clock.advance(1.0); // t = 1: the first scan sweeps
+    QVERIFY(link.waitForScan());
+    QCOMPARE(found(), 2);
+    clock.advance(1.0); // t = 2: broadcast only
+    QVERIFY(link.waitForScan());
+    QCOMPARE(found(), 0);
+    QCOMPARE(link.connection.statusText(), QStringLiteral("No console found"));
+    clock.advance(118.0); // t = 3 starts a broadcast scan; later ticks find it running
+    QVERIFY(link.waitForScan());
+    QCOMPARE(found(), 0);
+    clock.advance(1.0); // t = 121: 120 s after the last sweep
+    QVERIFY(link.waitForScan());
+    QCOMPARE(found(), 2);
+    QCOMPARE(link.settings.eosHost(), QString());
+    QCOMPARE(first->connectionsAccepted(), 2);
+}
+
+void EosConnectionTest::firedCueReachesTheShowWithin50ms()
+{
+    auto console = startConsole(nullptr, "127.0.0.1");
+    Link link;
+    ShowData show;
+    link.connection.setOnPacket(
+        [&](const OSCMessage& message, const QString& host) { show.handle(message, host); });
+    link.configure(false, QStringLiteral("127.0.0.1"));
+    QTRY_VERIFY(show.showName().has_value()); // the reset's answer arrived
+
+    const auto isActive = [&](const char* number) {
+        const auto cue = show.activeCue();
+        return cue && cue->number == QLatin1String(number);
+    };
+    QVERIFY(!isActive("14.5"));
+    QElapsedTimer timer;
+    timer.start();
+    console->fireCue(QStringLiteral("14.5"));
+    QVERIFY(QTest::qWaitFor([&] { return isActive("14.5"); }, 1000));
+    const qint64 elapsed = timer.elapsed();
+    qInfo("cue fired to active cue in %lld ms", elapsed);
+    QVERIFY2(elapsed < 50, qPrintable(QString::number(elapsed)));
+    QCOMPARE(show.activeCue()->label, QStringLiteral("Storm"));
+    QCOMPARE(show.eosSender(), std::optional<QString>(QStringLiteral("127.0.0.1")));
+    // The console counts the percent up over the cue's 1 s.
+    QCOMPARE(show.activeCue()->percent, std::optional<int>(0));
+    QTRY_COMPARE_WITH_TIMEOUT(show.activeCue()->percent, std::optional<int>(100), 3000);
+}
+
+int main(int argc, char** argv)
+{
+    // Before any thread starts: threads made later share the private network.
+    isolated = NetNamespace::isolateThisProcess(&isolationError);
+    QCoreApplication app(argc, argv);
+    EosConnectionTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "EosConnectionTest.moc"

@@ -24,14 +24,14 @@ namespace orvane {
 // of them changes. A plain value; any thread.
 struct OverlaySources {
     // Settings.
-    OverlayLook look;  // layout, scale, opacity, show switches, watermark text and opacity
+    OverlayLook look; // layout, scale, opacity, show switches, watermark text and opacity
     bool isEnabled = true;
     QString cameraLabel = QStringLiteral("Stage Cam");
 
     // The application model.
     std::optional<WallTime> recordingStart;
     std::optional<QImage> watermarkImage;
-    std::optional<ShowTime> demoShowTime;  // while the demo show runs one
+    std::optional<ShowTime> demoShowTime; // while the demo show runs one
 
     // The show data.
     std::optional<QString> showName;
@@ -40,13 +40,13 @@ struct OverlaySources {
     bool isHearingEos = false;
     QList<EosCuePart> activeParts;
     std::optional<FadeClock> activeCueClock;
-    std::optional<QString> runningPart;  // number of the part that runs
+    std::optional<QString> runningPart; // number of the part that runs
     QList<ShowField> fields;
 
     // The QLab client.
     bool isQLabConnected = false;
-    std::vector<QLabCue> qlabRunningCues;    // in the client's order
-    std::optional<ShowTime> qlabShowTime;    // from its timecode cue, when it has one
+    std::vector<QLabCue> qlabRunningCues; // in the client's order
+    std::optional<ShowTime> qlabShowTime; // from its timecode cue, when it has one
 
     // When the sources were gathered: the sample time of a QLab cue that reports neither an
     // elapsed time nor a start.

@@ -62,8 +62,13 @@ QLabCue qlabCue(const char* id, const char* number, const char* name, std::optio
 OverlayPart row(const char* id, const char* tag, const char* label, double progress,
                 std::optional<FadeClock> clock, std::optional<RunningTime> running, bool isRunning)
 {
-    return OverlayPart{QString::fromLatin1(id), QString::fromLatin1(tag), QString::fromLatin1(label),
-                       progress, clock, running, isRunning};
+    return OverlayPart{QString::fromLatin1(id),
+                       QString::fromLatin1(tag),
+                       QString::fromLatin1(label),
+                       progress,
+                       clock,
+                       running,
+                       isRunning};
 }
 
 // A show in full swing: settings at their defaults, a cue with two parts, a pending cue,
@@ -98,7 +103,8 @@ OverlayContent busyContent()
     content.parts = {row("P1", "P1", "Intensity", 1.0, fade(3), std::nullopt, false),
                      row("P2", "P2", "Colour", 0.4, fade(8), std::nullopt, true)};
     content.fields = {OverlayItem{"Scene", "1.4", ""}};
-    content.qlabCues = {row("A1", "12", "Wind", 0, std::nullopt, RunningTime{4, t0, 30.0, false}, false)};
+    content.qlabCues = {
+        row("A1", "12", "Wind", 0, std::nullopt, RunningTime{4, t0, 30.0, false}, false)};
     return content;
 }
 
@@ -135,7 +141,7 @@ private slots:
             expected.opacity = 0.4;
             expected.showsClock = false;
             expected.showsDate = true;
-            expected.showsTimecode = false;  // the show time stays; the renderer applies it
+            expected.showsTimecode = false; // the show time stays; the renderer applies it
             expected.watermarkOpacity = 0.2;
             expected.layout = sources.look.layout;
             expected.isEnabled = false;
@@ -218,7 +224,8 @@ private slots:
             };
             OverlayContent expected = busyContent();
             expected.qlabCues = {
-                row("B", "", "Rain", 0, std::nullopt, RunningTime{0, started, std::nullopt, false}, false),
+                row("B", "", "Rain", 0, std::nullopt, RunningTime{0, started, std::nullopt, false},
+                    false),
                 row("C", "3", "Video", 0, std::nullopt, RunningTime{2, t0, 60.0, true}, false),
                 row("D", "4", "Silent", 0, std::nullopt, RunningTime{0, t0, 10.0, false}, false),
             };
@@ -240,7 +247,8 @@ private slots:
             QVERIFY2(content.parts[i] == expected.parts[i], qPrintable(content.parts[i].id));
         QCOMPARE(content.qlabCues.size(), expected.qlabCues.size());
         for (size_t i = 0; i < content.qlabCues.size(); ++i)
-            QVERIFY2(content.qlabCues[i] == expected.qlabCues[i], qPrintable(content.qlabCues[i].id));
+            QVERIFY2(content.qlabCues[i] == expected.qlabCues[i],
+                     qPrintable(content.qlabCues[i].id));
         QCOMPARE(content.fields, expected.fields);
         QVERIFY(content.showTime == expected.showTime);
         QVERIFY(content == expected);

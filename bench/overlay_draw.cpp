@@ -2,8 +2,8 @@
 // Run with QT_MAX_CACHED_GLYPH_SIZE=256 (the orvane executable sets it): without it Qt draws
 // glyphs above 64 px as uncached paths and 2160p frames cost ten times more.
 
-#include "overlay/OverlayRenderer.h"
 #include "overlay/OverlayPicture.h"
+#include "overlay/OverlayRenderer.h"
 
 #include <QGuiApplication>
 

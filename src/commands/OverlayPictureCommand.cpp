@@ -47,10 +47,11 @@ int run(const QStringList& arguments)
                                         QStringLiteral("Frame size in pixels (default 1920x1080)."),
                                         QStringLiteral("WxH"), QStringLiteral("1920x1080"));
     const QCommandLineOption contentOption(
-        QStringLiteral("content"), QStringLiteral("Draw the overlay content described in a JSON file."),
+        QStringLiteral("content"),
+        QStringLiteral("Draw the overlay content described in a JSON file."),
         QStringLiteral("FILE.json"));
-    const QCommandLineOption sampleOption(QStringLiteral("sample"),
-                                          QStringLiteral("Draw the layout editor's sample content."));
+    const QCommandLineOption sampleOption(
+        QStringLiteral("sample"), QStringLiteral("Draw the layout editor's sample content."));
     const QCommandLineOption busyOption(QStringLiteral("busy"),
                                         QStringLiteral("Draw a busy moment of a show."));
     const QCommandLineOption timeOption(
@@ -58,7 +59,8 @@ int run(const QStringList& arguments)
         QStringLiteral("The instant to draw, as an ISO 8601 date and time (default: now)."),
         QStringLiteral("WHEN"));
     parser.addOptions({sizeOption, contentOption, sampleOption, busyOption, timeOption});
-    parser.addPositionalArgument(QStringLiteral("OUT.png"), QStringLiteral("The picture to write."));
+    parser.addPositionalArgument(QStringLiteral("OUT.png"),
+                                 QStringLiteral("The picture to write."));
     if (!parser.parse(QStringList{QStringLiteral("orvane overlay-picture")} + arguments))
         return fail(parser.errorText());
     if (parser.isSet(QStringLiteral("help"))) {
@@ -96,8 +98,8 @@ int run(const QStringList& arguments)
         const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
         if (error.error != QJsonParseError::NoError)
             return fail(QStringLiteral("%1 is not JSON: %2").arg(path, error.errorString()));
-        auto decoded = overlayContentFromJson(document.object(), now,
-                                              QFileInfo(path).absoluteDir());
+        auto decoded =
+            overlayContentFromJson(document.object(), now, QFileInfo(path).absoluteDir());
         if (!decoded)
             return fail(QStringLiteral("%1 does not describe an overlay content").arg(path));
         content = std::move(*decoded);

@@ -93,8 +93,10 @@ void FrameBlend::fillRoundedRect(QImage& frame, const QRect& rect, double radius
         for (int i = 0; i < corner; ++i) {
             const double dx = std::max(0.0, radius - (i + 0.5));
             const double dy = std::max(0.0, radius - (j + 0.5));
-            const double covered = std::clamp(radius + 0.5 - std::sqrt(dx * dx + dy * dy), 0.0, 1.0);
-            coverage[static_cast<size_t>(j) * corner + i] = static_cast<uint8_t>(covered * 255 + 0.5);
+            const double covered =
+                std::clamp(radius + 0.5 - std::sqrt(dx * dx + dy * dy), 0.0, 1.0);
+            coverage[static_cast<size_t>(j) * corner + i] =
+                static_cast<uint8_t>(covered * 255 + 0.5);
         }
     }
     auto cornerPixel = [&](uint32_t* pixel, int i, int j) {
@@ -111,7 +113,7 @@ void FrameBlend::fillRoundedRect(QImage& frame, const QRect& rect, double radius
     const int innerRight = std::min(right, rect.right() + 1 - corner);
     for (int y = area.top(); y <= area.bottom(); ++y) {
         auto* line = reinterpret_cast<uint32_t*>(bits + y * stride);
-        int j = -1;  // row within a corner, counted from the rectangle's edge
+        int j = -1; // row within a corner, counted from the rectangle's edge
         if (y < rect.top() + corner)
             j = y - rect.top();
         else if (y > rect.bottom() - corner)

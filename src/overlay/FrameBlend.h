@@ -4,6 +4,8 @@
 #include <QImage>
 #include <QRect>
 
+#include <climits>
+
 namespace orvane {
 
 // Direct blending into a 32-bit frame for the overlay's large areas (panel backgrounds, row

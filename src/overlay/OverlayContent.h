@@ -35,18 +35,18 @@ struct OverlayContent {
     OverlayLayout layout = OverlayLayout::defaultLayout();
     bool isEnabled = true;
     double scale = 1.0;
-    double opacity = 0.7;  // of the panel backgrounds
+    double opacity = 0.7; // of the panel backgrounds
     QString cameraLabel = QStringLiteral("Stage Cam");
     bool showsClock = true;
     bool showsDate = false;
     bool showsTimecode = true;
     std::optional<ShowTime> showTime;
-    std::optional<WallTime> recordingStart;  // set while a recording runs
+    std::optional<WallTime> recordingStart; // set while a recording runs
     std::optional<QString> showName;
     std::optional<OverlayCue> cue;
     std::optional<OverlayCue> nextCue;
-    std::vector<OverlayPart> parts;     // fades of the current cue
-    std::vector<OverlayPart> qlabCues;  // running QLab cues
+    std::vector<OverlayPart> parts;    // fades of the current cue
+    std::vector<OverlayPart> qlabCues; // running QLab cues
     std::vector<OverlayItem> fields;
     QString watermarkText;
     std::optional<QImage> watermarkImage;

@@ -10,7 +10,10 @@ namespace {
 // Reads optional keys of one object; the first key of a wrong type marks the reader failed.
 class Reader {
 public:
-    explicit Reader(const QJsonObject& object) : object_(object) {}
+    explicit Reader(const QJsonObject& object)
+        : object_(object)
+    {
+    }
 
     bool ok() const { return ok_; }
 
@@ -185,7 +188,8 @@ std::optional<OverlayContent> overlayContentFromJson(const QJsonObject& json, Wa
         reader.read("showName", name);
         content.showName = name;
     }
-    for (auto [key, into] : {std::pair{"cue", &content.cue}, std::pair{"nextCue", &content.nextCue}}) {
+    for (auto [key, into] :
+         {std::pair{"cue", &content.cue}, std::pair{"nextCue", &content.nextCue}}) {
         if (auto cue = reader.object(key)) {
             *into = cueFrom(*cue);
             if (!*into)

@@ -37,8 +37,10 @@ const LoadedFamily& loadedFamily()
         for (const char* file : kFontFiles) {
             const int id = QFontDatabase::addApplicationFont(QString::fromLatin1(file));
             if (id < 0) {
-                qCWarning(lcOverlay, "overlay: could not load the font file %s; "
-                                     "overlay text falls back to the system's sans-serif", file);
+                qCWarning(lcOverlay,
+                          "overlay: could not load the font file %s; "
+                          "overlay text falls back to the system's sans-serif",
+                          file);
                 loaded.loaded = false;
                 continue;
             }

@@ -14,12 +14,12 @@ namespace orvane {
 // QLab cue. Its bar, pause sign and status figure are derived from the clocks at the instant
 // a frame is drawn. A plain value; any thread.
 struct OverlayPart {
-    QString id;                          // stable identity of the row
-    QString tag;                         // short marker before the label (part or cue number)
+    QString id;  // stable identity of the row
+    QString tag; // short marker before the label (part or cue number)
     QString label;
-    double progress = 0;                 // 0...1, as reported, for rows without a clock
-    std::optional<FadeClock> clock;      // Eos parts that fade
-    std::optional<RunningTime> running;  // QLab cues
+    double progress = 0;                // 0...1, as reported, for rows without a clock
+    std::optional<FadeClock> clock;     // Eos parts that fade
+    std::optional<RunningTime> running; // QLab cues
     bool isRunning = false;
 
     // 0...1. A running time gives its own progress; a fade clock its shown progress (1 once

@@ -18,12 +18,10 @@ namespace orvane {
 
 namespace {
 
-template <class... Ts>
-struct Overloaded : Ts... {
+template <class... Ts> struct Overloaded : Ts... {
     using Ts::operator()...;
 };
-template <class... Ts>
-Overloaded(Ts...) -> Overloaded<Ts...>;
+template <class... Ts> Overloaded(Ts...) -> Overloaded<Ts...>;
 
 // The design frame: every size below is in units of 1/1920 of its width at scale 1.
 constexpr double kDesignWidth = 1920;
@@ -38,15 +36,15 @@ constexpr double kGroupGap = 10;
 constexpr double kSectionGap = 12;
 constexpr double kPairGap = 10;
 constexpr double kPartsContentWidth = 400;
-constexpr double kMaximumContentShare = 0.4;  // of the frame's width
+constexpr double kMaximumContentShare = 0.4; // of the frame's width
 
 constexpr double kRowHeight = 36;
 constexpr double kRowSpacing = 5;
 constexpr double kRowCornerRadius = 8;
-constexpr double kRowInset = 12;          // tag and status from the row's ends
-constexpr double kTagColumn = 110;        // space the label leaves for the status figure
-constexpr double kTaggedColumn = 152;     // the same when a tag stands before the label
-constexpr double kTagToLabel = 8;         // least space between a long tag and the label
+constexpr double kRowInset = 12;      // tag and status from the row's ends
+constexpr double kTagColumn = 110;    // space the label leaves for the status figure
+constexpr double kTaggedColumn = 152; // the same when a tag stands before the label
+constexpr double kTagToLabel = 8;     // least space between a long tag and the label
 constexpr double kPauseBarWidth = 4;
 constexpr double kPauseBarHeight = 14;
 constexpr double kPauseBarGap = 3.5;
@@ -129,9 +127,9 @@ quint64 bitsOf(double value)
 struct TextKey {
     quint64 unit;
     FontRole role;
-    int alpha;        // 0...1000
-    int spacing;      // tenths of a unit
-    int widthLimit;   // whole pixels, 0 for none
+    int alpha;      // 0...1000
+    int spacing;    // tenths of a unit
+    int widthLimit; // whole pixels, 0 for none
     QString text;
     friend bool operator==(const TextKey&, const TextKey&) = default;
 };
@@ -145,9 +143,9 @@ size_t qHash(const TextKey& key, size_t seed = 0)
 struct WatermarkKey {
     quint64 unit;
     QString text;
-    qint64 image;  // QImage::cacheKey, 0 for none
+    qint64 image; // QImage::cacheKey, 0 for none
     QSize imageSize;
-    int opacity;  // 0...1000
+    int opacity; // 0...1000
     friend bool operator==(const WatermarkKey&, const WatermarkKey&) = default;
 };
 
@@ -211,9 +209,10 @@ QImage shadowOf(const QImage& source, double sigma, QColor color)
     for (int y = 0; y < height; ++y) {
         auto* line = reinterpret_cast<QRgb*>(shadow.scanLine(y));
         for (int x = 0; x < width; ++x) {
-            const int a = std::clamp(
-                static_cast<int>(std::lround(alpha[static_cast<size_t>(y) * width + x] * strength * 255.0)),
-                0, 255);
+            const int a =
+                std::clamp(static_cast<int>(std::lround(alpha[static_cast<size_t>(y) * width + x] *
+                                                        strength * 255.0)),
+                           0, 255);
             line[x] = qPremultiply(qRgba(color.red(), color.green(), color.blue(), a));
         }
     }
@@ -263,8 +262,8 @@ public:
     }
 
     struct ComposedWatermark {
-        QImage image;     // content and shadow, premultiplied
-        QPointF offset;   // of the item's frame inside the image
+        QImage image;   // content and shadow, premultiplied
+        QPointF offset; // of the item's frame inside the image
     };
 
     const ComposedWatermark& watermark(const Watermark& watermark, double unit)
@@ -321,9 +320,9 @@ private:
                 const double top = margin + textHeight + (textHeight > 0 ? watermark.imageGap : 0);
                 const QRectF target(margin + width - watermark.imageSize.width(), top,
                                     watermark.imageSize.width(), watermark.imageSize.height());
-                const QImage scaled = watermark.image.scaled(
-                    target.size().toSize().expandedTo(QSize(1, 1)), Qt::IgnoreAspectRatio,
-                    Qt::SmoothTransformation);
+                const QImage scaled =
+                    watermark.image.scaled(target.size().toSize().expandedTo(QSize(1, 1)),
+                                           Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
                 painter.drawImage(target, scaled);
             }
         }
@@ -366,7 +365,10 @@ using Style = OverlayRenderer::Style;
 class PanelBuilder {
 public:
     PanelBuilder(OverlayRenderer::Cache& cache, const Style& style, double maximumContentWidth)
-        : cache_(cache), style_(style), unit_(style.unit), maximum_(maximumContentWidth)
+        : cache_(cache)
+        , style_(style)
+        , unit_(style.unit)
+        , maximum_(maximumContentWidth)
     {
     }
 
@@ -395,11 +397,11 @@ public:
         if (content.showsClock) {
             startTimeGroup();
             const QTime time = QDateTime::fromMSecsSinceEpoch(millisecondsOf(now)).time();
-            panel.elements.push_back(pair(
-                FontRole::caption, QStringLiteral("TIME"), kSmallLabelAlpha, kSmallLabelSpacing,
-                FontRole::monospaced,
-                QString::asprintf("%02d:%02d:%02d", time.hour(), time.minute(), time.second()),
-                kValueAlpha));
+            panel.elements.push_back(
+                pair(FontRole::caption, QStringLiteral("TIME"), kSmallLabelAlpha,
+                     kSmallLabelSpacing, FontRole::monospaced,
+                     QString::asprintf("%02d:%02d:%02d", time.hour(), time.minute(), time.second()),
+                     kValueAlpha));
         }
         if (content.showsDate) {
             startTimeGroup();
@@ -415,10 +417,10 @@ public:
             const double running = std::max(0.0, secondsBetween(*content.recordingStart, now));
             const QString line =
                 QStringLiteral("REC ") + hoursMinutesSeconds(static_cast<qint64>(running));
-            panel.elements.push_back(Panel::Record{
-                cache_.line(style_, FontRole::captionMonospaced, line, kValueAlpha, 0,
-                            maximum_ - kRecordTextOffset * unit_),
-                kRecordDot * unit_, kRecordTextOffset * unit_});
+            panel.elements.push_back(
+                Panel::Record{cache_.line(style_, FontRole::captionMonospaced, line, kValueAlpha, 0,
+                                          maximum_ - kRecordTextOffset * unit_),
+                              kRecordDot * unit_, kRecordTextOffset * unit_});
         }
         panel.measure(0, maximum_);
         return panel;
@@ -537,7 +539,8 @@ private:
                         double secondAlpha)
     {
         const double gap = kPairGap * unit_;
-        TextLine caption = cache_.line(style_, firstRole, first, firstAlpha, firstSpacing, maximum_);
+        TextLine caption =
+            cache_.line(style_, firstRole, first, firstAlpha, firstSpacing, maximum_);
         TextLine value = cache_.line(style_, secondRole, second, secondAlpha, 0,
                                      std::max(1.0, maximum_ - caption.width() - gap));
         return Panel::Pair{caption, value, gap};
@@ -571,7 +574,10 @@ OverlayRenderer::Style OverlayRenderer::Style::forUnit(double unit)
     return style;
 }
 
-OverlayRenderer::OverlayRenderer() : cache_(std::make_unique<Cache>()) {}
+OverlayRenderer::OverlayRenderer()
+    : cache_(std::make_unique<Cache>())
+{
+}
 
 OverlayRenderer::~OverlayRenderer() = default;
 
@@ -653,7 +659,8 @@ namespace {
 // untransformed onto a 32-bit image, else through the painter (the layout editor's canvas).
 class Surface {
 public:
-    explicit Surface(QPainter& painter) : painter_(painter)
+    explicit Surface(QPainter& painter)
+        : painter_(painter)
     {
         QPaintDevice* device = painter.device();
         if (device && device->devType() == QInternal::Image && painter.transform().isIdentity() &&
@@ -677,7 +684,8 @@ public:
                            QPoint(static_cast<int>(std::lround(rect.right())) - 1,
                                   static_cast<int>(std::lround(rect.bottom())) - 1));
         const int left = clipLeft ? static_cast<int>(std::lround(*clipLeft)) : pixels.left();
-        const int right = clipRight ? static_cast<int>(std::lround(*clipRight)) : pixels.right() + 1;
+        const int right =
+            clipRight ? static_cast<int>(std::lround(*clipRight)) : pixels.right() + 1;
         if (frame_) {
             FrameBlend::fillRoundedRect(*frame_, pixels, radius, color, left, right);
             return;
@@ -727,7 +735,8 @@ void drawRow(Surface& surface, Cache& cache, const Style& style, const OverlayPa
                                 FrameBlend::over(grey(0.85, complete ? 0.15 : 0.3), track),
                                 std::nullopt, cut);
     if (progress < 1)
-        surface.fillRoundedRect(row, radius, track, progress > 0 ? std::optional(cut) : std::nullopt);
+        surface.fillRoundedRect(row, radius, track,
+                                progress > 0 ? std::optional(cut) : std::nullopt);
     if (part.isRunning && !complete) {
         // Stroked on the row's edge and clipped to the row: half the line shows, inside.
         const double line = std::max(unit, 1.0) / 2;
@@ -739,8 +748,8 @@ void drawRow(Surface& surface, Cache& cache, const Style& style, const OverlayPa
     }
 
     const double inset = kRowInset * unit;
-    const TextLine status =
-        cache.line(style, FontRole::part, part.statusAt(now), complete ? kStatusDoneAlpha : kStatusAlpha);
+    const TextLine status = cache.line(style, FontRole::part, part.statusAt(now),
+                                       complete ? kStatusDoneAlpha : kStatusAlpha);
     const double statusLeft = row.right() - inset - status.width();
     auto baseline = [&](const TextLine& line) {
         return row.top() + (row.height() + line.ascent() - line.descent()) / 2;
@@ -752,8 +761,8 @@ void drawRow(Surface& surface, Cache& cache, const Style& style, const OverlayPa
     double labelRight = row.right() - kTagColumn * unit;
     if (!part.tag.isEmpty()) {
         const double tagColumn = (kTaggedColumn - kTagColumn) * unit;
-        const TextLine tag = cache.line(style, FontRole::partNumber, part.tag, textAlpha, 0,
-                                        row.width() / 3);
+        const TextLine tag =
+            cache.line(style, FontRole::partNumber, part.tag, textAlpha, 0, row.width() / 3);
         tag.draw(painter, QPointF(labelLeft, baseline(tag)));
         labelLeft += std::max(tagColumn, tag.width() + kTagToLabel * unit);
     }
@@ -795,7 +804,8 @@ void drawPanel(Surface& surface, Cache& cache, const Style& style, const Panel& 
         std::visit(
             Overloaded{
                 [&](const Panel::Text& text) {
-                    text.line.draw(painter, QPointF(startFor(text.line.width()), y + text.line.ascent()));
+                    text.line.draw(painter,
+                                   QPointF(startFor(text.line.width()), y + text.line.ascent()));
                 },
                 [&](const Panel::Pair& pair) {
                     const double ascent = std::max(pair.first.ascent(), pair.second.ascent());
@@ -808,10 +818,11 @@ void drawPanel(Surface& surface, Cache& cache, const Style& style, const Panel& 
                     const double x = startFor(Panel::width(record));
                     const double middle = y + record.line.height() / 2;
                     painter.setPen(Qt::NoPen);
-                    painter.setBrush(QColor(255, 59, 48));  // the system red
+                    painter.setBrush(QColor(255, 59, 48)); // the system red
                     painter.drawEllipse(QPointF(x + record.dotDiameter / 2, middle),
                                         record.dotDiameter / 2, record.dotDiameter / 2);
-                    record.line.draw(painter, QPointF(x + record.textOffset, y + record.line.ascent()));
+                    record.line.draw(painter,
+                                     QPointF(x + record.textOffset, y + record.line.ascent()));
                 },
                 [&](const Panel::Parts& parts) {
                     const double x = startFor(panel.contentWidth);

@@ -29,14 +29,14 @@ public:
     // The fonts for one frame size, every size a multiple of `unit`.
     struct Style {
         double unit = 1;
-        QFont caption;            // semibold, 14 units
-        QFont captionMonospaced;  // semibold, equal-width digits, 15 units
-        QFont value;              // semibold, equal-width digits, 44 units
-        QFont heading;            // semibold, 26 units
-        QFont monospaced;         // semibold, equal-width digits, 26 units
-        QFont detail;             // regular, 21 units
-        QFont part;               // regular, 18 units
-        QFont partNumber;         // semibold, equal-width digits, 18 units
+        QFont caption;           // semibold, 14 units
+        QFont captionMonospaced; // semibold, equal-width digits, 15 units
+        QFont value;             // semibold, equal-width digits, 44 units
+        QFont heading;           // semibold, 26 units
+        QFont monospaced;        // semibold, equal-width digits, 26 units
+        QFont detail;            // regular, 21 units
+        QFont part;              // regular, 18 units
+        QFont partNumber;        // semibold, equal-width digits, 18 units
 
         static Style forUnit(double unit);
     };
@@ -45,8 +45,8 @@ public:
     // fitted below it.
     struct Watermark {
         TextLine text;
-        QImage image;       // null when there is none to draw
-        QSizeF imageSize;   // the fitted size in pixels
+        QImage image;     // null when there is none to draw
+        QSizeF imageSize; // the fitted size in pixels
         double imageGap = 0;
         double opacity = 1;
         double shadowBlur = 0;
@@ -83,7 +83,7 @@ public:
     // the frame unless it is larger, in which case its bottom-left corner is on the frame's.
     static QRectF place(const WidgetPlacement& placement, QSizeF panel, QSizeF frame);
 
-    class Cache;  // what is kept between frames; opaque
+    class Cache; // what is kept between frames; opaque
 
 private:
     std::unique_ptr<Cache> cache_;

@@ -6,12 +6,10 @@ namespace orvane {
 
 namespace {
 
-template <class... Ts>
-struct Overloaded : Ts... {
+template <class... Ts> struct Overloaded : Ts... {
     using Ts::operator()...;
 };
-template <class... Ts>
-Overloaded(Ts...) -> Overloaded<Ts...>;
+template <class... Ts> Overloaded(Ts...) -> Overloaded<Ts...>;
 
 } // namespace
 
@@ -22,7 +20,7 @@ double Panel::width(const Element& element)
             [](const Text& text) { return text.line.width(); },
             [](const Pair& pair) { return pair.first.width() + pair.gap + pair.second.width(); },
             [](const Record& record) { return record.textOffset + record.line.width(); },
-            [](const Parts&) { return 0.0; },  // as wide as the content column
+            [](const Parts&) { return 0.0; }, // as wide as the content column
             [](const Gap&) { return 0.0; },
         },
         element);
@@ -30,23 +28,22 @@ double Panel::width(const Element& element)
 
 double Panel::height(const Element& element)
 {
-    return std::visit(
-        Overloaded{
-            [](const Text& text) { return text.line.height(); },
-            [](const Pair& pair) {
-                return std::max(pair.first.ascent(), pair.second.ascent()) +
-                       std::max(pair.first.descent(), pair.second.descent());
-            },
-            [](const Record& record) { return record.line.height(); },
-            [](const Parts& parts) {
-                const auto count = static_cast<double>(parts.parts.size());
-                if (count == 0)
-                    return 0.0;
-                return count * parts.rowHeight + (count - 1) * parts.rowSpacing;
-            },
-            [](const Gap& gap) { return gap.height; },
-        },
-        element);
+    return std::visit(Overloaded{
+                          [](const Text& text) { return text.line.height(); },
+                          [](const Pair& pair) {
+                              return std::max(pair.first.ascent(), pair.second.ascent()) +
+                                     std::max(pair.first.descent(), pair.second.descent());
+                          },
+                          [](const Record& record) { return record.line.height(); },
+                          [](const Parts& parts) {
+                              const auto count = static_cast<double>(parts.parts.size());
+                              if (count == 0)
+                                  return 0.0;
+                              return count * parts.rowHeight + (count - 1) * parts.rowSpacing;
+                          },
+                          [](const Gap& gap) { return gap.height; },
+                      },
+                      element);
 }
 
 void Panel::measure(double minimumContentWidth, double maximumContentWidth)

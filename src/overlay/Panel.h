@@ -27,7 +27,7 @@ struct Panel {
     struct Record {
         TextLine line;
         double dotDiameter = 0;
-        double textOffset = 0;  // from the dot's left edge to the text
+        double textOffset = 0; // from the dot's left edge to the text
     };
     // A stack of progress rows, each `rowHeight` high, `rowSpacing` apart.
     struct Parts {
@@ -42,23 +42,22 @@ struct Panel {
     using Element = std::variant<Text, Pair, Record, Parts, Gap>;
 
     enum class Alignment {
-        leading,   // every element starts at the left edge
-        trailing,  // every element ends at the right edge
+        leading,  // every element starts at the left edge
+        trailing, // every element ends at the right edge
     };
 
     std::vector<Element> elements;
     Alignment alignment = Alignment::leading;
-    QSizeF padding;           // between the background's edge and the content
-    double lineSpacing = 0;   // added between consecutive elements (not before a gap)
-    double contentWidth = 0;  // the content column; part rows are this wide
-    QSizeF size;              // outer size, padding included
+    QSizeF padding;          // between the background's edge and the content
+    double lineSpacing = 0;  // added between consecutive elements (not before a gap)
+    double contentWidth = 0; // the content column; part rows are this wide
+    QSizeF size;             // outer size, padding included
 
     static double width(const Element& element);
     static double height(const Element& element);
 
     // Sets contentWidth (the widest element, at least `minimumContentWidth`, but never more
-    // than `maximumContentWidth`) and
-    // size from the elements and padding.
+    // than `maximumContentWidth`) and size from the elements and padding.
     void measure(double minimumContentWidth, double maximumContentWidth);
 };
 

@@ -12,7 +12,8 @@ QImage noise(QSize size, QImage::Format format)
     QImage image(size, format);
     for (int y = 0; y < size.height(); ++y)
         for (int x = 0; x < size.width(); ++x)
-            image.setPixel(x, y, qRgb((x * 37 + y * 11) & 255, (x * 5 + y * 91) & 255, (x ^ y) & 255));
+            image.setPixel(x, y,
+                           qRgb((x * 37 + y * 11) & 255, (x * 5 + y * 91) & 255, (x ^ y) & 255));
     return image;
 }
 
@@ -23,8 +24,9 @@ int largestDifference(const QImage& a, const QImage& b)
         for (int x = 0; x < a.width(); ++x) {
             const QRgb p = a.pixel(x, y);
             const QRgb q = b.pixel(x, y);
-            largest = std::max({largest, std::abs(qRed(p) - qRed(q)), std::abs(qGreen(p) - qGreen(q)),
-                                std::abs(qBlue(p) - qBlue(q)), std::abs(qAlpha(p) - qAlpha(q))});
+            largest =
+                std::max({largest, std::abs(qRed(p) - qRed(q)), std::abs(qGreen(p) - qGreen(q)),
+                          std::abs(qBlue(p) - qBlue(q)), std::abs(qAlpha(p) - qAlpha(q))});
         }
     return largest;
 }
@@ -46,18 +48,31 @@ private slots:
         QTest::addColumn<int>("clipLeft");
         QTest::addColumn<int>("clipRight");
         const QColor panel = QColor::fromRgbF(0.04f, 0.04f, 0.04f, 0.7f);
-        QTest::newRow("panel") << QImage::Format_RGB32 << QRect(10, 8, 101, 57) << 12.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("odd width for the tail") << QImage::Format_RGB32 << QRect(3, 3, 7, 30) << 2.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("fractional radius") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 5.33 << QColor(255, 255, 255, 15) << INT_MIN << INT_MAX;
-        QTest::newRow("square corners") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 0.0 << QColor(200, 30, 40, 128) << INT_MIN << INT_MAX;
-        QTest::newRow("radius above half the height") << QImage::Format_RGB32 << QRect(4, 4, 80, 20) << 30.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("cut on the right") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0 << QColor(217, 217, 217, 77) << INT_MIN << 47;
-        QTest::newRow("cut inside the corner") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0 << QColor(217, 217, 217, 77) << INT_MIN << 8;
-        QTest::newRow("cut on the left") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0 << QColor(255, 255, 255, 15) << 47 << INT_MAX;
-        QTest::newRow("partly outside the frame") << QImage::Format_RGB32 << QRect(-20, 90, 80, 60) << 12.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("opaque") << QImage::Format_RGB32 << QRect(10, 10, 50, 50) << 10.0 << QColor(255, 59, 48) << INT_MIN << INT_MAX;
-        QTest::newRow("ARGB32") << QImage::Format_ARGB32 << QRect(10, 8, 101, 57) << 12.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("ARGB32 premultiplied") << QImage::Format_ARGB32_Premultiplied << QRect(10, 8, 101, 57) << 12.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("panel") << QImage::Format_RGB32 << QRect(10, 8, 101, 57) << 12.0 << panel
+                               << INT_MIN << INT_MAX;
+        QTest::newRow("odd width for the tail")
+            << QImage::Format_RGB32 << QRect(3, 3, 7, 30) << 2.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("fractional radius") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 5.33
+                                           << QColor(255, 255, 255, 15) << INT_MIN << INT_MAX;
+        QTest::newRow("square corners") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 0.0
+                                        << QColor(200, 30, 40, 128) << INT_MIN << INT_MAX;
+        QTest::newRow("radius above half the height")
+            << QImage::Format_RGB32 << QRect(4, 4, 80, 20) << 30.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("cut on the right") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0
+                                          << QColor(217, 217, 217, 77) << INT_MIN << 47;
+        QTest::newRow("cut inside the corner") << QImage::Format_RGB32 << QRect(4, 4, 100, 36)
+                                               << 8.0 << QColor(217, 217, 217, 77) << INT_MIN << 8;
+        QTest::newRow("cut on the left") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0
+                                         << QColor(255, 255, 255, 15) << 47 << INT_MAX;
+        QTest::newRow("partly outside the frame") << QImage::Format_RGB32 << QRect(-20, 90, 80, 60)
+                                                  << 12.0 << panel << INT_MIN << INT_MAX;
+        QTest::newRow("opaque") << QImage::Format_RGB32 << QRect(10, 10, 50, 50) << 10.0
+                                << QColor(255, 59, 48) << INT_MIN << INT_MAX;
+        QTest::newRow("ARGB32") << QImage::Format_ARGB32 << QRect(10, 8, 101, 57) << 12.0 << panel
+                                << INT_MIN << INT_MAX;
+        QTest::newRow("ARGB32 premultiplied")
+            << QImage::Format_ARGB32_Premultiplied << QRect(10, 8, 101, 57) << 12.0 << panel
+            << INT_MIN << INT_MAX;
     }
     void fillMatchesPainter()
     {

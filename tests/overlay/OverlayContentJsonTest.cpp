@@ -50,7 +50,8 @@ private slots:
         QVERIFY(content);
         QCOMPARE(*content->showName, QStringLiteral("Hamlet"));
         QCOMPARE(content->scale, 1.5);
-        QCOMPARE(content->layout.placement(OverlayWidget::status), (WidgetPlacement{0.1, 0.2, 0, 0}));
+        QCOMPARE(content->layout.placement(OverlayWidget::status),
+                 (WidgetPlacement{0.1, 0.2, 0, 0}));
         QCOMPARE(content->layout.placement(OverlayWidget::cues),
                  WidgetPlacement::defaultFor(OverlayWidget::cues));
         QCOMPARE(content->showTime->secondsAt(kNow), 3612.5);
@@ -77,10 +78,13 @@ private slots:
         QTest::newRow("parts not a list") << QByteArray(R"({"parts": {"id": "P1"}})");
         QTest::newRow("part not an object") << QByteArray(R"({"parts": ["P1"]})");
         QTest::newRow("fade of no length") << QByteArray(R"({"parts": [{"fade": {"fade": 0}}]})");
-        QTest::newRow("running elapsed as text") << QByteArray(R"({"qlabCues": [{"running": {"elapsed": "4"}}]})");
+        QTest::newRow("running elapsed as text")
+            << QByteArray(R"({"qlabCues": [{"running": {"elapsed": "4"}}]})");
         QTest::newRow("field value as number") << QByteArray(R"({"fields": [{"value": 30}]})");
-        QTest::newRow("unknown widget") << QByteArray(R"({"layout": {"placements": ["clock", {"x": 0, "y": 0, "anchorX": 0, "anchorY": 0}]}})");
-        QTest::newRow("missing watermark image") << QByteArray(R"({"watermarkImage": "no-such-logo.png"})");
+        QTest::newRow("unknown widget") << QByteArray(
+            R"({"layout": {"placements": ["clock", {"x": 0, "y": 0, "anchorX": 0, "anchorY": 0}]}})");
+        QTest::newRow("missing watermark image")
+            << QByteArray(R"({"watermarkImage": "no-such-logo.png"})");
         QTest::newRow("recording as text") << QByteArray(R"({"recordingSeconds": "90"})");
     }
     void rejected()
@@ -107,12 +111,15 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QSize>("size");
         QTest::newRow("sample at 1080p") << QStringList{"--sample"} << 0 << QSize(1920, 1080);
-        QTest::newRow("busy at 1280x1024") << QStringList{"--busy", "--size", "1280x1024"} << 0 << QSize(1280, 1024);
-        QTest::newRow("content file") << QStringList{"--content", "CONTENT", "--size", "640x360"} << 0 << QSize(640, 360);
+        QTest::newRow("busy at 1280x1024")
+            << QStringList{"--busy", "--size", "1280x1024"} << 0 << QSize(1280, 1024);
+        QTest::newRow("content file")
+            << QStringList{"--content", "CONTENT", "--size", "640x360"} << 0 << QSize(640, 360);
         QTest::newRow("bad size") << QStringList{"--size", "wide"} << 1 << QSize();
         QTest::newRow("two sources") << QStringList{"--sample", "--busy"} << 1 << QSize();
         QTest::newRow("bad time") << QStringList{"--time", "teatime"} << 1 << QSize();
-        QTest::newRow("missing content file") << QStringList{"--content", "/nonexistent.json"} << 1 << QSize();
+        QTest::newRow("missing content file")
+            << QStringList{"--content", "/nonexistent.json"} << 1 << QSize();
     }
     void pictureTool()
     {

@@ -74,8 +74,9 @@ private slots:
         QFETCH(double, unit);
         QVERIFY2(OverlayFont::isLoaded(), "the overlay's font files are installed");
         const auto style = OverlayRenderer::Style::forUnit(unit);
-        for (const QFont& font : {style.caption, style.captionMonospaced, style.value, style.heading,
-                                  style.monospaced, style.detail, style.part, style.partNumber}) {
+        for (const QFont& font :
+             {style.caption, style.captionMonospaced, style.value, style.heading, style.monospaced,
+              style.detail, style.part, style.partNumber}) {
             const QFontMetricsF metrics(font, &OverlayFont::measuringDevice());
             const double zero = metrics.horizontalAdvance(QLatin1Char('0'));
             QVERIFY(zero > 0);
@@ -113,19 +114,24 @@ private slots:
         OverlayContent content = busyShowOverlayContent(kNow);
         content.scale = scale;
         OverlayRenderer renderer;
-        const auto reference = renderer.arrange(busyShowOverlayContent(kNow), QSizeF(1920, 1080), kNow);
+        const auto reference =
+            renderer.arrange(busyShowOverlayContent(kNow), QSizeF(1920, 1080), kNow);
         const auto arranged = renderer.arrange(content, QSizeF(size), kNow);
         QCOMPARE(arranged.size(), reference.size());
         for (size_t i = 0; i < arranged.size(); ++i) {
             QCOMPARE(arranged[i].style.unit, unit);
             const QSizeF expected = reference[i].frame.size() * unit;
             const QSizeF got = arranged[i].frame.size();
-            auto close = [](double a, double b) { return std::abs(a - b) <= std::max(1.5, b * 0.04); };
+            auto close = [](double a, double b) {
+                return std::abs(a - b) <= std::max(1.5, b * 0.04);
+            };
             QVERIFY2(close(got.width(), expected.width()) && close(got.height(), expected.height()),
                      qPrintable(QStringLiteral("%1: %2x%3, expected %4x%5")
                                     .arg(rawValue(arranged[i].widget))
-                                    .arg(got.width()).arg(got.height())
-                                    .arg(expected.width()).arg(expected.height())));
+                                    .arg(got.width())
+                                    .arg(got.height())
+                                    .arg(expected.width())
+                                    .arg(expected.height())));
         }
     }
 
@@ -133,7 +139,8 @@ private slots:
     void defaultPlacements_data()
     {
         QTest::addColumn<QSize>("size");
-        for (QSize size : {QSize(1920, 1080), QSize(3840, 2160), QSize(1280, 1024), QSize(1280, 720)})
+        for (QSize size :
+             {QSize(1920, 1080), QSize(3840, 2160), QSize(1280, 1024), QSize(1280, 720)})
             QTest::newRow(qPrintable(sizeName(size))) << size;
     }
     void defaultPlacements()
@@ -180,16 +187,25 @@ private slots:
     void placement_data()
     {
         QTest::addColumn<WidgetPlacement>("placement");
-        QTest::addColumn<QRectF>("frame");  // for a 200 x 100 panel in 1000 x 500, Qt's origin
-        QTest::newRow("centre") << WidgetPlacement{0.5, 0.5, 0.5, 0.5} << QRectF(400, 200, 200, 100);
-        QTest::newRow("bottom-left corner") << WidgetPlacement{0, 0, 0, 0} << QRectF(0, 400, 200, 100);
-        QTest::newRow("top-right corner") << WidgetPlacement{1, 1, 1, 1} << QRectF(800, 0, 200, 100);
-        QTest::newRow("y counts upward") << WidgetPlacement{0.2, 0.8, 0, 0} << QRectF(200, 0, 200, 100);
-        QTest::newRow("right of the frame clamps to its edge") << WidgetPlacement{1, 0.5, 0, 0.5} << QRectF(800, 200, 200, 100);
-        QTest::newRow("left of the frame clamps to its edge") << WidgetPlacement{0, 0.5, 1, 0.5} << QRectF(0, 200, 200, 100);
-        QTest::newRow("above the frame clamps to the top") << WidgetPlacement{0.5, 1, 0.5, 0} << QRectF(400, 0, 200, 100);
-        QTest::newRow("below the frame clamps to the bottom") << WidgetPlacement{0.5, 0, 0.5, 1} << QRectF(400, 400, 200, 100);
-        QTest::newRow("far outside clamps to the corner") << WidgetPlacement{3, -2, 0.5, 0.5} << QRectF(800, 400, 200, 100);
+        QTest::addColumn<QRectF>("frame"); // for a 200 x 100 panel in 1000 x 500, Qt's origin
+        QTest::newRow("centre") << WidgetPlacement{0.5, 0.5, 0.5, 0.5}
+                                << QRectF(400, 200, 200, 100);
+        QTest::newRow("bottom-left corner")
+            << WidgetPlacement{0, 0, 0, 0} << QRectF(0, 400, 200, 100);
+        QTest::newRow("top-right corner")
+            << WidgetPlacement{1, 1, 1, 1} << QRectF(800, 0, 200, 100);
+        QTest::newRow("y counts upward")
+            << WidgetPlacement{0.2, 0.8, 0, 0} << QRectF(200, 0, 200, 100);
+        QTest::newRow("right of the frame clamps to its edge")
+            << WidgetPlacement{1, 0.5, 0, 0.5} << QRectF(800, 200, 200, 100);
+        QTest::newRow("left of the frame clamps to its edge")
+            << WidgetPlacement{0, 0.5, 1, 0.5} << QRectF(0, 200, 200, 100);
+        QTest::newRow("above the frame clamps to the top")
+            << WidgetPlacement{0.5, 1, 0.5, 0} << QRectF(400, 0, 200, 100);
+        QTest::newRow("below the frame clamps to the bottom")
+            << WidgetPlacement{0.5, 0, 0.5, 1} << QRectF(400, 400, 200, 100);
+        QTest::newRow("far outside clamps to the corner")
+            << WidgetPlacement{3, -2, 0.5, 0.5} << QRectF(800, 400, 200, 100);
     }
     void placement()
     {
@@ -297,7 +313,7 @@ private slots:
         QFETCH(QImage::Format, format);
         const int width = 1280;
         const int height = 720;
-        const qsizetype stride = width * 4 + 64;  // padded rows, as capture buffers may have
+        const qsizetype stride = width * 4 + 64; // padded rows, as capture buffers may have
         std::vector<uchar> memory(static_cast<size_t>(stride) * height, 0x20);
         const std::vector<uchar> before = memory;
         QImage frame(memory.data(), width, height, stride, format);
@@ -319,7 +335,8 @@ private slots:
         // The status panel darkens the bottom-right corner; the middle stays as it was.
         const QRgb corner = frame.pixel(width - 30, height - 30);
         QVERIFY(qGray(corner) < 0x20);
-        QCOMPARE(frame.pixel(width / 2, height / 2), QImage(before.data(), width, height, stride, format).pixel(width / 2, height / 2));
+        QCOMPARE(frame.pixel(width / 2, height / 2),
+                 QImage(before.data(), width, height, stride, format).pixel(width / 2, height / 2));
     }
 
     // Reference pictures of the sample and of a busy show, compared with a small tolerance
@@ -342,7 +359,8 @@ private slots:
         QFETCH(QString, name);
         QFETCH(bool, busy);
         QFETCH(QSize, size);
-        const OverlayContent content = busy ? busyShowOverlayContent(kNow) : sampleOverlayContent(kNow);
+        const OverlayContent content =
+            busy ? busyShowOverlayContent(kNow) : sampleOverlayContent(kNow);
         const QImage picture = OverlayPicture::render(content, size, kNow);
         const QString path = QStringLiteral(ORVANE_TEST_DATA "/expected/") + name;
         if (qEnvironmentVariableIntValue("ORVANE_REBASELINE") == 1) {
@@ -350,16 +368,20 @@ private slots:
             return;
         }
         QImage expected(path);
-        QVERIFY2(!expected.isNull(), qPrintable("missing " + path + "; run with ORVANE_REBASELINE=1"));
+        QVERIFY2(!expected.isNull(),
+                 qPrintable("missing " + path + "; run with ORVANE_REBASELINE=1"));
         expected = expected.convertToFormat(QImage::Format_RGB32);
         QCOMPARE(expected.size(), picture.size());
         const qsizetype differing = differingPixels(picture, expected, 24);
-        const qsizetype allowed = qsizetype(size.width()) * size.height() / 2000;  // 0.05 %
+        const qsizetype allowed = qsizetype(size.width()) * size.height() / 2000; // 0.05 %
         if (differing > allowed) {
             const QString actual = QStringLiteral(ORVANE_BINARY_DIR "/overlay-actual-") + name;
             picture.save(actual, "PNG");
             QFAIL(qPrintable(QStringLiteral("%1 pixels differ from %2 (at most %3); got %4")
-                                 .arg(differing).arg(path).arg(allowed).arg(actual)));
+                                 .arg(differing)
+                                 .arg(path)
+                                 .arg(allowed)
+                                 .arg(actual)));
         }
     }
 

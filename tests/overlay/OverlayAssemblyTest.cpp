@@ -1,0 +1,268 @@
+#include "overlay/OverlayAssembly.h"
+
+#include <QTest>
+
+Q_DECLARE_METATYPE(orvane::OverlaySources)
+Q_DECLARE_METATYPE(orvane::OverlayContent)
+
+using namespace orvane;
+
+namespace {
+
+const WallTime t0 = WallTime(std::chrono::seconds(1'795'464'907));
+
+EosCue cue(const char* list, const char* number, const char* label, std::optional<int> percent)
+{
+    EosCue made;
+    made.list = QString::fromLatin1(list);
+    made.number = QString::fromLatin1(number);
+    made.label = QString::fromLatin1(label);
+    made.percent = percent;
+    return made;
+}
+
+EosCuePart part(const char* number, const char* label, int percent, std::optional<FadeClock> clock)
+{
+    EosCuePart made;
+    made.number = QString::fromLatin1(number);
+    made.label = QString::fromLatin1(label);
+    made.percent = percent;
+    made.sampledAt = t0;
+    made.hasText = true;
+    made.clock = clock;
+    return made;
+}
+
+FadeClock fade(double seconds)
+{
+    FadeClock clock;
+    clock.fade = seconds;
+    clock.startedAt = t0;
+    clock.advancedAt = t0;
+    return clock;
+}
+
+QLabCue qlabCue(const char* id, const char* number, const char* name, std::optional<double> elapsed,
+                std::optional<double> duration, std::optional<WallTime> sampledAt,
+                std::optional<WallTime> startedAt, bool paused = false)
+{
+    QLabCue made;
+    made.id = QString::fromLatin1(id);
+    made.number = QString::fromLatin1(number);
+    made.name = QString::fromLatin1(name);
+    made.type = QStringLiteral("Audio");
+    made.actionElapsed = elapsed;
+    made.duration = duration;
+    made.sampledAt = sampledAt;
+    made.startedAt = startedAt;
+    made.isPaused = paused;
+    return made;
+}
+
+OverlayPart row(const char* id, const char* tag, const char* label, double progress,
+                std::optional<FadeClock> clock, std::optional<RunningTime> running, bool isRunning)
+{
+    return OverlayPart{QString::fromLatin1(id),
+                       QString::fromLatin1(tag),
+                       QString::fromLatin1(label),
+                       progress,
+                       clock,
+                       running,
+                       isRunning};
+}
+
+// A show in full swing: settings at their defaults, a cue with two parts, a pending cue,
+// a field and a connected QLab with a timecode cue and one running cue.
+OverlaySources busySources()
+{
+    OverlaySources sources;
+    sources.look.showsShowName = true;
+    sources.look.watermarkText = QStringLiteral("Rehearsal");
+    sources.gatheredAt = t0;
+    sources.showName = QStringLiteral("Hamlet");
+    sources.activeCue = cue("1", "14", "Ghost", 40);
+    sources.pendingCue = cue("1", "15", "Battlements", std::nullopt);
+    sources.isHearingEos = true;
+    sources.activeParts = {part("1", "Intensity", 100, fade(3)), part("2", "Colour", 40, fade(8))};
+    sources.runningPart = QStringLiteral("2");
+    sources.fields = {ShowField{"/tavrin/field/Scene", "Scene", "1.4", t0}};
+    sources.isQLabConnected = true;
+    sources.qlabShowTime = ShowTime{3600, 10, t0, false, 25};
+    sources.qlabRunningCues = {qlabCue("A1", "12", "Wind", 4.0, 30.0, t0, std::nullopt)};
+    return sources;
+}
+
+OverlayContent busyContent()
+{
+    OverlayContent content;
+    content.watermarkText = QStringLiteral("Rehearsal");
+    content.showTime = ShowTime{3600, 10, t0, false, 25};
+    content.showName = QStringLiteral("Hamlet");
+    content.cue = OverlayCue{"1/14", "Ghost"};
+    content.nextCue = OverlayCue{"1/15", "Battlements"};
+    content.parts = {row("P1", "P1", "Intensity", 1.0, fade(3), std::nullopt, false),
+                     row("P2", "P2", "Colour", 0.4, fade(8), std::nullopt, true)};
+    content.fields = {OverlayItem{"Scene", "1.4", ""}};
+    content.qlabCues = {
+        row("A1", "12", "Wind", 0, std::nullopt, RunningTime{4, t0, 30.0, false}, false)};
+    return content;
+}
+
+} // namespace
+
+// What the overlay shows for what the settings, the show data, QLab and the demo say.
+class OverlayAssemblyTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void assembles_data()
+    {
+        QTest::addColumn<OverlaySources>("sources");
+        QTest::addColumn<OverlayContent>("expected");
+
+        QTest::newRow("nothing known") << OverlaySources() << OverlayContent();
+        QTest::newRow("busy show") << busySources() << busyContent();
+
+        {
+            OverlaySources sources = busySources();
+            sources.look.scale = 1.5;
+            sources.look.opacity = 0.4;
+            sources.look.showsClock = false;
+            sources.look.showsDate = true;
+            sources.look.showsTimecode = false;
+            sources.look.watermarkOpacity = 0.2;
+            sources.look.layout.setPlacement(OverlayWidget::qlab, {0.5, 0.1, 0.5, 0});
+            sources.isEnabled = false;
+            sources.cameraLabel = QStringLiteral("Wide");
+            sources.recordingStart = t0;
+            sources.watermarkImage = QImage(4, 2, QImage::Format_ARGB32);
+            OverlayContent expected = busyContent();
+            expected.scale = 1.5;
+            expected.opacity = 0.4;
+            expected.showsClock = false;
+            expected.showsDate = true;
+            expected.showsTimecode = false; // the show time stays; the renderer applies it
+            expected.watermarkOpacity = 0.2;
+            expected.layout = sources.look.layout;
+            expected.isEnabled = false;
+            expected.cameraLabel = QStringLiteral("Wide");
+            expected.recordingStart = t0;
+            expected.watermarkImage = sources.watermarkImage;
+            QTest::newRow("settings and model values copied") << sources << expected;
+        }
+        {
+            OverlaySources sources = busySources();
+            sources.look.showsShowName = false;
+            sources.look.showsCue = false;
+            sources.look.showsNextCue = false;
+            sources.look.showsFields = false;
+            sources.look.showsQLabCues = false;
+            OverlayContent expected = busyContent();
+            expected.showName.reset();
+            expected.cue.reset();
+            expected.parts.clear();
+            expected.nextCue.reset();
+            expected.fields.clear();
+            expected.qlabCues.clear();
+            QTest::newRow("every show switch off") << sources << expected;
+        }
+        {
+            OverlaySources sources = busySources();
+            sources.showName = QString();
+            OverlayContent expected = busyContent();
+            expected.showName.reset();
+            QTest::newRow("empty show name is absent") << sources << expected;
+        }
+        {
+            OverlaySources sources;
+            sources.isHearingEos = true;
+            sources.pendingCue = cue("", "5", "", std::nullopt);
+            OverlayContent expected;
+            expected.cue = OverlayCue{QStringLiteral("\u2014"), QString()};
+            expected.nextCue = OverlayCue{"5", ""};
+            QTest::newRow("console heard, no cue yet") << sources << expected;
+        }
+        {
+            OverlaySources sources;
+            sources.activeCue = cue("2", "7", "Blackout", std::nullopt);
+            sources.activeCueClock = fade(5);
+            OverlayContent expected;
+            expected.cue = OverlayCue{"2/7", "Blackout"};
+            expected.parts = {row("cue", "", "Blackout", 1.0, fade(5), std::nullopt, true)};
+            QTest::newRow("cue without parts and no percentage") << sources << expected;
+        }
+        {
+            OverlaySources sources;
+            sources.activeCue = cue("2", "7", "Blackout", 35);
+            OverlayContent expected;
+            expected.cue = OverlayCue{"2/7", "Blackout"};
+            expected.parts = {row("cue", "", "Blackout", 0.35, std::nullopt, std::nullopt, true)};
+            QTest::newRow("cue without parts at 35 %") << sources << expected;
+        }
+        {
+            OverlaySources sources = busySources();
+            sources.isQLabConnected = false;
+            OverlayContent expected = busyContent();
+            expected.qlabCues.clear();
+            expected.showTime.reset();
+            QTest::newRow("QLab not connected: no cues, no timecode") << sources << expected;
+        }
+        {
+            OverlaySources sources = busySources();
+            sources.demoShowTime = ShowTime{0, 42, t0, true, 30};
+            OverlayContent expected = busyContent();
+            expected.showTime = ShowTime{0, 42, t0, true, 30};
+            QTest::newRow("demo show time wins over QLab") << sources << expected;
+        }
+        {
+            OverlaySources sources = busySources();
+            const WallTime started = addSeconds(t0, -3);
+            sources.qlabRunningCues = {
+                qlabCue("B", "", "Rain", std::nullopt, std::nullopt, std::nullopt, started),
+                qlabCue("C", "3", "Video", 2.0, 60.0, t0, started, true),
+                qlabCue("D", "4", "Silent", std::nullopt, 10.0, std::nullopt, std::nullopt),
+            };
+            OverlayContent expected = busyContent();
+            expected.qlabCues = {
+                row("B", "", "Rain", 0, std::nullopt, RunningTime{0, started, std::nullopt, false},
+                    false),
+                row("C", "3", "Video", 0, std::nullopt, RunningTime{2, t0, 60.0, true}, false),
+                row("D", "4", "Silent", 0, std::nullopt, RunningTime{0, t0, 10.0, false}, false),
+            };
+            QTest::newRow("QLab cue times: start time, paused, gathered") << sources << expected;
+        }
+    }
+
+    void assembles()
+    {
+        QFETCH(OverlaySources, sources);
+        QFETCH(OverlayContent, expected);
+        const OverlayContent content = assembleOverlayContent(sources);
+        // Field by field first, so a failure says what differs.
+        QCOMPARE(content.showName, expected.showName);
+        QCOMPARE(content.cue, expected.cue);
+        QCOMPARE(content.nextCue, expected.nextCue);
+        QCOMPARE(content.parts.size(), expected.parts.size());
+        for (size_t i = 0; i < content.parts.size(); ++i)
+            QVERIFY2(content.parts[i] == expected.parts[i], qPrintable(content.parts[i].id));
+        QCOMPARE(content.qlabCues.size(), expected.qlabCues.size());
+        for (size_t i = 0; i < content.qlabCues.size(); ++i)
+            QVERIFY2(content.qlabCues[i] == expected.qlabCues[i],
+                     qPrintable(content.qlabCues[i].id));
+        QCOMPARE(content.fields, expected.fields);
+        QVERIFY(content.showTime == expected.showTime);
+        QVERIFY(content == expected);
+    }
+
+    // The content changes only when a source does: the model publishes on change.
+    void equalSourcesGiveEqualContent()
+    {
+        QVERIFY(assembleOverlayContent(busySources()) == assembleOverlayContent(busySources()));
+        OverlaySources moved = busySources();
+        moved.activeParts[1].percent = 41;
+        QVERIFY(!(assembleOverlayContent(moved) == assembleOverlayContent(busySources())));
+    }
+};
+
+QTEST_GUILESS_MAIN(OverlayAssemblyTest)
+#include "OverlayAssemblyTest.moc"

@@ -35,6 +35,11 @@ public:
     // Brings the feed in line with `feed`; `isAuthorized`: camera access is granted.
     void apply(const Feed& feed, bool isAuthorized);
 
+    void setOverlay(const OverlayContent& content, const QString& label)
+    {
+        engine_.setOverlay(content, label);
+    }
+
     void startRecording(const QString& path, MovieCodec codec);
     void stopRecording(std::function<void(Recorder::Outcome)> done);
     // Stops the camera for good (the extra camera was removed).

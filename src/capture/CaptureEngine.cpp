@@ -145,6 +145,20 @@ void CaptureEngine::setGain(float gain)
     pipeline_->setGain(gain);
 }
 
+void CaptureEngine::setOverlay(const OverlayContent& content, const QString& label)
+{
+    assertOnOwnThread(this);
+    auto labelled = std::make_shared<OverlayContent>(content);
+    labelled->cameraLabel = label;
+    pipeline_->setOverlay(std::move(labelled));
+}
+
+void CaptureEngine::clearOverlay()
+{
+    assertOnOwnThread(this);
+    pipeline_->setOverlay(nullptr);
+}
+
 void CaptureEngine::addSink(std::shared_ptr<FrameSink> sink)
 {
     pipeline_->addSink(std::move(sink));

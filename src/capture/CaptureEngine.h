@@ -5,6 +5,7 @@
 #include "capture/CaptureStats.h"
 #include "capture/MovieCodec.h"
 #include "capture/Recorder.h"
+#include "overlay/OverlayContent.h"
 
 #include <QObject>
 #include <QSize>
@@ -57,6 +58,10 @@ public:
     void setMirrored(bool mirrored);
     float gain() const { return gain_; }
     void setGain(float gain);
+
+    // What the overlay shows on this camera's frames, under this camera's own label.
+    void setOverlay(const OverlayContent& content, const QString& label);
+    void clearOverlay();
 
     void addSink(std::shared_ptr<FrameSink> sink);
     void removeSink(const FrameSink* sink);

@@ -6,6 +6,9 @@
 #include "capture/FrameSink.h"
 #include "capture/Recorder.h"
 #include "capture/VideoSource.h"
+#include "overlay/OverlayRenderer.h"
+
+#include <QImage>
 
 #include <algorithm>
 #include <cmath>
@@ -84,7 +87,13 @@ std::shared_ptr<const Frame> CapturePipeline::captureFrame(VideoSource& source)
     frame->frameDuration = source.frameDuration();
     if (mirrored_)
         mirror(*frame);
-    // The overlay is drawn here, into the frame's own pixels, at the moment of capture.
+    if (const auto content = overlay_.get()) {
+        // Drawn into the frame's own pixels; its clock shows the moment of capture.
+        if (!renderer_)
+            renderer_ = std::make_unique<OverlayRenderer>();
+        QImage image = frame->image();
+        renderer_->draw(*content, image, frame->wallCapturedAt);
+    }
 
     frameTimes_.push_back(now);
     while (!frameTimes_.empty() && secondsBetween(frameTimes_.front(), now) > 1.0)

@@ -3,6 +3,7 @@
 #include "base/Clock.h"
 #include "base/Latest.h"
 #include "capture/CaptureStats.h"
+#include "overlay/OverlayContent.h"
 
 #include <atomic>
 #include <deque>
@@ -15,6 +16,7 @@ namespace orvane {
 
 class AudioSource;
 class FramePool;
+class OverlayRenderer;
 class FrameSink;
 class Recorder;
 class VideoSource;
@@ -39,6 +41,12 @@ public:
     std::shared_ptr<const Frame> captureFrame(VideoSource& source);
     // Applies the gain to `buffer` in place, measures it and records it.
     void captureAudio(AudioBuffer& buffer);
+
+    // What the overlay shows from the next frame on; none draws nothing.
+    void setOverlay(std::shared_ptr<const OverlayContent> content)
+    {
+        overlay_.publish(std::move(content));
+    }
 
     void setMirrored(bool mirrored) { mirrored_ = mirrored; }
     bool isMirrored() const { return mirrored_; }
@@ -69,6 +77,8 @@ private:
 
     Clock& clock_;
     std::unique_ptr<FramePool> pool_;
+    Latest<OverlayContent> overlay_;
+    std::unique_ptr<OverlayRenderer> renderer_; // made on the first frame with an overlay
     std::atomic<bool> mirrored_{false};
     std::atomic<float> gain_{1.0f};
     std::deque<Instant> frameTimes_;

@@ -21,6 +21,8 @@ extern "C" {
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace orvane {
 
@@ -32,6 +34,18 @@ constexpr int kAudioBitRate = 256000;
 // ProRes 422 Proxy at a fixed quantiser: close to the proxy data rate, and about seven times
 // cheaper than the encoder's own rate control, which cannot keep up on two cores.
 constexpr int kProResQuantiser = 8;
+
+// Makes what was written to `path` so far survive a power cut; with `folder`, its name too.
+void syncToDisk(const QByteArray& path, bool folder)
+{
+    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ::fsync(fd);
+    ::close(fd);
+    if (folder)
+        syncToDisk(QFile::encodeName(QFileInfo(QFile::decodeName(path)).absolutePath()), false);
+}
 
 QString describe(int averror)
 {
@@ -192,9 +206,12 @@ struct MovieWriter::State {
     std::int64_t samplesWritten = 0;
     int pendingSamples = 0; // samples waiting in `sound` for a whole encoder frame
     bool headerWritten = false;
+    int syncFile = -1; // the movie, for making each fragment durable
 
     ~State()
     {
+        if (syncFile >= 0)
+            ::close(syncFile);
         sws_freeContext(scaler);
         if (format) {
             avio_closep(&format->pb);
@@ -203,7 +220,8 @@ struct MovieWriter::State {
     }
 
     // Writes every packet the encoder has ready. A key frame of the video starts a fragment,
-    // which sends the previous one to the file; it is flushed out of our buffers at once.
+    // which sends the previous one to the file; it is flushed out of our buffers at once and
+    // onto the disk, so that a power cut loses at most the fragment being made.
     int drain(AVCodecContext* encoder, AVStream* stream)
     {
         for (;;) {
@@ -219,8 +237,11 @@ struct MovieWriter::State {
             av_packet_unref(packet.get());
             if (result < 0)
                 return result;
-            if (keyVideo)
+            if (keyVideo) {
                 avio_flush(format->pb);
+                if (syncFile >= 0)
+                    ::fdatasync(syncFile);
+            }
         }
     }
 };
@@ -317,6 +338,8 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Vide
         return nullptr;
     }
     state->headerWritten = true;
+    syncToDisk(file, true);
+    state->syncFile = ::open(file.constData(), O_RDONLY | O_CLOEXEC);
     return std::unique_ptr<MovieWriter>(new MovieWriter(std::move(state)));
 }
 
@@ -417,12 +440,14 @@ bool MovieWriter::finish()
                              "fragmented", qPrintable(s.path), qPrintable(describe(result)));
         return true;
     }
+    syncToDisk(QFile::encodeName(ordinary), false);
     if (std::rename(QFile::encodeName(ordinary).constData(),
                     QFile::encodeName(s.path).constData()) != 0) {
         QFile::remove(ordinary);
         qCWarning(lcCapture, "recorder: could not replace %s: %s", qPrintable(s.path),
                   std::strerror(errno));
     }
+    syncToDisk(QFile::encodeName(s.path), true);
     return true;
 }
 

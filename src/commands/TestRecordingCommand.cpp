@@ -6,6 +6,7 @@
 #include "capture/CaptureEngine.h"
 #include "capture/TestPatternSource.h"
 #include "capture/ToneSource.h"
+#include "overlay/OverlayContent.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -36,7 +37,8 @@ int run(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Records the built-in test pattern for a few seconds into the recordings folder."));
+        "Records the built-in test pattern with a busy show's overlay for a few seconds into "
+        "the recordings folder."));
     parser.addHelpOption();
     const QCommandLineOption seconds(QStringLiteral("seconds"),
                                      QStringLiteral("How long to record (default 10)."),
@@ -97,6 +99,10 @@ int run(const QStringList& arguments)
 
     CaptureEngine engine;
     engine.setTestPatternFormat(format);
+    // A busy moment of a show, with the recording light on from now.
+    OverlayContent overlay = busyShowOverlayContent(Clock::system().wallNow());
+    overlay.recordingStart = Clock::system().wallNow();
+    engine.setOverlay(overlay, QStringLiteral("Test Pattern"));
     int exitCode = 0;
     QTimer stopTimer;
     stopTimer.setSingleShot(true);

@@ -7,6 +7,7 @@
 #include "capture/Frame.h"
 #include "capture/TestPatternSource.h"
 #include "capture/ToneSource.h"
+#include "overlay/OverlayRenderer.h"
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -21,10 +22,12 @@ namespace {
 // Steps a test pattern camera (and a tone, when sound is recorded) through the capture
 // pipeline into `recorder` for `frames` pictures, as the capture thread would, but without
 // letting the recorder fall behind.
-void record(Recorder& recorder, int width, int height, double fps, int frames, bool sound)
+void record(Recorder& recorder, int width, int height, double fps, int frames, bool sound,
+            std::shared_ptr<const OverlayContent> overlay = nullptr)
 {
     ManualClock clock;
     CapturePipeline pipeline(clock);
+    pipeline.setOverlay(std::move(overlay));
     TestPatternSource camera(clock, width, height, fps, TestPatternSource::Pacing::stepped);
     ToneSource tone(clock);
     AudioBuffer buffer;
@@ -47,6 +50,7 @@ class RecorderTest : public QObject {
 private Q_SLOTS:
     void writesTheChosenCodecAtTheFirstFramesSize_data();
     void writesTheChosenCodecAtTheFirstFramesSize();
+    void theOverlayIsBurnedIn();
     void aRecordingWithoutFramesLeavesNoFile();
     void aMovieThatCannotBeCreatedFailsWithTheWritersMessage();
     void aFullQueueDropsFramesWithoutWaiting();
@@ -123,6 +127,67 @@ void RecorderTest::writesTheChosenCodecAtTheFirstFramesSize()
              QStringList{QStringLiteral("Camera 1.mov")});
 }
 
+void RecorderTest::theOverlayIsBurnedIn()
+{
+    constexpr int kWidth = 640;
+    constexpr int kHeight = 360;
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
+    ManualClock clock;
+    const auto content = std::make_shared<const OverlayContent>(
+        busyShowOverlayContent(clock.wallNow()));
+    Recorder recorder(path, MovieCodec::h264, false);
+    record(recorder, kWidth, kHeight, 30, 12, false, content);
+    QVERIFY(recorder.finishAndWait().movie);
+
+    // The bare picture of the same frame, as the camera gave it.
+    std::vector<std::uint8_t> bare(std::size_t(kWidth) * kHeight * 4);
+    Frame frame;
+    frame.pixels = bare.data();
+    frame.width = kWidth;
+    frame.height = kHeight;
+    frame.bytesPerLine = kWidth * 4;
+    TestPatternSource(clock, kWidth, kHeight, 30).paint(frame, 10);
+    const QByteArray decoded = decodePicture(path, 10, kWidth, kHeight);
+    QVERIFY(!decoded.isEmpty());
+
+    const auto arranged = OverlayRenderer().arrange(*content, QSizeF(kWidth, kHeight),
+                                                    clock.wallNow());
+    QVERIFY(arranged.size() >= 3);
+    auto difference = [&](int x, int y) {
+        const std::size_t at = (std::size_t(y) * kWidth + std::size_t(x)) * 4;
+        int sum = 0;
+        for (int c = 0; c < 3; ++c)
+            sum += std::abs(int(std::uint8_t(decoded[qsizetype(at) + c])) - int(bare[at + c]));
+        return sum / 3.0;
+    };
+    for (const auto& item : arranged) {
+        const QRect panel = item.frame.toAlignedRect() & QRect(0, 0, kWidth, kHeight);
+        double total = 0;
+        for (int y = panel.top(); y <= panel.bottom(); ++y)
+            for (int x = panel.left(); x <= panel.right(); ++x)
+                total += difference(x, y);
+        const double mean = total / (double(panel.width()) * panel.height());
+        QVERIFY2(mean > 12, qPrintable(QStringLiteral("panel at %1,%2: %3")
+                                           .arg(panel.x()).arg(panel.y()).arg(mean)));
+    }
+    // Away from the panels the picture is the camera's, give or take the codec.
+    double total = 0;
+    int counted = 0;
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const bool covered = std::any_of(arranged.begin(), arranged.end(), [&](const auto& a) {
+                return a.frame.adjusted(-12, -12, 12, 12).contains(QPointF(x, y));
+            });
+            if (covered)
+                continue;
+            total += difference(x, y);
+            ++counted;
+        }
+    QVERIFY(counted > kWidth * kHeight / 4);
+    QVERIFY2(total / counted < 6, qPrintable(QString::number(total / counted)));
+}
+
 void RecorderTest::aRecordingWithoutFramesLeavesNoFile()
 {
     QTemporaryDir folder;
@@ -183,5 +248,5 @@ void RecorderTest::aFullQueueDropsFramesWithoutWaiting()
     QCOMPARE(movie->stream(QStringLiteral("video"))->frameCount, recorder.writtenFrames());
 }
 
-QTEST_GUILESS_MAIN(RecorderTest)
+QTEST_MAIN(RecorderTest)
 #include "RecorderTest.moc"

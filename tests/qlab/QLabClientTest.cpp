@@ -404,6 +404,8 @@ void QLabClientTest::leavesWhenTheSettingsChange()
                               kWaitMs);
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::connected, kWaitMs);
     QCOMPARE(qlab_->connectionCount(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspace/W2/runningOrPausedCues/shallow"), 1,
+                              kWaitMs);
     // The old poll stopped with the old workspace.
     qlab_->clearRequests();
     clock_->advance(5);

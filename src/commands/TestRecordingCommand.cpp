@@ -6,7 +6,10 @@
 #include "capture/CaptureEngine.h"
 #include "capture/TestPatternSource.h"
 #include "capture/ToneSource.h"
+#include "overlay/OverlayAssembly.h"
 #include "overlay/OverlayContent.h"
+#include "show/DemoShow.h"
+#include "show/ShowData.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -37,7 +40,7 @@ int run(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Records the built-in test pattern with a busy show's overlay for a few seconds into "
+        "Records the built-in test pattern with the demo show's overlay for a few seconds into "
         "the recordings folder."));
     parser.addHelpOption();
     const QCommandLineOption seconds(QStringLiteral("seconds"),
@@ -99,10 +102,35 @@ int run(const QStringList& arguments)
 
     CaptureEngine engine;
     engine.setTestPatternFormat(format);
-    // A busy moment of a show, with the recording light on from now.
-    OverlayContent overlay = busyShowOverlayContent(Clock::system().wallNow());
-    overlay.recordingStart = Clock::system().wallNow();
-    engine.setOverlay(overlay, QStringLiteral("Test Pattern"));
+
+    // The demo show plays through the show data, and every change of either becomes a new
+    // overlay content, as in the application: cues, fades, fields, timecode and REC.
+    ShowData show;
+    DemoShow demo(show);
+    OverlaySources sources;
+    sources.cameraLabel = QStringLiteral("Test Pattern");
+    sources.recordingStart = Clock::system().wallNow();
+    const auto refreshOverlay = [&] {
+        sources.demoShowTime = demo.showTime();
+        sources.showName = show.showName();
+        sources.activeCue = show.activeCue();
+        sources.pendingCue = show.pendingCue();
+        sources.isHearingEos = show.isHearingEos();
+        sources.activeParts = show.activeParts();
+        sources.activeCueClock = show.activeCueClock();
+        sources.runningPart = show.runningPart();
+        sources.fields = show.fields();
+        sources.gatheredAt = Clock::system().wallNow();
+        engine.setOverlay(assembleOverlayContent(sources), sources.cameraLabel);
+    };
+    for (const auto signal :
+         {&ShowData::activeCueChanged, &ShowData::pendingCueChanged, &ShowData::activePartsChanged,
+          &ShowData::activeCueClockChanged, &ShowData::fieldsChanged,
+          &ShowData::isHearingEosChanged, &ShowData::showNameChanged})
+        QObject::connect(&show, signal, &engine, refreshOverlay);
+    QObject::connect(&demo, &DemoShow::showTimeChanged, &engine, refreshOverlay);
+    demo.start();
+    refreshOverlay();
     int exitCode = 0;
     QTimer stopTimer;
     stopTimer.setSingleShot(true);

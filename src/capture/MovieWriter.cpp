@@ -171,7 +171,13 @@ int remux(const QByteArray& from, const QByteArray& to)
             result = read;
             break;
         }
-        av_packet_rescale_ts(packet.get(), input->streams[packet->stream_index]->time_base,
+        // A last picture that lasts no time would fall outside the movie's edit list, and
+        // players would never show it: give it one frame's time.
+        const AVStream* from = input->streams[packet->stream_index];
+        if (packet->duration <= 0 && from->codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
+            from->r_frame_rate.num > 0 && from->r_frame_rate.den > 0)
+            packet->duration = av_rescale_q(1, av_inv_q(from->r_frame_rate), from->time_base);
+        av_packet_rescale_ts(packet.get(), from->time_base,
                              output->streams[packet->stream_index]->time_base);
         packet->pos = -1;
         result = av_write_frame(output, packet.get());
@@ -231,6 +237,11 @@ struct MovieWriter::State {
             if (result < 0)
                 return result;
             const bool keyVideo = stream == videoStream && (packet->flags & AV_PKT_FLAG_KEY);
+            // Some encoders leave a picture's duration unset. The movie's last picture would
+            // then last no time at all and players, which stop at the end of the edit list,
+            // would never show it.
+            if (stream == videoStream && packet->duration <= 0)
+                packet->duration = 1;
             av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
             packet->stream_index = stream->index;
             result = av_write_frame(format, packet.get());

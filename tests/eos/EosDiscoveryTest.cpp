@@ -282,12 +282,14 @@ void EosDiscoveryTest::sweepOnA16ProbesTheHundredRangeAndItsOwn22()
     auto elsewhere = startConsole(*lan, "10.88.50.5", tcpOnly);
 
     EosDiscovery discovery;
-    discovery.setProbeConcurrency(1400);
+    // Each probe of an address nobody holds keeps an ARP entry while it waits; the kernel's
+    // neighbour table holds 1,024, and beyond that it drops the entries of real hosts too.
+    discovery.setProbeConcurrency(400);
     QSignalSpy finished(&discovery, &EosDiscovery::isScanningChanged);
     QElapsedTimer timer;
     timer.start();
     QVERIFY(discovery.scan(EosDiscovery::ScanKind::sweep));
-    QTRY_VERIFY_WITH_TIMEOUT(!discovery.isScanning(), 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(!discovery.isScanning(), 30000);
     qInfo("sweep of a /16 took %lld ms", timer.elapsed());
 
     QStringList hosts;

@@ -1,0 +1,597 @@
+#include "app/AppModel.h"
+
+#include "app/AppLog.h"
+#include "app/RecordingNames.h"
+#include "app/ShowEvents.h"
+#include "capture/TestPatternSource.h"
+#include "overlay/OverlayAssembly.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+namespace orvane {
+
+namespace {
+
+bool isAuthorized(CaptureDevices::Authorization authorization)
+{
+    switch (authorization) {
+    case CaptureDevices::Authorization::restricted:
+    case CaptureDevices::Authorization::denied:
+        return false;
+    case CaptureDevices::Authorization::notDetermined:
+    case CaptureDevices::Authorization::authorized:
+        return true;
+    }
+    return true;
+}
+
+bool isRealCamera(const CaptureSource& source)
+{
+    return source.id != TestPatternSource::kID;
+}
+
+} // namespace
+
+AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Clock& clock,
+                   QObject* parent)
+    : QObject(parent)
+    , clock_(clock)
+    , options_(std::move(options))
+    , settings_(std::move(settings))
+    , devices_(QStringLiteral("/dev"), this)
+    , show_(clock, this)
+    , qlab_(clock, this)
+    , qlabBrowser_(clock, this)
+    , eos_(*settings_, clock, this)
+    , demo_(show_, clock, this)
+    , engine_(clock, this)
+    , recording_(*settings_, clock, this)
+    , pathMonitor_(clock, this)
+    , captureWatcher_([this] { return captureConfiguration(); },
+                      [this](const CaptureConfiguration& c) { applyCapture(c); })
+    , networkWatcher_([this] { return networkConfiguration(); },
+                      [this](const NetworkConfiguration& c) { applyNetwork(c); })
+    , extraWatcher_([this] { return extraConfiguration(); },
+                    [this](const ExtraConfiguration& c) { applyExtra(c); })
+    , overlayWatcher_([this] { return overlayUpdate(); },
+                      [this](const OverlayUpdate& u) { applyOverlay(u); })
+{
+    recording_.setFolder(recordingsFolder());
+    recording_.setCameras([this] { return recordingCameras(); });
+    recording_.setTimecode([this] { return timecodeText(); });
+    recording_.setActiveCue([this]() -> std::optional<RecordingControl::CueRow> {
+        const auto row = cueChangeRow(show_.activeCue());
+        if (!row)
+            return std::nullopt;
+        return RecordingControl::CueRow{row->event, row->detail};
+    });
+    connect(&recording_, &RecordingControl::errorOccurred, this,
+            [this](const QString& message) { setErrorMessage(message); });
+    connect(&recording_, &RecordingControl::recordingStartChanged, this,
+            &AppModel::recordingStartChanged);
+    connect(&recording_, &RecordingControl::lastRecordingChanged, this,
+            &AppModel::lastRecordingChanged);
+    connect(&recording_, &RecordingControl::cueLogChanged, this, &AppModel::cueLogChanged);
+
+    show_.setOnCommand([this](const ShowCommand& command) { handleCommand(command); });
+    show_.setOnCueChange([this](const std::optional<EosCue>& cue) { handleCueChange(cue); });
+    qlab_.setOnRunningCuesChanged([this] { handleQLabCues(); });
+    eos_.setOnPacket(
+        [this](const OSCMessage& message, const QString& host) { show_.handle(message, host); });
+
+    connect(&engine_, &CaptureEngine::framesStarted, this, [this](QSize size) {
+        if (videoSize_ != size) {
+            videoSize_ = size;
+            Q_EMIT videoSizeChanged();
+        }
+        if (feedState_.kind == FeedState::Kind::starting)
+            setFeedState(FeedState::of(FeedState::Kind::live));
+    });
+    connect(&engine_, &CaptureEngine::cameraLost, this, [this] {
+        setFeedState(FeedState::disconnected(QStringLiteral("The camera")));
+        devices_.refresh();
+    });
+    connect(&pathMonitor_, &NetworkPathMonitor::interfacesChanged, this, &AppModel::networkChanged);
+
+    // What each value is made from: a change of any of these makes the watcher look again.
+    captureWatcher_.watch(settings_.get(), &AppSettings::cameraIDChanged, this);
+    captureWatcher_.watch(settings_.get(), &AppSettings::audioDeviceIDChanged, this);
+    captureWatcher_.watch(settings_.get(), &AppSettings::recordsAudioChanged, this);
+    captureWatcher_.watch(&devices_, &CaptureDevices::camerasChanged, this);
+    captureWatcher_.watch(&devices_, &CaptureDevices::cameraAuthorizationChanged, this);
+
+    for (const auto signal :
+         {&AppSettings::oscEnabledChanged, &AppSettings::oscPortChanged,
+          &AppSettings::eosEnabledChanged, &AppSettings::eosHostChanged,
+          &AppSettings::eosFramingChanged, &AppSettings::eosPortChanged,
+          &AppSettings::eosNetworkChanged, &AppSettings::eosAutoConnectChanged,
+          &AppSettings::watchedAddressesChanged, &AppSettings::qlabEnabledChanged,
+          &AppSettings::qlabHostChanged, &AppSettings::qlabPortChanged,
+          &AppSettings::qlabPasscodeChanged, &AppSettings::qlabWorkspaceChanged,
+          &AppSettings::ndiEnabledChanged, &AppSettings::ndiNameChanged,
+          &AppSettings::webViewerEnabledChanged, &AppSettings::webViewerPortChanged})
+        networkWatcher_.watch(settings_.get(), signal, this);
+
+    extraWatcher_.watch(settings_.get(), &AppSettings::extraCamerasChanged, this);
+    extraWatcher_.watch(&devices_, &CaptureDevices::camerasChanged, this);
+    extraWatcher_.watch(&devices_, &CaptureDevices::cameraAuthorizationChanged, this);
+
+    for (const auto signal :
+         {&AppSettings::overlayEnabledChanged, &AppSettings::overlayScaleChanged,
+          &AppSettings::overlayOpacityChanged, &AppSettings::cameraLabelChanged,
+          &AppSettings::showsTimecodeChanged, &AppSettings::showsCueChanged,
+          &AppSettings::showsNextCueChanged, &AppSettings::showsShowNameChanged,
+          &AppSettings::showsFieldsChanged, &AppSettings::showsDateChanged,
+          &AppSettings::showsClockChanged, &AppSettings::showsQLabCuesChanged,
+          &AppSettings::overlayLayoutChanged, &AppSettings::watermarkTextChanged,
+          &AppSettings::watermarkOpacityChanged, &AppSettings::extraCamerasChanged})
+        overlayWatcher_.watch(settings_.get(), signal, this);
+    for (const auto signal :
+         {&ShowData::showNameChanged, &ShowData::activeCueChanged, &ShowData::pendingCueChanged,
+          &ShowData::isHearingEosChanged, &ShowData::activePartsChanged,
+          &ShowData::activeCueClockChanged, &ShowData::fieldsChanged})
+        overlayWatcher_.watch(&show_, signal, this);
+    overlayWatcher_.watch(&demo_, &DemoShow::showTimeChanged, this);
+    overlayWatcher_.watch(&demo_, &DemoShow::isRunningChanged, this);
+    overlayWatcher_.watch(&qlab_, &QLabClient::stateChanged, this);
+    overlayWatcher_.watch(&qlab_, &QLabClient::runningCuesChanged, this);
+    overlayWatcher_.watch(&qlab_, &QLabClient::timecodeCueChanged, this);
+    overlayWatcher_.watch(this, &AppModel::recordingStartChanged, this);
+    overlayWatcher_.watch(this, &AppModel::watermarkImageChanged, this);
+    overlayWatcher_.watch(this, &AppModel::extraFeedsChanged, this);
+}
+
+AppModel::~AppModel()
+{
+    pathMonitor_.stop();
+    show_.setOnCommand({});
+    show_.setOnCueChange({});
+    qlab_.setOnRunningCuesChanged({});
+}
+
+void AppModel::start()
+{
+    assertOnOwnThread(this);
+    if (hasStarted_)
+        return;
+    hasStarted_ = true;
+    devices_.refresh();
+    captureWatcher_.start();
+    networkWatcher_.start();
+    extraWatcher_.start();
+    overlayWatcher_.start();
+    loadWatermarkImage();
+    pathMonitor_.start();
+    if (options_.demo && !demo_.isRunning())
+        demo_.start();
+    if (options_.record) {
+        recordWhenLive_ = true;
+        if (feedState_.kind == FeedState::Kind::live)
+            startRecording();
+    }
+}
+
+std::vector<CameraFeed*> AppModel::extraFeeds() const
+{
+    std::vector<CameraFeed*> feeds;
+    for (const auto& feed : extraFeeds_)
+        feeds.push_back(feed.get());
+    return feeds;
+}
+
+// Configuration values
+
+CaptureConfiguration AppModel::captureConfiguration() const
+{
+    CaptureConfiguration configuration;
+    const auto& cameras = devices_.cameras();
+    configuration.cameraAuthorization = devices_.cameraAuthorization();
+    configuration.hasCameras = std::any_of(cameras.begin(), cameras.end(), isRealCamera);
+    configuration.cameraID = settings_->cameraID();
+    // With no camera attached and none chosen, the test pattern runs, so that the whole
+    // road (overlay, recording, outputs) works on any machine.
+    if (!configuration.cameraID && !configuration.hasCameras)
+        configuration.cameraID = TestPatternSource::kID;
+    if (configuration.cameraID &&
+        std::none_of(
+            cameras.begin(), cameras.end(),
+            [&](const CaptureSource& source) { return source.id == *configuration.cameraID; }) &&
+        *configuration.cameraID != TestPatternSource::kID)
+        configuration.missingCameraName = QStringLiteral("The camera");
+    if (settings_->recordsAudio())
+        configuration.microphoneID = settings_->audioDeviceID();
+    return configuration;
+}
+
+NetworkConfiguration AppModel::networkConfiguration() const
+{
+    NetworkConfiguration configuration;
+    configuration.oscEnabled = settings_->oscEnabled();
+    configuration.oscPort = settings_->oscPort();
+    configuration.eos = EosConnection::configurationFrom(*settings_);
+    configuration.watched = settings_->watchedAddresses();
+    configuration.qlabEnabled = settings_->qlabEnabled();
+    configuration.qlabHost = settings_->qlabHost().trimmed();
+    configuration.qlabPort = settings_->qlabPort();
+    configuration.qlabPasscode = settings_->qlabPasscode();
+    configuration.qlabWorkspace = settings_->qlabWorkspace();
+    configuration.outputs.ndiEnabled = settings_->ndiEnabled();
+    configuration.outputs.ndiName = settings_->ndiName();
+    configuration.outputs.webEnabled =
+        settings_->webViewerEnabled() || options_.web || options_.webPort.has_value();
+    configuration.outputs.webPort = options_.webPort.value_or(settings_->webViewerPort());
+    return configuration;
+}
+
+ExtraConfiguration AppModel::extraConfiguration() const
+{
+    ExtraConfiguration configuration;
+    configuration.isAuthorized = isAuthorized(devices_.cameraAuthorization());
+    const auto& cameras = devices_.cameras();
+    for (const auto& camera : settings_->extraCameras()) {
+        Feed feed;
+        feed.id = camera.id;
+        feed.deviceID = camera.deviceID;
+        feed.deviceName = camera.deviceName;
+        feed.isMirrored = camera.isMirrored;
+        feed.isAvailable =
+            camera.deviceID && std::any_of(cameras.begin(), cameras.end(),
+                                           [&](const auto& c) { return c.id == *camera.deviceID; });
+        configuration.feeds.push_back(std::move(feed));
+    }
+    return configuration;
+}
+
+OverlayUpdate AppModel::overlayUpdate() const
+{
+    OverlaySources sources;
+    sources.look = settings_->currentLook();
+    sources.isEnabled = settings_->overlayEnabled();
+    sources.cameraLabel = settings_->cameraLabel();
+    sources.recordingStart = recording_.recordingStart();
+    sources.watermarkImage = watermarkImage_;
+    sources.demoShowTime = demo_.isRunning() ? demo_.showTime() : std::nullopt;
+    sources.showName = show_.showName();
+    sources.activeCue = show_.activeCue();
+    sources.pendingCue = show_.pendingCue();
+    sources.isHearingEos = show_.isHearingEos();
+    sources.activeParts = show_.activeParts();
+    sources.activeCueClock = show_.activeCueClock();
+    sources.runningPart = show_.runningPart();
+    sources.fields = show_.fields();
+    sources.isQLabConnected = qlab_.state() == QLabClient::State::connected;
+    sources.qlabRunningCues = qlab_.runningCues();
+    sources.gatheredAt = clock_.wallNow();
+    sources.qlabShowTime = qlab_.timecodeCue() ? qlab_.showTime(sources.gatheredAt) : std::nullopt;
+
+    OverlayUpdate update;
+    update.content = assembleOverlayContent(sources);
+    update.labels.insert(QUuid(), settings_->cameraLabel());
+    for (const auto& camera : settings_->extraCameras())
+        update.labels.insert(camera.id, camera.label);
+    return update;
+}
+
+AppModel::ApplyCounts AppModel::applyCountsForTesting() const
+{
+    return {captureWatcher_.applyCount(), networkWatcher_.applyCount(), extraWatcher_.applyCount(),
+            overlayWatcher_.applyCount()};
+}
+
+// Applying them
+
+void AppModel::applyCapture(const CaptureConfiguration& configuration)
+{
+    const int generation = ++captureGeneration_;
+    if (!isAuthorized(configuration.cameraAuthorization)) {
+        engine_.configure(std::nullopt, std::nullopt);
+        return setFeedState(FeedState::of(FeedState::Kind::noAccess));
+    }
+    if (!configuration.cameraID) {
+        engine_.configure(std::nullopt, configuration.microphoneID);
+        return setFeedState(FeedState::of(configuration.hasCameras ? FeedState::Kind::unassigned
+                                                                   : FeedState::Kind::noCameras));
+    }
+    if (configuration.missingCameraName) {
+        engine_.configure(std::nullopt, configuration.microphoneID);
+        return setFeedState(FeedState::disconnected(*configuration.missingCameraName));
+    }
+    if (feedState_.kind != FeedState::Kind::live)
+        setFeedState(FeedState::of(FeedState::Kind::starting));
+    engine_.configure(configuration.cameraID, configuration.microphoneID,
+                      [this, generation](std::optional<CaptureError> error) {
+                          if (generation != captureGeneration_ || !error)
+                              return;
+                          // A missing microphone leaves the picture running.
+                          if (error->kind == CaptureError::Kind::microphoneUnavailable)
+                              return setErrorMessage(error->description());
+                          setFeedState(FeedState::failed(error->description()));
+                      });
+}
+
+void AppModel::applyNetwork(const NetworkConfiguration& configuration)
+{
+    show_.listener().configure(configuration.oscEnabled, configuration.oscPort);
+    show_.setWatchedAddresses(configuration.watched);
+    QLabClient::Settings qlab;
+    qlab.isEnabled = configuration.qlabEnabled;
+    qlab.host =
+        configuration.qlabHost.isEmpty() ? QStringLiteral("localhost") : configuration.qlabHost;
+    qlab.port = configuration.qlabPort;
+    qlab.passcode = configuration.qlabPasscode;
+    qlab.preferredWorkspace = configuration.qlabWorkspace;
+    if (!(qlab_.settings() == qlab))
+        qlab_.apply(qlab);
+    if (eos_.configuration() != configuration.eos)
+        eos_.apply(configuration.eos);
+    Q_EMIT outputSettingsChanged(configuration.outputs);
+}
+
+void AppModel::applyExtra(const ExtraConfiguration& configuration)
+{
+    bool changed = false;
+    // Feeds whose camera was removed stop and go.
+    for (auto it = extraFeeds_.begin(); it != extraFeeds_.end();) {
+        const QUuid id = (*it)->id();
+        if (std::none_of(configuration.feeds.begin(), configuration.feeds.end(),
+                         [&](const Feed& feed) { return feed.id == id; })) {
+            (*it)->stop();
+            it = extraFeeds_.erase(it);
+            changed = true;
+        } else {
+            ++it;
+        }
+    }
+    std::vector<std::unique_ptr<CameraFeed>> ordered;
+    for (const auto& feed : configuration.feeds) {
+        auto found = std::find_if(extraFeeds_.begin(), extraFeeds_.end(),
+                                  [&](const auto& f) { return f && f->id() == feed.id; });
+        std::unique_ptr<CameraFeed> cameraFeed;
+        if (found != extraFeeds_.end()) {
+            cameraFeed = std::move(*found);
+        } else {
+            cameraFeed = std::make_unique<CameraFeed>(feed.id, clock_);
+            changed = true;
+        }
+        cameraFeed->apply(feed, configuration.isAuthorized);
+        ordered.push_back(std::move(cameraFeed));
+    }
+    extraFeeds_ = std::move(ordered);
+    if (changed)
+        Q_EMIT extraFeedsChanged();
+}
+
+void AppModel::applyOverlay(const OverlayUpdate& update)
+{
+    engine_.setOverlay(update.content, update.labels.value(QUuid()));
+    for (const auto& feed : extraFeeds_)
+        feed->setOverlay(update.content, update.labels.value(feed->id()));
+}
+
+void AppModel::setFeedState(FeedState state)
+{
+    if (state == feedState_)
+        return;
+    feedState_ = std::move(state);
+    Q_EMIT feedStateChanged();
+    if (feedState_.kind == FeedState::Kind::live && recordWhenLive_) {
+        recordWhenLive_ = false;
+        startRecording();
+    }
+}
+
+void AppModel::setErrorMessage(const std::optional<QString>& message)
+{
+    if (message == errorMessage_)
+        return;
+    errorMessage_ = message;
+    Q_EMIT errorMessageChanged();
+}
+
+void AppModel::setEditingLayout(bool editing)
+{
+    if (editing == isEditingLayout_)
+        return;
+    isEditingLayout_ = editing;
+    Q_EMIT isEditingLayoutChanged();
+}
+
+// Recording
+
+std::vector<RecordingControl::Camera> AppModel::recordingCameras()
+{
+    std::vector<RecordingControl::Camera> cameras;
+    if (feedState_.kind == FeedState::Kind::live)
+        cameras.push_back({&engine_, recordingLabel(settings_->cameraLabel(), mainCameraFallback()),
+                           settings_->recordsAudio()});
+    const auto configured = settings_->extraCameras();
+    for (const auto& feed : extraFeeds_) {
+        if (feed->state().kind != FeedState::Kind::live)
+            continue;
+        const auto index = std::find_if(configured.begin(), configured.end(),
+                                        [&](const ExtraCamera& c) { return c.id == feed->id(); });
+        if (index == configured.end())
+            continue;
+        cameras.push_back(
+            {&feed->engine(),
+             recordingLabel(index->label, extraCameraFallback(int(index - configured.begin()))),
+             false});
+    }
+    return cameras;
+}
+
+void AppModel::startRecording()
+{
+    recording_.start();
+}
+
+void AppModel::stopRecording(std::function<void()> done)
+{
+    recording_.stop(std::move(done));
+}
+
+void AppModel::toggleRecording()
+{
+    if (isRecording())
+        stopRecording();
+    else
+        startRecording();
+}
+
+void AppModel::addMarker(const QString& text)
+{
+    recording_.addMarker(text);
+}
+
+QString AppModel::showRecordings()
+{
+    return recording_.showRecordings();
+}
+
+QString AppModel::recordingsFolder() const
+{
+    return options_.recordingsFolder.value_or(standardRecordingsFolder());
+}
+
+QString AppModel::standardRecordingsFolder()
+{
+    return QDir(QStandardPaths::writableLocation(QStandardPaths::MoviesLocation))
+        .filePath(QStringLiteral("Orvane"));
+}
+
+// The show
+
+void AppModel::handleCommand(const ShowCommand& command)
+{
+    switch (command.kind) {
+    case ShowCommand::Kind::marker:
+        return addMarker(command.text);
+    case ShowCommand::Kind::layout:
+        settings_->applyLayoutPreset(command.text);
+        return;
+    case ShowCommand::Kind::startRecording:
+        return startRecording();
+    case ShowCommand::Kind::stopRecording:
+        return stopRecording();
+    case ShowCommand::Kind::toggleRecording:
+        return toggleRecording();
+    }
+}
+
+void AppModel::handleCueChange(const std::optional<EosCue>& cue)
+{
+    if (const auto row = cueChangeRow(cue))
+        recording_.logEvent(row->event, row->detail);
+}
+
+void AppModel::handleQLabCues()
+{
+    for (const auto& row : qlabStartRows(runningQLabCues_, qlab_.runningCues()))
+        recording_.logEvent(row.event, row.detail);
+}
+
+void AppModel::toggleDemoShow()
+{
+    if (!demo_.isRunning())
+        return demo_.start();
+    demo_.stop();
+    if (eos_.isConnected())
+        eos_.stream().send(OSCMessage{"/eos/reset", {}});
+}
+
+void AppModel::clearShowData()
+{
+    show_.clear();
+}
+
+std::optional<ShowTime> AppModel::showTimeSource() const
+{
+    if (demo_.isRunning() && demo_.showTime())
+        return demo_.showTime();
+    if (qlab_.state() == QLabClient::State::connected && qlab_.timecodeCue())
+        return qlab_.showTime(clock_.wallNow());
+    return std::nullopt;
+}
+
+QString AppModel::timecodeText() const
+{
+    const auto time = showTimeSource();
+    if (!time)
+        return {};
+    return ShowTime::format(time->secondsAt(clock_.wallNow()), time->framesPerSecond);
+}
+
+// The watermark
+
+void AppModel::loadWatermarkImage()
+{
+    std::optional<QImage> image;
+    if (const auto path = settings_->watermarkImagePath()) {
+        QImage loaded(*path);
+        if (!loaded.isNull())
+            image = std::move(loaded);
+    }
+    if (image.has_value() == watermarkImage_.has_value() &&
+        (!image || image->cacheKey() == watermarkImage_->cacheKey()))
+        return;
+    watermarkImage_ = std::move(image);
+    Q_EMIT watermarkImageChanged();
+}
+
+void AppModel::setWatermarkImage(const QString& chosenFile)
+{
+    if (QImage(chosenFile).isNull()) {
+        return setErrorMessage(QStringLiteral("Orvane couldn't read “") +
+                               QFileInfo(chosenFile).fileName() +
+                               QStringLiteral("” as an image. Try a PNG or JPEG."));
+    }
+    if (const auto error = settings_->setWatermarkImage(chosenFile))
+        return setErrorMessage(*error);
+    loadWatermarkImage();
+}
+
+void AppModel::clearWatermarkImage()
+{
+    settings_->clearWatermarkImage();
+    loadWatermarkImage();
+}
+
+// QLab hosts
+
+void AppModel::chooseQLabHost(const DiscoveredQLab& service)
+{
+    QPointer<AppModel> self(this);
+    qlabBrowser_.resolve(service, [self, service](std::optional<QLabBrowser::Resolved> resolved) {
+        if (!self)
+            return;
+        if (!resolved) {
+            self->setErrorMessage(QStringLiteral("Orvane couldn't reach QLab on “") + service.name +
+                                  QStringLiteral("”. Check that QLab is open and that both "
+                                                 "computers are on the same network."));
+            return;
+        }
+        self->settings_->setQlabHost(resolved->host);
+        self->settings_->setQlabPort(resolved->port);
+        self->settings_->setQlabEnabled(true);
+    });
+}
+
+// The network
+
+void AppModel::networkChanged(const QStringList& interfaces)
+{
+    qCInfo(lcApp, "Network changed: %s", qPrintable(interfaces.join(QStringLiteral(", "))));
+    auto& stream = eos_.stream();
+    if (const auto target = stream.target()) {
+        stream.disconnect();
+        stream.connectTo(*target);
+    }
+    const auto network = networkConfiguration();
+    show_.listener().configure(false, network.oscPort);
+    show_.listener().configure(network.oscEnabled, network.oscPort);
+    Q_EMIT networkRestarted(interfaces);
+}
+
+} // namespace orvane

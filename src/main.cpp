@@ -1,6 +1,10 @@
 // The orvane executable: the application and the small tools a technician reaches for.
 
 #include "commands/Command.h"
+#include "commands/Headless.h"
+#include "commands/StandInWindow.h"
+
+#include "app/RunOptions.h"
 
 #include <QCoreApplication>
 #include <QGuiApplication>
@@ -10,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <variant>
 
 namespace orvane {
 
@@ -23,7 +28,7 @@ std::vector<Command>& commandTable()
 
 void printUsage(std::FILE* to)
 {
-    std::fprintf(to, "Usage: orvane COMMAND [OPTIONS]\n\n"
+    std::fprintf(to, "Usage: orvane [OPTIONS]   or   orvane COMMAND [OPTIONS]\n\n"
                      "Burns the show's cues and timecode into camera video, records it and\n"
                      "shares it on the network.\n\nCommands:\n");
     auto commands = registeredCommands();
@@ -31,7 +36,8 @@ void printUsage(std::FILE* to)
               [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
     for (const auto& command : commands)
         std::fprintf(to, "  %-16s %s\n", command.name, command.summary);
-    std::fprintf(to, "\nRun 'orvane COMMAND --help' for a command's options.\n");
+    std::fprintf(to, "\nRun 'orvane COMMAND --help' for a command's options.\n\n");
+    std::fputs(qPrintable(runOptionsHelp()), to);
 }
 
 std::unique_ptr<QCoreApplication> makeApplication(AppKind kind, int& argc, char** argv)
@@ -41,12 +47,40 @@ std::unique_ptr<QCoreApplication> makeApplication(AppKind kind, int& argc, char*
         return std::make_unique<QCoreApplication>(argc, argv);
     case AppKind::gui:
     case AppKind::widgets:
-        if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+        if (qEnvironmentVariableIsEmpty("DISPLAY") &&
+            qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
             qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
             qputenv("QT_QPA_PLATFORM", "offscreen");
         return std::make_unique<QGuiApplication>(argc, argv);
     }
     return nullptr;
+}
+
+int runWholeApplication(int& argc, char** argv)
+{
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    const auto parsed = parseRunOptions(arguments);
+    if (const auto* error = std::get_if<RunOptionsError>(&parsed)) {
+        std::fprintf(stderr, "orvane: %s\n", qPrintable(error->message));
+        return 2;
+    }
+    auto options = std::get<RunOptions>(parsed);
+    const bool hasDisplay =
+        !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+    if (!hasDisplay)
+        options.headless = true;
+    auto app = makeApplication(AppKind::gui, argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
+    QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
+    if (options.help) {
+        printUsage(stdout);
+        return 0;
+    }
+    if (options.headless)
+        return runApplication(options);
+    return runStandInWindow(options);
 }
 
 } // namespace
@@ -70,13 +104,18 @@ int main(int argc, char** argv)
     if (qEnvironmentVariableIsEmpty("QT_MAX_CACHED_GLYPH_SIZE"))
         qputenv("QT_MAX_CACHED_GLYPH_SIZE", "256");
 
-    if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+    if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ||
+                      std::strcmp(argv[1], "help") == 0)) {
         printUsage(stdout);
-        return argc < 2 ? 2 : 0;
+        return 0;
     }
+    // No command: the application itself, with a window when there is a display.
+    if (argc < 2 || argv[1][0] == '-')
+        return runWholeApplication(argc, argv);
     const auto& commands = registeredCommands();
-    const auto found = std::find_if(commands.begin(), commands.end(),
-                                    [&](const Command& c) { return std::strcmp(c.name, argv[1]) == 0; });
+    const auto found = std::find_if(commands.begin(), commands.end(), [&](const Command& c) {
+        return std::strcmp(c.name, argv[1]) == 0;
+    });
     if (found == commands.end()) {
         std::fprintf(stderr, "orvane: unknown command '%s'\n\n", argv[1]);
         printUsage(stderr);

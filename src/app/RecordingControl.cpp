@@ -108,8 +108,8 @@ bool RecordingControl::start()
         if (const auto cue = activeCue_())
             cueLog_.append({0, timecode_ ? timecode_() : QString(), cue->event, cue->detail});
     }
-    Q_EMIT cueLogChanged();
     Q_EMIT recordingStartChanged();
+    Q_EMIT cueLogChanged();
     return true;
 }
 

@@ -1,0 +1,130 @@
+#include "app/StatusReporter.h"
+
+#include "app/AppModel.h"
+#include "app/CueLog.h"
+
+#include <QFileInfo>
+
+namespace orvane {
+
+namespace {
+
+// A status such as "Connected" or "Searching…" as a sentence.
+QString sentence(const QString& text)
+{
+    if (text.endsWith(QLatin1Char('.')) || text.endsWith(QChar(0x2026)) ||
+        text.endsWith(QLatin1Char('!')) || text.endsWith(QLatin1Char('?')))
+        return text;
+    return text + QLatin1Char('.');
+}
+
+QString feedSentence(const FeedState& state)
+{
+    switch (state.kind) {
+    case FeedState::Kind::disconnected:
+        return state.text + QStringLiteral(" isn't connected.");
+    case FeedState::Kind::failed:
+        return state.text;
+    case FeedState::Kind::starting:
+        return QStringLiteral("Starting the camera…");
+    case FeedState::Kind::live:
+        return QStringLiteral("The camera is live.");
+    case FeedState::Kind::noAccess:
+        return QStringLiteral("Orvane isn't allowed to use the camera.");
+    case FeedState::Kind::noCameras:
+        return QStringLiteral("No camera is attached.");
+    case FeedState::Kind::unassigned:
+        return QStringLiteral("No camera is chosen.");
+    }
+    return {};
+}
+
+} // namespace
+
+StatusReporter::StatusReporter(AppModel& model, QObject* parent)
+    : QObject(parent)
+    , model_(model)
+{
+    connect(&model, &AppModel::feedStateChanged, this,
+            [this] { say(feedSentence(model_.feedState())); });
+    connect(&model, &AppModel::errorMessageChanged, this, [this] {
+        if (const auto message = model_.errorMessage())
+            say(*message);
+    });
+    connect(&model, &AppModel::recordingStartChanged, this, [this] {
+        if (!model_.isRecording())
+            return say(QStringLiteral("Recording stopped; finishing the movies."));
+        reportedRows_ = 0;
+        for (const auto& path : model_.recording().recordingPaths())
+            say(QStringLiteral("Recording to “%1”.").arg(path));
+    });
+    connect(&model, &AppModel::cueLogChanged, this, [this] {
+        const auto& log = model_.cueLog();
+        for (; reportedRows_ < log.size(); ++reportedRows_) {
+            const auto& entry = log[reportedRows_];
+            QString text =
+                QStringLiteral("Cue log %1: %2").arg(cueLogTime(entry.elapsed), entry.event);
+            if (!entry.detail.isEmpty())
+                text += QStringLiteral(" — ") + entry.detail;
+            if (!entry.timecode.isEmpty())
+                text += QStringLiteral(" (timecode %1)").arg(entry.timecode);
+            say(text);
+        }
+    });
+    connect(&model.recording(), &RecordingControl::recordingFinished, this,
+            [this](const QList<RecordingControl::Finished>& cameras) {
+                for (const auto& camera : cameras) {
+                    if (camera.outcome.movie && !camera.outcome.error)
+                        say(QStringLiteral("Saved “%1”.").arg(*camera.outcome.movie));
+                    if (camera.cueLog)
+                        say(QStringLiteral("Saved the cue log “%1”.").arg(*camera.cueLog));
+                }
+            });
+    connect(&model.show().listener(), &OSCListener::stateChanged, this, [this] {
+        const QString text = model_.show().listener().stateText();
+        if (text == lastListener_)
+            return;
+        lastListener_ = text;
+        say(sentence(QStringLiteral("OSC listener: ") + text));
+    });
+    connect(&model.eos(), &EosConnection::statusTextChanged, this, [this] {
+        const auto& eos = model_.eos();
+        if (!eos.configuration() || !eos.configuration()->enabled)
+            return;
+        QString text = sentence(QStringLiteral("Eos: ") + eos.statusText());
+        if (!eos.advice().isEmpty())
+            text += QLatin1Char(' ') + eos.advice();
+        if (text == lastEos_)
+            return;
+        lastEos_ = text;
+        say(text);
+    });
+    connect(&model.qlab(), &QLabClient::stateChanged, this, [this] {
+        const auto& qlab = model_.qlab();
+        if (!qlab.settings().isEnabled)
+            return;
+        QString text = sentence(QStringLiteral("QLab: ") + qlab.statusText());
+        if (!qlab.advice().isEmpty())
+            text += QLatin1Char(' ') + qlab.advice();
+        if (text == lastQLab_)
+            return;
+        lastQLab_ = text;
+        say(text);
+    });
+    connect(&model.demo(), &DemoShow::isRunningChanged, this, [this] {
+        say(model_.demo().isRunning() ? QStringLiteral("The demo show is running.")
+                                      : QStringLiteral("The demo show stopped."));
+    });
+    connect(&model, &AppModel::networkRestarted, this, [this](const QStringList& interfaces) {
+        say(QStringLiteral("Network changed: %1; reconnecting.")
+                .arg(interfaces.join(QStringLiteral(", "))));
+    });
+}
+
+void StatusReporter::say(const QString& text)
+{
+    if (!text.isEmpty())
+        Q_EMIT line(text);
+}
+
+} // namespace orvane

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+namespace orvane {
+
+class AppModel;
+
+// Turns what happens in the application model into sentences, one a line, as headless mode
+// prints them: the camera's state, recordings started and saved, rows of the cue log, the
+// listener and the links, and every errorMessage. Main thread only.
+class StatusReporter : public QObject {
+    Q_OBJECT
+
+public:
+    explicit StatusReporter(AppModel& model, QObject* parent = nullptr);
+
+Q_SIGNALS:
+    void line(const QString& text);
+
+private:
+    void say(const QString& text);
+
+    AppModel& model_;
+    int reportedRows_ = 0;
+    QString lastListener_;
+    QString lastEos_;
+    QString lastQLab_;
+};
+
+} // namespace orvane

@@ -1,0 +1,140 @@
+// orvane [--headless] [options]: runs the whole application from the settings. Headless, it
+// prints what happens one sentence a line, is driven by "/tavrin/" OSC commands and watched
+// through the web page, and on SIGINT or SIGTERM finishes every recording before it exits.
+
+#include "commands/Command.h"
+#include "commands/Headless.h"
+
+#include "app/AppModel.h"
+#include "app/RunOptions.h"
+#include "app/StatusReporter.h"
+#include "settings/AppSettings.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QSocketNotifier>
+#include <QTimer>
+
+#include <csignal>
+#include <cstdio>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace orvane {
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+void onSignal(int number)
+{
+    const char byte = char(number);
+    [[maybe_unused]] const auto written = ::write(signalPipe[1], &byte, 1);
+}
+
+void printLine(const QString& text)
+{
+    std::fputs(qPrintable(text), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+std::unique_ptr<AppSettings> openSettings(const RunOptions& options)
+{
+    if (!options.settingsFile)
+        return AppSettings::openStandard();
+    auto location = AppSettings::standardLocation();
+    location.storeFile = *options.settingsFile;
+    return std::make_unique<AppSettings>(location);
+}
+
+} // namespace
+
+int runApplication(const RunOptions& options)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) != 0) {
+        std::perror("orvane: socketpair");
+        return 1;
+    }
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    AppModel model(openSettings(options), options);
+    StatusReporter reporter(model);
+    QObject::connect(&reporter, &StatusReporter::line, &reporter, &printLine);
+
+    // The first signal finishes the recordings and the cue logs, then quits; a second one
+    // quits at once (the movie written so far stays readable).
+    int signalCount = 0;
+    qint64 firstSignalAt = 0;
+    QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
+    QObject::connect(&notifier, &QSocketNotifier::activated, [&] {
+        char byte = 0;
+        [[maybe_unused]] const auto got = ::read(signalPipe[0], &byte, 1);
+        // A signal sent to the whole process group arrives twice at once: only a second
+        // one that comes later means "now".
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        if (++signalCount > 1 && now - firstSignalAt < 1000)
+            return;
+        if (signalCount == 1)
+            firstSignalAt = now;
+        if (signalCount > 1) {
+            printLine(QStringLiteral("Quitting now."));
+            QCoreApplication::exit(1);
+            return;
+        }
+        const auto quitWhenFinished = [&model] {
+            const auto check = std::make_shared<std::function<void()>>();
+            *check = [&model, check] {
+                if (model.recording().finishingCount() > 0)
+                    return QTimer::singleShot(50, *check);
+                printLine(QStringLiteral("Orvane stopped."));
+                QCoreApplication::quit();
+            };
+            (*check)();
+        };
+        if (model.isRecording()) {
+            printLine(QStringLiteral("Finishing the recording before quitting…"));
+            model.stopRecording(quitWhenFinished);
+        } else {
+            quitWhenFinished();
+        }
+    });
+
+    printLine(QStringLiteral("Orvane is running headless. Recordings go to “%1”.")
+                  .arg(model.recordingsFolder()));
+    model.start();
+    const int code = QCoreApplication::exec();
+    ::close(signalPipe[0]);
+    ::close(signalPipe[1]);
+    return code;
+}
+
+namespace {
+
+int run(const QStringList& arguments)
+{
+    const auto parsed = parseRunOptions(arguments);
+    if (const auto* error = std::get_if<RunOptionsError>(&parsed)) {
+        std::fprintf(stderr, "orvane: %s\n", qPrintable(error->message));
+        return 2;
+    }
+    auto options = std::get<RunOptions>(parsed);
+    if (options.help) {
+        std::fputs(qPrintable(runOptionsHelp()), stdout);
+        return 0;
+    }
+    options.headless = true;
+    return runApplication(options);
+}
+
+const CommandRegistration registration{
+    {"headless", "Run Orvane without a window (see 'orvane --help')", AppKind::gui, &run}};
+
+} // namespace
+
+} // namespace orvane

@@ -1,0 +1,377 @@
+// The application model as a whole: each configuration value applied once at start and once
+// per real change, extra camera feeds following the settings, recording driven by "/tavrin/"
+// commands over real UDP with rows for cues and markers, its messages, and the network path
+// monitor seeing a veth pair come and go.
+
+#include "app/AppModel.h"
+#include "app/CueLog.h"
+#include "app/StatusReporter.h"
+#include "capture/TestPatternSource.h"
+#include "osc/OSCMessage.h"
+#include "peers/NetNamespace.h"
+
+#include <QFile>
+#include <QGuiApplication>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUdpSocket>
+
+#include <memory>
+
+using namespace orvane;
+
+namespace {
+
+bool isolated = false;
+QString isolationError;
+
+quint16 freeUdpPort()
+{
+    QUdpSocket probe;
+    probe.bind(QHostAddress::LocalHost, 0);
+    return probe.localPort();
+}
+
+void sendOSC(quint16 port, const OSCMessage& message)
+{
+    QUdpSocket socket;
+    socket.writeDatagram(encodeOSC(message), QHostAddress::LocalHost, port);
+}
+
+enum class Change {
+    nothing,
+    sameOscPort,
+    otherOscPort,
+    blanksAroundTheQLabHost,
+    otherQLabHost,
+    cameraLabel,
+    recordsAudioWithoutAMicrophone,
+    microphoneWhileRecordingSound,
+    microphoneWithoutSound,
+    webViewerPort,
+    overlayScale,
+    extraCamera,
+    writesCueLog,
+};
+
+} // namespace
+
+class AppModelTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+    void appliesEachValueOncePerChange_data();
+    void appliesEachValueOncePerChange();
+    void followsTheExtraCameras();
+    void recordsOnTavrinCommands();
+    void saysWhatWentWrong();
+    void reportsNetworkChanges();
+
+private:
+    std::unique_ptr<AppModel> makeModel(RunOptions options = {});
+
+    std::unique_ptr<QTemporaryDir> dir_;
+    quint16 oscPort_ = 0;
+};
+
+void AppModelTest::init()
+{
+    dir_ = std::make_unique<QTemporaryDir>();
+    oscPort_ = freeUdpPort();
+}
+
+void AppModelTest::cleanup()
+{
+    dir_.reset();
+}
+
+std::unique_ptr<AppModel> AppModelTest::makeModel(RunOptions options)
+{
+    auto settings = std::make_unique<AppSettings>(
+        AppSettings::Location{dir_->filePath("Orvane.json"), dir_->filePath("support")});
+    settings->setEosEnabled(false);
+    settings->setQlabEnabled(false);
+    settings->setOscPort(oscPort_);
+    settings->setCodec(RecordingCodec::h264);
+    options.recordingsFolder = dir_->filePath("Videos/Orvane");
+    auto model = std::make_unique<AppModel>(std::move(settings), options);
+    model->engine().setTestPatternFormat({96, 54, 30});
+    return model;
+}
+
+void AppModelTest::appliesEachValueOncePerChange_data()
+{
+    QTest::addColumn<Change>("change");
+    QTest::addColumn<int>("capture");
+    QTest::addColumn<int>("network");
+    QTest::addColumn<int>("extra");
+    QTest::addColumn<bool>("overlay");
+    QTest::newRow("nothing") << Change::nothing << 0 << 0 << 0 << false;
+    QTest::newRow("the same OSC port") << Change::sameOscPort << 0 << 0 << 0 << false;
+    QTest::newRow("another OSC port") << Change::otherOscPort << 0 << 1 << 0 << false;
+    QTest::newRow("blanks around the QLab host")
+        << Change::blanksAroundTheQLabHost << 0 << 0 << 0 << false;
+    QTest::newRow("another QLab host") << Change::otherQLabHost << 0 << 1 << 0 << false;
+    QTest::newRow("camera label") << Change::cameraLabel << 0 << 0 << 0 << true;
+    QTest::newRow("sound on, no microphone chosen")
+        << Change::recordsAudioWithoutAMicrophone << 0 << 0 << 0 << false;
+    QTest::newRow("microphone while recording sound")
+        << Change::microphoneWhileRecordingSound << 1 << 0 << 0 << false;
+    QTest::newRow("microphone, sound off")
+        << Change::microphoneWithoutSound << 0 << 0 << 0 << false;
+    QTest::newRow("web viewer port") << Change::webViewerPort << 0 << 1 << 0 << false;
+    QTest::newRow("overlay scale") << Change::overlayScale << 0 << 0 << 0 << true;
+    QTest::newRow("an extra camera") << Change::extraCamera << 0 << 0 << 1 << true;
+    QTest::newRow("cue log switch") << Change::writesCueLog << 0 << 0 << 0 << false;
+}
+
+void AppModelTest::appliesEachValueOncePerChange()
+{
+    QFETCH(Change, change);
+    QFETCH(int, capture);
+    QFETCH(int, network);
+    QFETCH(int, extra);
+    QFETCH(bool, overlay);
+    auto model = makeModel();
+    auto& settings = model->settings();
+    settings.setQlabHost("stage-mac.local");
+    model->start();
+    model->start(); // a second start starts nothing more
+    const auto before = model->applyCountsForTesting();
+    QCOMPARE(before.capture, 1);
+    QCOMPARE(before.network, 1);
+    QCOMPARE(before.extra, 1);
+    QVERIFY(before.overlay >= 1);
+    // Let the camera come up, so that its state changes count for nothing here.
+    QTRY_COMPARE_WITH_TIMEOUT(model->feedState().kind, FeedState::Kind::live, 10000);
+    const auto settled = model->applyCountsForTesting();
+    QCOMPARE(settled.capture, 1);
+
+    switch (change) {
+    case Change::nothing:
+        break;
+    case Change::sameOscPort:
+        settings.setOscPort(oscPort_);
+        break;
+    case Change::otherOscPort:
+        settings.setOscPort(freeUdpPort());
+        break;
+    case Change::blanksAroundTheQLabHost:
+        settings.setQlabHost("  stage-mac.local ");
+        break;
+    case Change::otherQLabHost:
+        settings.setQlabHost("booth-mac.local");
+        break;
+    case Change::cameraLabel:
+        settings.setCameraLabel("Balcony");
+        break;
+    case Change::recordsAudioWithoutAMicrophone:
+        settings.setRecordsAudio(true);
+        break;
+    case Change::microphoneWhileRecordingSound:
+        settings.setRecordsAudio(true);
+        settings.setAudioDeviceID("orvane:tone");
+        break;
+    case Change::microphoneWithoutSound:
+        settings.setRecordsAudio(false);
+        settings.setAudioDeviceID("orvane:tone");
+        break;
+    case Change::webViewerPort:
+        settings.setWebViewerPort(settings.webViewerPort() + 1);
+        break;
+    case Change::overlayScale:
+        settings.setOverlayScale(settings.overlayScale() * 2);
+        break;
+    case Change::extraCamera:
+        settings.setExtraCameras(
+            {ExtraCamera{QUuid::createUuid(), std::nullopt, std::nullopt, "Wings", false}});
+        break;
+    case Change::writesCueLog:
+        settings.setWritesCueLog(!settings.writesCueLog());
+        break;
+    }
+    const auto after = model->applyCountsForTesting();
+    QCOMPARE(after.capture - settled.capture, capture);
+    QCOMPARE(after.network - settled.network, network);
+    QCOMPARE(after.extra - settled.extra, extra);
+    QCOMPARE(after.overlay > settled.overlay, overlay);
+    QCOMPARE(model->networkConfiguration().qlabHost,
+             change == Change::otherQLabHost ? "booth-mac.local" : "stage-mac.local");
+}
+
+void AppModelTest::followsTheExtraCameras()
+{
+    auto model = makeModel();
+    model->start();
+    const ExtraCamera a{QUuid::createUuid(), std::nullopt, std::nullopt, "Wings", false};
+    const ExtraCamera b{QUuid::createUuid(), QStringLiteral("/dev/video9"),
+                        QStringLiteral("Booth Cam"), "", true};
+    QSignalSpy feedsChanged(model.get(), &AppModel::extraFeedsChanged);
+    model->settings().setExtraCameras({a, b});
+    QCOMPARE(feedsChanged.size(), 1);
+    auto feeds = model->extraFeeds();
+    QCOMPARE(feeds.size(), std::size_t(2));
+    QCOMPARE(feeds[0]->id(), a.id);
+    QCOMPARE(feeds[1]->id(), b.id);
+    QCOMPARE(feeds[0]->state(), FeedState::of(FeedState::Kind::unassigned));
+    QCOMPARE(feeds[1]->state(), FeedState::disconnected("Booth Cam"));
+    CameraFeed* kept = feeds[1];
+
+    // Removing the first stops and drops exactly that feed; the other stays as it was.
+    model->settings().setExtraCameras({b});
+    feeds = model->extraFeeds();
+    QCOMPARE(feeds.size(), std::size_t(1));
+    QCOMPARE(feeds[0], kept);
+    QCOMPARE(feedsChanged.size(), 2);
+    QCOMPARE(model->overlayUpdate().labels.value(b.id), QString());
+    QCOMPARE(model->overlayUpdate().labels.value(QUuid()), model->settings().cameraLabel());
+}
+
+void AppModelTest::recordsOnTavrinCommands()
+{
+    auto model = makeModel({.demo = true});
+    model->settings().setCameraLabel("Act 1/2");
+    StatusReporter reporter(*model);
+    QStringList lines;
+    connect(&reporter, &StatusReporter::line, this,
+            [&](const QString& line) { lines.append(line); });
+    model->start();
+    QTRY_COMPARE_WITH_TIMEOUT(model->feedState().kind, FeedState::Kind::live, 10000);
+    QTRY_VERIFY(model->show().listener().state().kind == OSCListener::State::Kind::listening);
+    QVERIFY(model->demo().isRunning());
+    QVERIFY(model->show().activeCue().has_value());
+
+    sendOSC(oscPort_, {"/TAVRIN/Record/Start", {}});
+    QTRY_VERIFY(model->isRecording());
+    const QString movie = *model->lastRecording();
+    QVERIFY2(QFileInfo(movie).fileName().startsWith("Act 1-2 "), qPrintable(movie));
+    // The cue that was active at the start is the first row, with the demo's timecode.
+    QCOMPARE(model->cueLog().size(), 1);
+    QVERIFY(model->cueLog()[0].event.startsWith("Cue "));
+    QVERIFY(model->cueLog()[0].timecode.startsWith("01:00:"));
+
+    sendOSC(oscPort_, {"/tavrin/marker", {OSCArgument(std::string("Scene 2, \"Storm\""))}});
+    sendOSC(oscPort_, {"/tavrin/marker", {}});
+    QTRY_COMPARE(model->cueLog().size() >= 3, true);
+    // The demo show fires its next cue within a few seconds: a row of its own.
+    QTRY_VERIFY_WITH_TIMEOUT(
+        std::count_if(model->cueLog().begin(), model->cueLog().end(),
+                      [](const CueLogEntry& e) { return e.event.startsWith("Cue "); }) >= 2,
+        15000);
+    sendOSC(oscPort_, {"/tavrin/record/stop", {}});
+    QSignalSpy finished(&model->recording(), &RecordingControl::recordingFinished);
+    QTRY_VERIFY(!model->isRecording());
+    QVERIFY(finished.wait(20000) || finished.size() == 1);
+
+    QFile csv(cueLogPath(movie));
+    QVERIFY(csv.open(QIODevice::ReadOnly));
+    const QList<QByteArray> rows = csv.readAll().split('\n');
+    QCOMPARE(rows[0], QByteArray("Recording Time,Timecode,Event,Detail"));
+    QVERIFY(rows.contains(QByteArray("Marker,\"Scene 2, \"\"Storm\"\"\"")) ||
+            std::any_of(rows.begin(), rows.end(), [](const QByteArray& row) {
+                return row.endsWith(",Marker,\"Scene 2, \"\"Storm\"\"\"");
+            }));
+    QVERIFY(std::any_of(rows.begin(), rows.end(),
+                        [](const QByteArray& row) { return row.endsWith(",Marker,Marker"); }));
+    QVERIFY(lines.contains("The camera is live."));
+    QVERIFY(lines.contains("Recording to “" + movie + "”."));
+    QVERIFY(lines.contains("Saved “" + movie + "”."));
+    QVERIFY(lines.contains("Saved the cue log “" + cueLogPath(movie) + "”."));
+
+    // A toggle starts again; a command with an argument of the wrong type is still a toggle.
+    sendOSC(oscPort_, {"/tavrin/record", {OSCArgument(QByteArray("\x01\x02", 2))}});
+    QTRY_VERIFY(model->isRecording());
+    QCOMPARE(model->cueLog().size(), 1); // a new recording starts a new log
+    sendOSC(oscPort_, {"/tavrin/record/toggle", {OSCArgument(std::int32_t(7))}});
+    QTRY_VERIFY(!model->isRecording());
+    QTRY_COMPARE(model->recording().finishingCount(), 0);
+}
+
+void AppModelTest::saysWhatWentWrong()
+{
+    auto model = makeModel();
+    model->settings().setCameraID(QStringLiteral("/dev/video-missing"));
+    model->start();
+    QCOMPARE(model->feedState(), FeedState::disconnected("The camera"));
+    model->startRecording();
+    QCOMPARE(model->errorMessage(), std::optional<QString>("There's no camera feed to record."));
+    QVERIFY(!model->isRecording());
+    model->dismissError();
+    QCOMPARE(model->errorMessage(), std::nullopt);
+
+    QFile notes(dir_->filePath("notes.txt"));
+    QVERIFY(notes.open(QIODevice::WriteOnly));
+    notes.write("not a picture");
+    notes.close();
+    model->setWatermarkImage(notes.fileName());
+    QCOMPARE(model->errorMessage(),
+             std::optional<QString>("Orvane couldn't read “notes.txt” as an image. Try a PNG or "
+                                    "JPEG."));
+    QVERIFY(!model->watermarkImage().has_value());
+
+    QImage logo(8, 8, QImage::Format_ARGB32);
+    logo.fill(Qt::red);
+    QVERIFY(logo.save(dir_->filePath("Logo.PNG"), "PNG"));
+    QSignalSpy watermark(model.get(), &AppModel::watermarkImageChanged);
+    model->setWatermarkImage(dir_->filePath("Logo.PNG"));
+    QCOMPARE(watermark.size(), 1);
+    QVERIFY(model->watermarkImage().has_value());
+    QCOMPARE(model->settings().watermarkImageFile(), std::optional<QString>("Watermark.png"));
+    QVERIFY(model->overlayUpdate().content.watermarkImage.has_value() ||
+            model->watermarkImage()->size() == QSize(8, 8));
+    model->clearWatermarkImage();
+    QVERIFY(!model->watermarkImage().has_value());
+}
+
+void AppModelTest::reportsNetworkChanges()
+{
+    // The first look only records; an equal list reports nothing.
+    NetworkPathMonitor monitor;
+    QSignalSpy changes(&monitor, &NetworkPathMonitor::interfacesChanged);
+    monitor.update({"lo"});
+    monitor.update({"lo"});
+    QCOMPARE(changes.size(), 0);
+    monitor.update({"veth0", "lo"});
+    QCOMPARE(changes.size(), 1);
+    QCOMPARE(changes[0][0].toStringList(), (QStringList{"lo", "veth0"}));
+    monitor.update({"lo", "veth0"});
+    QCOMPARE(changes.size(), 1);
+
+    if (!isolated)
+        QSKIP(qPrintable("needs a private network namespace: " + isolationError));
+    auto model = makeModel();
+    model->start();
+    QSignalSpy restarted(model.get(), &AppModel::networkRestarted);
+    model->pathMonitor().check();
+    QCOMPARE(restarted.size(), 0);
+    QString error;
+    auto host = NetNamespace::create("pathmon", QHostAddress("10.77.0.1"),
+                                     QHostAddress("10.77.0.2"), 24, &error);
+    QVERIFY2(host, qPrintable(error));
+    model->pathMonitor().check();
+    QCOMPARE(restarted.size(), 1);
+    QVERIFY(restarted[0][0].toStringList().contains(host->localInterface()));
+    // The listener was restarted and is back on its port.
+    QTRY_VERIFY(model->show().listener().state().kind == OSCListener::State::Kind::listening);
+    model->pathMonitor().check();
+    QCOMPARE(restarted.size(), 1);
+    const QString gone = host->localInterface();
+    host.reset();
+    model->pathMonitor().check();
+    QCOMPARE(restarted.size(), 2);
+    QVERIFY(!restarted[1][0].toStringList().contains(gone));
+}
+
+int main(int argc, char** argv)
+{
+    // Before any thread starts: threads made later share the private network.
+    isolated = NetNamespace::isolateThisProcess(&isolationError);
+    QGuiApplication app(argc, argv); // the overlay draws text
+    AppModelTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "AppModelTest.moc"

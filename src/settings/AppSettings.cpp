@@ -4,6 +4,8 @@
 #include "settings/JsonSettingsFormat.h"
 #include "settings/WatchedAddressJson.h"
 
+#include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -14,6 +16,8 @@
 #include <QSettings>
 #include <QStandardPaths>
 
+#include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <limits>
 #include <system_error>
@@ -26,26 +30,283 @@ namespace {
 
 const QString kMovedOutOfSandbox = QStringLiteral("movedOutOfSandbox");
 
-std::unique_ptr<QSettings> openStore(const QString& file)
+// The rules of the key table: which values a key keeps. Each answers the value to keep, or
+// nothing to refuse it (a refused stored value gives the default; a refused setter call
+// changes nothing), and says in words what it keeps, for the documentation.
+struct AnyValue {};
+constexpr AnyValue anyValue{};
+
+struct ClampedTo {
+    double lowest;
+    double highest;
+};
+constexpr ClampedTo overlayScaleRange{AppSettings::kMinimumOverlayScale,
+                                      AppSettings::kMaximumOverlayScale};
+
+// A name inside the support folder: never a path that leads out of it.
+struct PlainFileName {};
+constexpr PlainFileName plainFileName{};
+
+template <class T> std::optional<T> kept(AnyValue, const T& value)
 {
-    auto store = std::make_unique<QSettings>(file, jsonSettingsFormat());
-    store->setAtomicSyncRequired(true); // write a temporary file, then rename it over
-    if (store->status() == QSettings::FormatError)
-        qCWarning(lcSettings).noquote()
-            << "settings: couldn't read" << file << "as a JSON object; using the defaults";
-    return store;
+    return value;
 }
 
-bool isNumber(const QVariant& value)
+std::optional<double> kept(ClampedTo range, double value)
 {
-    const int type = value.metaType().id();
-    return type == QMetaType::LongLong || type == QMetaType::Int || type == QMetaType::Double;
+    if (!std::isfinite(value))
+        return std::nullopt;
+    return std::clamp(value, range.lowest, range.highest);
 }
 
-bool isWhole(const QVariant& value)
+bool isPlainFileName(const QString& name)
 {
-    const int type = value.metaType().id();
-    return type == QMetaType::LongLong || type == QMetaType::Int;
+    return !name.isEmpty() && name != u"." && name != u".." && !name.contains(u'/') &&
+           !name.contains(u'\\') && !name.contains(QChar(0));
+}
+
+std::optional<std::optional<QString>> kept(PlainFileName, const std::optional<QString>& name)
+{
+    if (name && !isPlainFileName(*name))
+        return std::nullopt;
+    return name;
+}
+
+QString described(AnyValue)
+{
+    return {};
+}
+
+QString described(ClampedTo range)
+{
+    return QStringLiteral("; kept between %1 and %2").arg(range.lowest).arg(range.highest);
+}
+
+QString described(PlainFileName)
+{
+    return QStringLiteral("; a plain file name, never a path");
+}
+
+// How each type of setting is read from the store, written to it and named in the
+// documentation. A read answers nothing when the stored value has another type; a write
+// answers nothing when the key is to be removed.
+template <class T> struct As {
+};
+
+bool holds(const QVariant& value, QMetaType::Type type)
+{
+    return value.metaType().id() == type;
+}
+
+std::optional<QString> text(const QVariant& value)
+{
+    if (!holds(value, QMetaType::QString))
+        return std::nullopt;
+    return value.toString();
+}
+
+QJsonValue json(const QVariant& value)
+{
+    return QJsonValue::fromVariant(value);
+}
+
+std::optional<bool> decode(const QVariant& value, As<bool>)
+{
+    if (!holds(value, QMetaType::Bool))
+        return std::nullopt;
+    return value.toBool();
+}
+
+std::optional<double> decode(const QVariant& value, As<double>)
+{
+    if (!holds(value, QMetaType::LongLong) && !holds(value, QMetaType::Int) &&
+        !holds(value, QMetaType::Double))
+        return std::nullopt;
+    return value.toDouble();
+}
+
+std::optional<int> decode(const QVariant& value, As<int>)
+{
+    if (!holds(value, QMetaType::LongLong) && !holds(value, QMetaType::Int))
+        return std::nullopt;
+    const qint64 number = value.toLongLong();
+    if (number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
+        return std::nullopt;
+    return int(number);
+}
+
+std::optional<QString> decode(const QVariant& value, As<QString>)
+{
+    return text(value);
+}
+
+std::optional<std::optional<QString>> decode(const QVariant& value, As<std::optional<QString>>)
+{
+    const auto stored = text(value);
+    if (!stored)
+        return std::nullopt;
+    return stored;
+}
+
+std::optional<QList<ExtraCamera>> decode(const QVariant& value, As<QList<ExtraCamera>>)
+{
+    return extraCamerasFromJson(json(value));
+}
+
+std::optional<OverlayLayout> decode(const QVariant& value, As<OverlayLayout>)
+{
+    return OverlayLayout::fromJson(json(value));
+}
+
+std::optional<QList<LayoutPreset>> decode(const QVariant& value, As<QList<LayoutPreset>>)
+{
+    return layoutPresetsFromJson(json(value));
+}
+
+std::optional<QList<WatchedAddress>> decode(const QVariant& value, As<QList<WatchedAddress>>)
+{
+    return watchedAddressesFromJson(json(value));
+}
+
+std::optional<OSCFraming> decode(const QVariant& value, As<OSCFraming>)
+{
+    return oscFramingFromRawValue(text(value).value_or(QString()));
+}
+
+std::optional<std::optional<NetworkKind>> decode(const QVariant& value,
+                                                 As<std::optional<NetworkKind>>)
+{
+    const auto kind = networkKindFromRawValue(text(value).value_or(QString()));
+    if (!kind)
+        return std::nullopt;
+    return kind;
+}
+
+std::optional<RecordingCodec> decode(const QVariant& value, As<RecordingCodec>)
+{
+    return recordingCodecFromRawValue(text(value).value_or(QString()));
+}
+
+template <class T> std::optional<QVariant> encode(const T& value)
+{
+    return QVariant(value);
+}
+
+std::optional<QVariant> encode(const std::optional<QString>& value)
+{
+    if (!value)
+        return std::nullopt;
+    return QVariant(*value);
+}
+
+std::optional<QVariant> encode(const QList<ExtraCamera>& value)
+{
+    return QVariant(extraCamerasToJson(value));
+}
+
+std::optional<QVariant> encode(const OverlayLayout& value)
+{
+    return QVariant(value.toJson());
+}
+
+std::optional<QVariant> encode(const QList<LayoutPreset>& value)
+{
+    return QVariant(layoutPresetsToJson(value));
+}
+
+std::optional<QVariant> encode(const QList<WatchedAddress>& value)
+{
+    return QVariant(watchedAddressesToJson(value));
+}
+
+std::optional<QVariant> encode(OSCFraming value)
+{
+    return QVariant(rawValue(value));
+}
+
+std::optional<QVariant> encode(const std::optional<NetworkKind>& value)
+{
+    if (!value)
+        return std::nullopt;
+    return QVariant(rawValue(*value));
+}
+
+std::optional<QVariant> encode(RecordingCodec value)
+{
+    return QVariant(rawValue(value));
+}
+
+QString typeName(As<bool>)
+{
+    return QStringLiteral("Bool");
+}
+
+QString typeName(As<double>)
+{
+    return QStringLiteral("Double");
+}
+
+QString typeName(As<int>)
+{
+    return QStringLiteral("Int");
+}
+
+QString typeName(As<QString>)
+{
+    return QStringLiteral("String");
+}
+
+QString typeName(As<std::optional<QString>>)
+{
+    return QStringLiteral("String, optional");
+}
+
+QString typeName(As<QList<ExtraCamera>>)
+{
+    return QStringLiteral("JSON: array of ExtraCamera");
+}
+
+QString typeName(As<OverlayLayout>)
+{
+    return QStringLiteral("JSON: OverlayLayout");
+}
+
+QString typeName(As<QList<LayoutPreset>>)
+{
+    return QStringLiteral("JSON: array of LayoutPreset");
+}
+
+QString typeName(As<QList<WatchedAddress>>)
+{
+    return QStringLiteral("JSON: array of WatchedAddress");
+}
+
+QString typeName(As<OSCFraming>)
+{
+    return QStringLiteral("String: OSCFraming");
+}
+
+QString typeName(As<std::optional<NetworkKind>>)
+{
+    return QStringLiteral("String, optional: NetworkKind");
+}
+
+QString typeName(As<RecordingCodec>)
+{
+    return QStringLiteral("String: RecordingCodec");
+}
+
+// The stored value of `key` as the key's type keeps it, or `fallback`.
+template <class T, class Rule>
+T read(const QVariantMap& stored, const QString& key, const Rule& rule, const T& fallback)
+{
+    const auto it = stored.constFind(key);
+    if (it == stored.cend())
+        return fallback;
+    const std::optional<T> decoded = decode(*it, As<T>{});
+    if (!decoded)
+        return fallback;
+    return kept(rule, *decoded).value_or(fallback);
 }
 
 // Copies `from` (a file, or a folder with everything in it) to `to`, leaving whatever
@@ -66,6 +327,50 @@ void copyMissing(const QFileInfo& from, const QString& to)
         folder.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
     for (const QFileInfo& item : items)
         copyMissing(item, to + u'/' + item.fileName());
+}
+
+std::unique_ptr<QSettings> openStore(const QString& file)
+{
+    auto store = std::make_unique<QSettings>(file, jsonSettingsFormat());
+    store->setAtomicSyncRequired(true); // write a temporary file, then rename it over
+    return store;
+}
+
+// The settings file's text; nothing when the file does not exist.
+std::optional<QByteArray> fileText(const QString& path, bool& readable)
+{
+    readable = true;
+    if (!QFileInfo::exists(path))
+        return std::nullopt;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        readable = false;
+        return QByteArray();
+    }
+    return file.readAll();
+}
+
+// Whether the file at `path` is missing or one JSON object.
+bool isMissingOrReadable(const QString& path)
+{
+    bool readable = true;
+    const auto text = fileText(path, readable);
+    return !text || (readable && settingsObjectFromText(*text));
+}
+
+// A free name beside the settings file for a damaged copy of it:
+// "Orvane.damaged-20260314-193005.json", with "-2", "-3"… when that is taken.
+QString damagedCopyPath(const QString& storeFile)
+{
+    const QFileInfo store(storeFile);
+    const QString stem = store.absolutePath() + u'/' + store.completeBaseName() +
+                         QStringLiteral(".damaged-") +
+                         QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    const QString suffix = u'.' + store.suffix();
+    QString path = stem + suffix;
+    for (int n = 2; QFileInfo::exists(path) || QFileInfo(path).isSymLink(); ++n)
+        path = stem + u'-' + QString::number(n) + suffix;
+    return path;
 }
 
 } // namespace
@@ -90,6 +395,8 @@ QString AppSettings::flatpakContainerFolder()
 
 void AppSettings::moveOutOfContainer(const Location& current, const Location& old)
 {
+    if (!isMissingOrReadable(current.storeFile))
+        return;
     const auto store = openStore(current.storeFile);
     const QVariant moved = store->value(kMovedOutOfSandbox);
     if (moved.metaType().id() == QMetaType::Bool && moved.toBool())
@@ -124,487 +431,185 @@ std::unique_ptr<AppSettings> AppSettings::openStandard(QObject* parent)
 AppSettings::AppSettings(Location location, QObject* parent)
     : QObject(parent)
     , location_(std::move(location))
-    , store_(openStore(location_.storeFile))
 {
-    readAll();
+    writeTimer_.setSingleShot(true);
+    writeTimer_.setInterval(kWriteDelay);
+    connect(&writeTimer_, &QTimer::timeout, this, &AppSettings::flush);
+    if (const auto* application = QCoreApplication::instance())
+        connect(application, &QCoreApplication::aboutToQuit, this, &AppSettings::flush);
+    open();
 }
 
-AppSettings::~AppSettings() = default;
+AppSettings::~AppSettings()
+{
+    flush();
+}
+
+void AppSettings::open()
+{
+    const QString& file = location_.storeFile;
+    bool readable = true;
+    const auto text = fileText(file, readable);
+    const auto object = readable && text ? settingsObjectFromText(*text) : std::nullopt;
+    if (!text || object) {
+        store_ = openStore(file);
+        QVariantMap stored;
+        const QStringList keys = store_->allKeys();
+        for (const QString& key : keys)
+            stored.insert(key, store_->value(key));
+        readAll(stored);
+        return;
+    }
+
+    // A damaged file: keep it as it is under another name, and start a new one with every
+    // member that can still be read from it.
+    const QJsonObject members = readableMembers(readable ? *text : QByteArray());
+    QVariantMap stored;
+    for (auto member = members.begin(); member != members.end(); ++member)
+        stored.insert(member.key(), settingsValueFromJson(member.value()));
+    readAll(stored);
+
+    const QString copy = damagedCopyPath(file);
+    QFile damaged(file);
+    if (!damaged.rename(copy)) {
+        qCWarning(lcSettings).noquote()
+            << "settings: couldn't read" << file << "as a JSON object, nor move it to" << copy
+            << "(" + damaged.errorString() + "); nothing will be written to it";
+        canWrite_ = false;
+        store_ = openStore(file);
+        damagedFileMessage_ =
+            QStringLiteral("Orvane couldn't read all of its settings in “%1” and couldn't move "
+                           "that file aside, so changes to settings won't be saved.")
+                .arg(QDir::toNativeSeparators(file));
+        return;
+    }
+    qCWarning(lcSettings).noquote()
+        << "settings: couldn't read" << file << "as a JSON object; kept it as" << copy << "and read"
+        << members.size() << "of its keys";
+    damagedFileCopy_ = copy;
+    damagedFileMessage_ =
+        QStringLiteral("Orvane couldn't read all of its settings, so it kept the damaged file "
+                       "as “%1” and uses every setting it could still read.")
+            .arg(QDir::toNativeSeparators(copy));
+    store_ = openStore(file);
+    for (auto entry = stored.begin(); entry != stored.end(); ++entry)
+        store_->setValue(entry.key(), entry.value());
+    store_->sync();
+}
 
 QStringList AppSettings::keys()
 {
     return {
-        QStringLiteral("cameraID"),         QStringLiteral("audioDeviceID"),
-        QStringLiteral("recordsAudio"),     QStringLiteral("audioGain"),
-        QStringLiteral("isMirrored"),       QStringLiteral("extraCameras"),
-        QStringLiteral("overlayEnabled"),   QStringLiteral("overlayScale"),
-        QStringLiteral("overlayOpacity"),   QStringLiteral("cameraLabel"),
-        QStringLiteral("showsTimecode"),    QStringLiteral("showsCue"),
-        QStringLiteral("showsNextCue"),     QStringLiteral("showsShowName"),
-        QStringLiteral("showsFields"),      QStringLiteral("showsDate"),
-        QStringLiteral("showsClock"),       QStringLiteral("showsQLabCues"),
-        QStringLiteral("overlayLayout"),    QStringLiteral("layoutPresets"),
-        QStringLiteral("watermarkText"),    QStringLiteral("watermarkImageFile"),
-        QStringLiteral("watermarkOpacity"), QStringLiteral("qlabEnabled"),
-        QStringLiteral("qlabHost"),         QStringLiteral("qlabPort"),
-        QStringLiteral("qlabPasscode"),     QStringLiteral("qlabWorkspace"),
-        QStringLiteral("oscEnabled"),       QStringLiteral("oscPort"),
-        QStringLiteral("eosEnabled"),       QStringLiteral("eosHost"),
-        QStringLiteral("eosFraming"),       QStringLiteral("eosPort"),
-        QStringLiteral("eosConsoleID"),     QStringLiteral("eosConsoleName"),
-        QStringLiteral("eosNetwork"),       QStringLiteral("eosAutoConnect"),
-        QStringLiteral("watchedAddresses"), QStringLiteral("ndiEnabled"),
-        QStringLiteral("ndiName"),          QStringLiteral("webViewerEnabled"),
-        QStringLiteral("webViewerPort"),    QStringLiteral("codec"),
-        QStringLiteral("writesCueLog"),
+#define ORVANE_SETTING_KEY(Type, name, Name, fallback, rule, meaning) QStringLiteral(#name),
+        ORVANE_SETTINGS(ORVANE_SETTING_KEY)
+#undef ORVANE_SETTING_KEY
     };
 }
 
-void AppSettings::readAll()
+QList<AppSettings::KeyInfo> AppSettings::keyInfos()
 {
-    cameraID_ = readOptionalString(u"cameraID");
-    audioDeviceID_ = readOptionalString(u"audioDeviceID");
-    recordsAudio_ = readBool(u"recordsAudio", true);
-    audioGain_ = readDouble(u"audioGain", 1.0);
-    isMirrored_ = readBool(u"isMirrored", false);
-    extraCameras_ = extraCamerasFromJson(readJson(u"extraCameras")).value_or(QList<ExtraCamera>{});
-    overlayEnabled_ = readBool(u"overlayEnabled", true);
-    overlayScale_ = readDouble(u"overlayScale", 1.0);
-    overlayOpacity_ = readDouble(u"overlayOpacity", 0.7);
-    cameraLabel_ = readString(u"cameraLabel", QStringLiteral("Stage Cam"));
-    showsTimecode_ = readBool(u"showsTimecode", true);
-    showsCue_ = readBool(u"showsCue", true);
-    showsNextCue_ = readBool(u"showsNextCue", true);
-    showsShowName_ = readBool(u"showsShowName", false);
-    showsFields_ = readBool(u"showsFields", true);
-    showsDate_ = readBool(u"showsDate", false);
-    showsClock_ = readBool(u"showsClock", true);
-    showsQLabCues_ = readBool(u"showsQLabCues", true);
-    overlayLayout_ = OverlayLayout::fromJson(readJson(u"overlayLayout"))
-                         .value_or(OverlayLayout::defaultLayout());
-    layoutPresets_ =
-        layoutPresetsFromJson(readJson(u"layoutPresets")).value_or(QList<LayoutPreset>{});
-    watermarkText_ = readString(u"watermarkText", QString());
-    watermarkImageFile_ = readOptionalString(u"watermarkImageFile");
-    watermarkOpacity_ = readDouble(u"watermarkOpacity", 0.6);
-    qlabEnabled_ = readBool(u"qlabEnabled", true);
-    qlabHost_ = readString(u"qlabHost", QString());
-    qlabPort_ = readInt(u"qlabPort", 53000);
-    qlabPasscode_ = readString(u"qlabPasscode", QString());
-    qlabWorkspace_ = readString(u"qlabWorkspace", QString());
-    oscEnabled_ = readBool(u"oscEnabled", true);
-    oscPort_ = readInt(u"oscPort", 8001);
-    eosEnabled_ = readBool(u"eosEnabled", true);
-    eosHost_ = readString(u"eosHost", QString());
-    eosFraming_ = oscFramingFromRawValue(readString(u"eosFraming", {})).value_or(OSCFraming::slip);
-    eosPort_ = readInt(u"eosPort", eosFraming_ == OSCFraming::lengthPrefixed ? 3032 : 3037);
-    eosConsoleID_ = readOptionalString(u"eosConsoleID");
-    eosConsoleName_ = readOptionalString(u"eosConsoleName");
-    eosNetwork_ = networkKindFromRawValue(readString(u"eosNetwork", {}));
-    eosAutoConnect_ = readBool(u"eosAutoConnect", true);
-    watchedAddresses_ =
-        watchedAddressesFromJson(readJson(u"watchedAddresses")).value_or(QList<WatchedAddress>{});
-    ndiEnabled_ = readBool(u"ndiEnabled", false);
-    ndiName_ = readString(u"ndiName", QStringLiteral("Orvane"));
-    webViewerEnabled_ = readBool(u"webViewerEnabled", false);
-    webViewerPort_ = readInt(u"webViewerPort", 8090);
-    codec_ = recordingCodecFromRawValue(readString(u"codec", {})).value_or(RecordingCodec::hevc);
-    writesCueLog_ = readBool(u"writesCueLog", true);
+    QStringList lookKeys;
+#define ORVANE_LOOK_KEY(Type, field, setting, Setting, fallback)                                   \
+    lookKeys << QStringLiteral(#setting);
+    ORVANE_OVERLAY_LOOK(ORVANE_LOOK_KEY)
+#undef ORVANE_LOOK_KEY
+    return {
+#define ORVANE_SETTING_INFO(Type, name, Name, fallback, rule, meaning)                             \
+    KeyInfo{QStringLiteral(#name), typeName(As<Type>{}),                                           \
+            QStringLiteral(meaning) + described(rule), lookKeys.contains(QStringLiteral(#name))},
+        ORVANE_SETTINGS(ORVANE_SETTING_INFO)
+#undef ORVANE_SETTING_INFO
+    };
 }
 
-bool AppSettings::readBool(QStringView key, bool fallback) const
+int AppSettings::defaultEosPort(OSCFraming framing)
 {
-    const QVariant value = store_->value(key);
-    if (value.metaType().id() != QMetaType::Bool)
-        return fallback;
-    return value.toBool();
+    return framing == OSCFraming::lengthPrefixed ? 3032 : 3037;
 }
 
-double AppSettings::readDouble(QStringView key, double fallback) const
+void AppSettings::readAll(const QVariantMap& stored)
 {
-    const QVariant value = store_->value(key);
-    if (!isNumber(value))
-        return fallback;
-    return value.toDouble();
+    // In table order: a default may follow a key read before it (eosPort from eosFraming).
+#define ORVANE_READ_SETTING(Type, name, Name, fallback, rule, meaning)                             \
+    name##_ = read<Type>(stored, QStringLiteral(#name), rule, fallback);
+    ORVANE_SETTINGS(ORVANE_READ_SETTING)
+#undef ORVANE_READ_SETTING
 }
 
-int AppSettings::readInt(QStringView key, int fallback) const
+void AppSettings::write(QStringView key, const std::optional<QVariant>& value)
 {
-    const QVariant value = store_->value(key);
-    if (!isWhole(value))
-        return fallback;
-    const qint64 number = value.toLongLong();
-    if (number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max())
-        return fallback;
-    return int(number);
+    pending_.insert(key.toString(), value);
+    if (!writeTimer_.isActive())
+        writeTimer_.start();
 }
 
-QString AppSettings::readString(QStringView key, const QString& fallback) const
-{
-    const QVariant value = store_->value(key);
-    if (value.metaType().id() != QMetaType::QString)
-        return fallback;
-    return value.toString();
-}
-
-std::optional<QString> AppSettings::readOptionalString(QStringView key) const
-{
-    const QVariant value = store_->value(key);
-    if (value.metaType().id() != QMetaType::QString)
-        return std::nullopt;
-    return value.toString();
-}
-
-QJsonValue AppSettings::readJson(QStringView key) const
-{
-    return QJsonValue::fromVariant(store_->value(key));
-}
-
-void AppSettings::write(QStringView key, const QVariant& value)
-{
-    store_->setValue(key, value);
-    store_->sync();
-    if (store_->status() == QSettings::AccessError)
-        qCWarning(lcSettings).noquote()
-            << "settings: couldn't write" << key << "to" << location_.storeFile;
-}
-
-void AppSettings::remove(QStringView key)
-{
-    store_->remove(key);
-    store_->sync();
-}
-
-void AppSettings::store(QStringView key, bool value)
-{
-    write(key, value);
-}
-
-void AppSettings::store(QStringView key, double value)
-{
-    write(key, value);
-}
-
-void AppSettings::store(QStringView key, int value)
-{
-    write(key, value);
-}
-
-void AppSettings::store(QStringView key, const QString& value)
-{
-    write(key, value);
-}
-
-void AppSettings::store(QStringView key, const std::optional<QString>& value)
-{
-    if (!value) {
-        remove(key);
-        return;
-    }
-    write(key, *value);
-}
-
-void AppSettings::store(QStringView key, const QList<ExtraCamera>& value)
-{
-    write(key, extraCamerasToJson(value));
-}
-
-void AppSettings::store(QStringView key, const OverlayLayout& value)
-{
-    write(key, value.toJson());
-}
-
-void AppSettings::store(QStringView key, const QList<LayoutPreset>& value)
-{
-    write(key, layoutPresetsToJson(value));
-}
-
-void AppSettings::store(QStringView key, const QList<WatchedAddress>& value)
-{
-    write(key, watchedAddressesToJson(value));
-}
-
-void AppSettings::store(QStringView key, OSCFraming value)
-{
-    write(key, rawValue(value));
-}
-
-void AppSettings::store(QStringView key, const std::optional<NetworkKind>& value)
-{
-    if (!value) {
-        remove(key);
-        return;
-    }
-    write(key, rawValue(*value));
-}
-
-void AppSettings::store(QStringView key, RecordingCodec value)
-{
-    write(key, rawValue(value));
-}
-
-template <class T>
-void AppSettings::assign(T& field, const T& value, QStringView key, void (AppSettings::*changed)())
+void AppSettings::flush()
 {
     assertOnOwnThread(this);
-    store(key, value);
-    if (field == value)
+    writeTimer_.stop();
+    if (pending_.isEmpty())
         return;
-    field = value;
+    if (!canWrite_) {
+        qCInfo(lcSettings).noquote() << "settings: not writing" << pending_.size()
+                                     << "changed keys to the damaged" << location_.storeFile;
+        pending_.clear();
+        return;
+    }
+    for (auto entry = pending_.begin(); entry != pending_.end(); ++entry) {
+        if (entry.value())
+            store_->setValue(entry.key(), *entry.value());
+        else
+            store_->remove(entry.key());
+    }
+    const auto written = pending_.size();
+    pending_.clear();
+    store_->sync();
+    if (store_->status() != QSettings::NoError)
+        qCWarning(lcSettings).noquote()
+            << "settings: couldn't write" << written << "changed keys to" << location_.storeFile;
+}
+
+template <class T, class Rule>
+void AppSettings::assign(T& field, const T& value, QStringView key, const Rule& rule,
+                         void (AppSettings::*changed)())
+{
+    assertOnOwnThread(this);
+    const std::optional<T> accepted = kept(rule, value);
+    if (!accepted) {
+        qCInfo(lcSettings).noquote()
+            << QStringLiteral("settings: refused a value of %1%2").arg(key, described(rule));
+        return;
+    }
+    write(key, encode(*accepted));
+    if (field == *accepted)
+        return;
+    field = *accepted;
     Q_EMIT(this->*changed)();
 }
 
-void AppSettings::setCameraID(const std::optional<QString>& value)
-{
-    assign(cameraID_, value, u"cameraID", &AppSettings::cameraIDChanged);
-}
-
-void AppSettings::setAudioDeviceID(const std::optional<QString>& value)
-{
-    assign(audioDeviceID_, value, u"audioDeviceID", &AppSettings::audioDeviceIDChanged);
-}
-
-void AppSettings::setRecordsAudio(bool value)
-{
-    assign(recordsAudio_, value, u"recordsAudio", &AppSettings::recordsAudioChanged);
-}
-
-void AppSettings::setAudioGain(double value)
-{
-    assign(audioGain_, value, u"audioGain", &AppSettings::audioGainChanged);
-}
-
-void AppSettings::setIsMirrored(bool value)
-{
-    assign(isMirrored_, value, u"isMirrored", &AppSettings::isMirroredChanged);
-}
-
-void AppSettings::setExtraCameras(const QList<ExtraCamera>& value)
-{
-    assign(extraCameras_, value, u"extraCameras", &AppSettings::extraCamerasChanged);
-}
-
-void AppSettings::setOverlayEnabled(bool value)
-{
-    assign(overlayEnabled_, value, u"overlayEnabled", &AppSettings::overlayEnabledChanged);
-}
-
-void AppSettings::setOverlayScale(double value)
-{
-    assign(overlayScale_, value, u"overlayScale", &AppSettings::overlayScaleChanged);
-}
-
-void AppSettings::setOverlayOpacity(double value)
-{
-    assign(overlayOpacity_, value, u"overlayOpacity", &AppSettings::overlayOpacityChanged);
-}
-
-void AppSettings::setCameraLabel(const QString& value)
-{
-    assign(cameraLabel_, value, u"cameraLabel", &AppSettings::cameraLabelChanged);
-}
-
-void AppSettings::setShowsTimecode(bool value)
-{
-    assign(showsTimecode_, value, u"showsTimecode", &AppSettings::showsTimecodeChanged);
-}
-
-void AppSettings::setShowsCue(bool value)
-{
-    assign(showsCue_, value, u"showsCue", &AppSettings::showsCueChanged);
-}
-
-void AppSettings::setShowsNextCue(bool value)
-{
-    assign(showsNextCue_, value, u"showsNextCue", &AppSettings::showsNextCueChanged);
-}
-
-void AppSettings::setShowsShowName(bool value)
-{
-    assign(showsShowName_, value, u"showsShowName", &AppSettings::showsShowNameChanged);
-}
-
-void AppSettings::setShowsFields(bool value)
-{
-    assign(showsFields_, value, u"showsFields", &AppSettings::showsFieldsChanged);
-}
-
-void AppSettings::setShowsDate(bool value)
-{
-    assign(showsDate_, value, u"showsDate", &AppSettings::showsDateChanged);
-}
-
-void AppSettings::setShowsClock(bool value)
-{
-    assign(showsClock_, value, u"showsClock", &AppSettings::showsClockChanged);
-}
-
-void AppSettings::setShowsQLabCues(bool value)
-{
-    assign(showsQLabCues_, value, u"showsQLabCues", &AppSettings::showsQLabCuesChanged);
-}
-
-void AppSettings::setOverlayLayout(const OverlayLayout& value)
-{
-    assign(overlayLayout_, value, u"overlayLayout", &AppSettings::overlayLayoutChanged);
-}
-
-void AppSettings::setLayoutPresets(const QList<LayoutPreset>& value)
-{
-    assign(layoutPresets_, value, u"layoutPresets", &AppSettings::layoutPresetsChanged);
-}
-
-void AppSettings::setWatermarkText(const QString& value)
-{
-    assign(watermarkText_, value, u"watermarkText", &AppSettings::watermarkTextChanged);
-}
-
-void AppSettings::setWatermarkImageFile(const std::optional<QString>& value)
-{
-    assign(watermarkImageFile_, value, u"watermarkImageFile",
-           &AppSettings::watermarkImageFileChanged);
-}
-
-void AppSettings::setWatermarkOpacity(double value)
-{
-    assign(watermarkOpacity_, value, u"watermarkOpacity", &AppSettings::watermarkOpacityChanged);
-}
-
-void AppSettings::setQlabEnabled(bool value)
-{
-    assign(qlabEnabled_, value, u"qlabEnabled", &AppSettings::qlabEnabledChanged);
-}
-
-void AppSettings::setQlabHost(const QString& value)
-{
-    assign(qlabHost_, value, u"qlabHost", &AppSettings::qlabHostChanged);
-}
-
-void AppSettings::setQlabPort(int value)
-{
-    assign(qlabPort_, value, u"qlabPort", &AppSettings::qlabPortChanged);
-}
-
-void AppSettings::setQlabPasscode(const QString& value)
-{
-    assign(qlabPasscode_, value, u"qlabPasscode", &AppSettings::qlabPasscodeChanged);
-}
-
-void AppSettings::setQlabWorkspace(const QString& value)
-{
-    assign(qlabWorkspace_, value, u"qlabWorkspace", &AppSettings::qlabWorkspaceChanged);
-}
-
-void AppSettings::setOscEnabled(bool value)
-{
-    assign(oscEnabled_, value, u"oscEnabled", &AppSettings::oscEnabledChanged);
-}
-
-void AppSettings::setOscPort(int value)
-{
-    assign(oscPort_, value, u"oscPort", &AppSettings::oscPortChanged);
-}
-
-void AppSettings::setEosEnabled(bool value)
-{
-    assign(eosEnabled_, value, u"eosEnabled", &AppSettings::eosEnabledChanged);
-}
-
-void AppSettings::setEosHost(const QString& value)
-{
-    assign(eosHost_, value, u"eosHost", &AppSettings::eosHostChanged);
-}
-
-void AppSettings::setEosFraming(OSCFraming value)
-{
-    assign(eosFraming_, value, u"eosFraming", &AppSettings::eosFramingChanged);
-}
-
-void AppSettings::setEosPort(int value)
-{
-    assign(eosPort_, value, u"eosPort", &AppSettings::eosPortChanged);
-}
-
-void AppSettings::setEosConsoleID(const std::optional<QString>& value)
-{
-    assign(eosConsoleID_, value, u"eosConsoleID", &AppSettings::eosConsoleIDChanged);
-}
-
-void AppSettings::setEosConsoleName(const std::optional<QString>& value)
-{
-    assign(eosConsoleName_, value, u"eosConsoleName", &AppSettings::eosConsoleNameChanged);
-}
-
-void AppSettings::setEosNetwork(const std::optional<NetworkKind>& value)
-{
-    assign(eosNetwork_, value, u"eosNetwork", &AppSettings::eosNetworkChanged);
-}
-
-void AppSettings::setEosAutoConnect(bool value)
-{
-    assign(eosAutoConnect_, value, u"eosAutoConnect", &AppSettings::eosAutoConnectChanged);
-}
-
-void AppSettings::setWatchedAddresses(const QList<WatchedAddress>& value)
-{
-    assign(watchedAddresses_, value, u"watchedAddresses", &AppSettings::watchedAddressesChanged);
-}
-
-void AppSettings::setNdiEnabled(bool value)
-{
-    assign(ndiEnabled_, value, u"ndiEnabled", &AppSettings::ndiEnabledChanged);
-}
-
-void AppSettings::setNdiName(const QString& value)
-{
-    assign(ndiName_, value, u"ndiName", &AppSettings::ndiNameChanged);
-}
-
-void AppSettings::setWebViewerEnabled(bool value)
-{
-    assign(webViewerEnabled_, value, u"webViewerEnabled", &AppSettings::webViewerEnabledChanged);
-}
-
-void AppSettings::setWebViewerPort(int value)
-{
-    assign(webViewerPort_, value, u"webViewerPort", &AppSettings::webViewerPortChanged);
-}
-
-void AppSettings::setCodec(RecordingCodec value)
-{
-    assign(codec_, value, u"codec", &AppSettings::codecChanged);
-}
-
-void AppSettings::setWritesCueLog(bool value)
-{
-    assign(writesCueLog_, value, u"writesCueLog", &AppSettings::writesCueLogChanged);
-}
+#define ORVANE_SETTING_SETTER(Type, name, Name, fallback, rule, meaning)                           \
+    void AppSettings::set##Name(SettingArgument<Type> value)                                       \
+    {                                                                                              \
+        assign(name##_, value, u"" #name, rule, &AppSettings::name##Changed);                      \
+    }
+ORVANE_SETTINGS(ORVANE_SETTING_SETTER)
+#undef ORVANE_SETTING_SETTER
 
 OverlayLook AppSettings::currentLook() const
 {
-    return OverlayLook{overlayLayout_,   overlayScale_,  overlayOpacity_, showsClock_,
-                       showsDate_,       showsTimecode_, showsCue_,       showsNextCue_,
-                       showsShowName_,   showsFields_,   showsQLabCues_,  watermarkText_,
-                       watermarkOpacity_};
+    OverlayLook look;
+#define ORVANE_LOOK_FROM_SETTING(Type, field, setting, Setting, fallback) look.field = setting##_;
+    ORVANE_OVERLAY_LOOK(ORVANE_LOOK_FROM_SETTING)
+#undef ORVANE_LOOK_FROM_SETTING
+    return look;
 }
 
 void AppSettings::applyLook(const OverlayLook& look)
 {
-    setOverlayLayout(look.layout);
-    setOverlayScale(look.scale);
-    setOverlayOpacity(look.opacity);
-    setShowsClock(look.showsClock);
-    setShowsDate(look.showsDate);
-    setShowsTimecode(look.showsTimecode);
-    setShowsCue(look.showsCue);
-    setShowsNextCue(look.showsNextCue);
-    setShowsShowName(look.showsShowName);
-    setShowsFields(look.showsFields);
-    setShowsQLabCues(look.showsQLabCues);
-    setWatermarkText(look.watermarkText);
-    setWatermarkOpacity(look.watermarkOpacity);
+#define ORVANE_LOOK_TO_SETTING(Type, field, setting, Setting, fallback) set##Setting(look.field);
+    ORVANE_OVERLAY_LOOK(ORVANE_LOOK_TO_SETTING)
+#undef ORVANE_LOOK_TO_SETTING
 }
-
 void AppSettings::saveLayoutPreset(const QString& name)
 {
     assertOnOwnThread(this);

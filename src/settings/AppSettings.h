@@ -10,73 +10,96 @@
 #include "show/WatchedAddress.h"
 
 #include <QList>
+#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 #include <QStringView>
+#include <QTimer>
+#include <QVariant>
 
+#include <chrono>
 #include <memory>
 #include <optional>
+#include <type_traits>
 
 class QSettings;
 
+// The settings, one row per key of the settings file, in the order in which they are read:
+//     X(type, key, Key, default, rule, "meaning")
+// Each row makes a Qt property `key` of AppSettings with the accessor `type key() const`,
+// the setter `void setKey(type)` and the NOTIFY signal `void keyChanged()`, which fires only
+// when the value really changes. The default is the value when the file lacks the key or
+// holds something else there; the rule says which values are kept (see AppSettings.cpp);
+// the meaning is the key's line in docs/settings.md, which a test compares with this table.
+// A new setting is one row here.
+// clang-format off
+#define ORVANE_SETTINGS(X) \
+    X(std::optional<QString>, cameraID, CameraID, std::nullopt, anyValue, "unique identifier of the main camera") \
+    X(std::optional<QString>, audioDeviceID, AudioDeviceID, std::nullopt, anyValue, "unique identifier of the microphone") \
+    X(bool, recordsAudio, RecordsAudio, true, anyValue, "record sound with the main camera") \
+    X(double, audioGain, AudioGain, 1.0, anyValue, "gain applied to the microphone") \
+    X(bool, isMirrored, IsMirrored, false, anyValue, "mirror the main camera picture") \
+    X(QList<ExtraCamera>, extraCameras, ExtraCameras, {}, anyValue, "the extra cameras, in order") \
+    X(bool, overlayEnabled, OverlayEnabled, true, anyValue, "draw the overlay at all") \
+    X(double, overlayScale, OverlayScale, OverlayLook{}.scale, overlayScaleRange, "overlay size factor") \
+    X(double, overlayOpacity, OverlayOpacity, OverlayLook{}.opacity, anyValue, "overlay panel opacity") \
+    X(QString, cameraLabel, CameraLabel, QStringLiteral("Stage Cam"), anyValue, "label of the main camera on the overlay") \
+    X(bool, showsTimecode, ShowsTimecode, OverlayLook{}.showsTimecode, anyValue, "overlay shows the timecode") \
+    X(bool, showsCue, ShowsCue, OverlayLook{}.showsCue, anyValue, "overlay shows the current cue") \
+    X(bool, showsNextCue, ShowsNextCue, OverlayLook{}.showsNextCue, anyValue, "overlay shows the next cue") \
+    X(bool, showsShowName, ShowsShowName, OverlayLook{}.showsShowName, anyValue, "overlay shows the show name") \
+    X(bool, showsFields, ShowsFields, OverlayLook{}.showsFields, anyValue, "overlay shows custom fields") \
+    X(bool, showsDate, ShowsDate, OverlayLook{}.showsDate, anyValue, "overlay shows the date") \
+    X(bool, showsClock, ShowsClock, OverlayLook{}.showsClock, anyValue, "overlay shows the clock") \
+    X(bool, showsQLabCues, ShowsQLabCues, OverlayLook{}.showsQLabCues, anyValue, "overlay shows running QLab cues") \
+    X(OverlayLayout, overlayLayout, OverlayLayout, OverlayLook{}.layout, anyValue, "widget placements") \
+    X(QList<LayoutPreset>, layoutPresets, LayoutPresets, {}, anyValue, "named saved looks") \
+    X(QString, watermarkText, WatermarkText, OverlayLook{}.watermarkText, anyValue, "watermark text") \
+    X(std::optional<QString>, watermarkImageFile, WatermarkImageFile, std::nullopt, plainFileName, "file name of the watermark image in the support folder") \
+    X(double, watermarkOpacity, WatermarkOpacity, OverlayLook{}.watermarkOpacity, anyValue, "watermark opacity") \
+    X(bool, qlabEnabled, QlabEnabled, true, anyValue, "follow QLab") \
+    X(QString, qlabHost, QlabHost, QString(), anyValue, "QLab host name or address") \
+    X(int, qlabPort, QlabPort, 53000, anyValue, "QLab OSC port") \
+    X(QString, qlabPasscode, QlabPasscode, QString(), anyValue, "QLab workspace passcode") \
+    X(QString, qlabWorkspace, QlabWorkspace, QString(), anyValue, "chosen QLab workspace identifier") \
+    X(bool, oscEnabled, OscEnabled, true, anyValue, "run the incoming OSC listener") \
+    X(int, oscPort, OscPort, 8001, anyValue, "listener port") \
+    X(bool, eosEnabled, EosEnabled, true, anyValue, "follow an Eos console") \
+    X(QString, eosHost, EosHost, QString(), anyValue, "console host name or address") \
+    X(OSCFraming, eosFraming, EosFraming, OSCFraming::slip, anyValue, "\"slip\" or \"lengthPrefixed\"; anything else is \"slip\"") \
+    X(int, eosPort, EosPort, defaultEosPort(eosFraming_), anyValue, "console TCP port") \
+    X(std::optional<QString>, eosConsoleID, EosConsoleID, std::nullopt, anyValue, "identifier of the chosen discovered console") \
+    X(std::optional<QString>, eosConsoleName, EosConsoleName, std::nullopt, anyValue, "its display name") \
+    X(std::optional<NetworkKind>, eosNetwork, EosNetwork, std::nullopt, anyValue, "\"wired\", \"wifi\" or \"other\": where the chosen console was found; anything else is none") \
+    X(bool, eosAutoConnect, EosAutoConnect, true, anyValue, "connect to the chosen console automatically") \
+    X(QList<WatchedAddress>, watchedAddresses, WatchedAddresses, {}, anyValue, "OSC addresses shown as fields") \
+    X(bool, ndiEnabled, NdiEnabled, false, anyValue, "send the NDI source") \
+    X(QString, ndiName, NdiName, QStringLiteral("Orvane"), anyValue, "NDI source name") \
+    X(bool, webViewerEnabled, WebViewerEnabled, false, anyValue, "run the web viewer") \
+    X(int, webViewerPort, WebViewerPort, 8090, anyValue, "web viewer HTTP port") \
+    X(RecordingCodec, codec, Codec, RecordingCodec::hevc, anyValue, "\"hevc\", \"h264\" or \"proRes422Proxy\"; anything else is \"hevc\"") \
+    X(bool, writesCueLog, WritesCueLog, true, anyValue, "write a CSV cue log beside each movie")
+// clang-format on
+
 namespace orvane {
 
-// Everything the operator chooses, one property per key of the defaults store (the key is
-// the property's name). Every key is read once when the object is built; a missing or
-// mistyped value, or JSON that does not decode, gives the key's default without a word.
-// Every setter writes the store at once, even when the value is unchanged, and the NOTIFY
-// signal fires only when the value really changed. docs/settings.md lists the keys.
-// Main thread only.
+// How a setter takes its value: small values by value, the others by reference.
+template <class T> using SettingArgument = std::conditional_t<std::is_scalar_v<T>, T, const T&>;
+
+// Everything the operator chooses, one property per row of ORVANE_SETTINGS (the key is the
+// property's name). Every key is read once when the object is built; a missing or mistyped
+// value, JSON that does not decode, or a value its rule refuses gives the key's default
+// without a word. A settings file that is no JSON object is kept aside and read as far as
+// it can be (damagedFileMessage()). Setters gather their writes: the file is written once a
+// short moment after a change (kWriteDelay), on flush(), when the application quits and when
+// the object is destroyed. docs/settings.md describes the keys. Main thread only.
 class AppSettings : public QObject {
     Q_OBJECT
-    // clang-format off
-    Q_PROPERTY(std::optional<QString> cameraID READ cameraID WRITE setCameraID NOTIFY cameraIDChanged)
-    Q_PROPERTY(std::optional<QString> audioDeviceID READ audioDeviceID WRITE setAudioDeviceID NOTIFY audioDeviceIDChanged)
-    Q_PROPERTY(bool recordsAudio READ recordsAudio WRITE setRecordsAudio NOTIFY recordsAudioChanged)
-    Q_PROPERTY(double audioGain READ audioGain WRITE setAudioGain NOTIFY audioGainChanged)
-    Q_PROPERTY(bool isMirrored READ isMirrored WRITE setIsMirrored NOTIFY isMirroredChanged)
-    Q_PROPERTY(QList<ExtraCamera> extraCameras READ extraCameras WRITE setExtraCameras NOTIFY extraCamerasChanged)
-    Q_PROPERTY(bool overlayEnabled READ overlayEnabled WRITE setOverlayEnabled NOTIFY overlayEnabledChanged)
-    Q_PROPERTY(double overlayScale READ overlayScale WRITE setOverlayScale NOTIFY overlayScaleChanged)
-    Q_PROPERTY(double overlayOpacity READ overlayOpacity WRITE setOverlayOpacity NOTIFY overlayOpacityChanged)
-    Q_PROPERTY(QString cameraLabel READ cameraLabel WRITE setCameraLabel NOTIFY cameraLabelChanged)
-    Q_PROPERTY(bool showsTimecode READ showsTimecode WRITE setShowsTimecode NOTIFY showsTimecodeChanged)
-    Q_PROPERTY(bool showsCue READ showsCue WRITE setShowsCue NOTIFY showsCueChanged)
-    Q_PROPERTY(bool showsNextCue READ showsNextCue WRITE setShowsNextCue NOTIFY showsNextCueChanged)
-    Q_PROPERTY(bool showsShowName READ showsShowName WRITE setShowsShowName NOTIFY showsShowNameChanged)
-    Q_PROPERTY(bool showsFields READ showsFields WRITE setShowsFields NOTIFY showsFieldsChanged)
-    Q_PROPERTY(bool showsDate READ showsDate WRITE setShowsDate NOTIFY showsDateChanged)
-    Q_PROPERTY(bool showsClock READ showsClock WRITE setShowsClock NOTIFY showsClockChanged)
-    Q_PROPERTY(bool showsQLabCues READ showsQLabCues WRITE setShowsQLabCues NOTIFY showsQLabCuesChanged)
-    Q_PROPERTY(OverlayLayout overlayLayout READ overlayLayout WRITE setOverlayLayout NOTIFY overlayLayoutChanged)
-    Q_PROPERTY(QList<LayoutPreset> layoutPresets READ layoutPresets WRITE setLayoutPresets NOTIFY layoutPresetsChanged)
-    Q_PROPERTY(QString watermarkText READ watermarkText WRITE setWatermarkText NOTIFY watermarkTextChanged)
-    Q_PROPERTY(std::optional<QString> watermarkImageFile READ watermarkImageFile WRITE setWatermarkImageFile NOTIFY watermarkImageFileChanged)
-    Q_PROPERTY(double watermarkOpacity READ watermarkOpacity WRITE setWatermarkOpacity NOTIFY watermarkOpacityChanged)
-    Q_PROPERTY(bool qlabEnabled READ qlabEnabled WRITE setQlabEnabled NOTIFY qlabEnabledChanged)
-    Q_PROPERTY(QString qlabHost READ qlabHost WRITE setQlabHost NOTIFY qlabHostChanged)
-    Q_PROPERTY(int qlabPort READ qlabPort WRITE setQlabPort NOTIFY qlabPortChanged)
-    Q_PROPERTY(QString qlabPasscode READ qlabPasscode WRITE setQlabPasscode NOTIFY qlabPasscodeChanged)
-    Q_PROPERTY(QString qlabWorkspace READ qlabWorkspace WRITE setQlabWorkspace NOTIFY qlabWorkspaceChanged)
-    Q_PROPERTY(bool oscEnabled READ oscEnabled WRITE setOscEnabled NOTIFY oscEnabledChanged)
-    Q_PROPERTY(int oscPort READ oscPort WRITE setOscPort NOTIFY oscPortChanged)
-    Q_PROPERTY(bool eosEnabled READ eosEnabled WRITE setEosEnabled NOTIFY eosEnabledChanged)
-    Q_PROPERTY(QString eosHost READ eosHost WRITE setEosHost NOTIFY eosHostChanged)
-    Q_PROPERTY(OSCFraming eosFraming READ eosFraming WRITE setEosFraming NOTIFY eosFramingChanged)
-    Q_PROPERTY(int eosPort READ eosPort WRITE setEosPort NOTIFY eosPortChanged)
-    Q_PROPERTY(std::optional<QString> eosConsoleID READ eosConsoleID WRITE setEosConsoleID NOTIFY eosConsoleIDChanged)
-    Q_PROPERTY(std::optional<QString> eosConsoleName READ eosConsoleName WRITE setEosConsoleName NOTIFY eosConsoleNameChanged)
-    Q_PROPERTY(std::optional<NetworkKind> eosNetwork READ eosNetwork WRITE setEosNetwork NOTIFY eosNetworkChanged)
-    Q_PROPERTY(bool eosAutoConnect READ eosAutoConnect WRITE setEosAutoConnect NOTIFY eosAutoConnectChanged)
-    Q_PROPERTY(QList<WatchedAddress> watchedAddresses READ watchedAddresses WRITE setWatchedAddresses NOTIFY watchedAddressesChanged)
-    Q_PROPERTY(bool ndiEnabled READ ndiEnabled WRITE setNdiEnabled NOTIFY ndiEnabledChanged)
-    Q_PROPERTY(QString ndiName READ ndiName WRITE setNdiName NOTIFY ndiNameChanged)
-    Q_PROPERTY(bool webViewerEnabled READ webViewerEnabled WRITE setWebViewerEnabled NOTIFY webViewerEnabledChanged)
-    Q_PROPERTY(int webViewerPort READ webViewerPort WRITE setWebViewerPort NOTIFY webViewerPortChanged)
-    Q_PROPERTY(RecordingCodec codec READ codec WRITE setCodec NOTIFY codecChanged)
-    Q_PROPERTY(bool writesCueLog READ writesCueLog WRITE setWritesCueLog NOTIFY writesCueLogChanged)
-    // clang-format on
+#define ORVANE_SETTING_PROPERTY(Type, name, Name, fallback, rule, meaning)                         \
+    Q_PROPERTY(Type name READ name WRITE set##Name NOTIFY name##Changed)
+    ORVANE_SETTINGS(ORVANE_SETTING_PROPERTY)
+#undef ORVANE_SETTING_PROPERTY
 
 public:
     // Where the settings live: the store's JSON file and the support folder that holds the
@@ -87,8 +110,21 @@ public:
         friend bool operator==(const Location&, const Location&) = default;
     };
 
+    // One row of the key table, as docs/settings.md shows it.
+    struct KeyInfo {
+        QString key;
+        QString type;    // e.g. "Bool", "String, optional", "JSON: array of ExtraCamera"
+        QString meaning; // with what the key's rule keeps, e.g. "…; kept between 0.5 and 2"
+        bool savedInPreset = false;
+    };
+
     // The application id under which Orvane is packaged (Flatpak).
     static constexpr const char* kApplicationId = "app.orvane.Orvane";
+    // The overlay sizes the settings window offers; overlayScale is kept within them.
+    static constexpr double kMinimumOverlayScale = 0.5;
+    static constexpr double kMaximumOverlayScale = 2.0;
+    // How long after a change the settings file is written.
+    static constexpr std::chrono::milliseconds kWriteDelay{250};
 
     // ~/.config/Orvane/Orvane.json and ~/.local/share/Orvane (the XDG locations).
     static Location standardLocation();
@@ -101,7 +137,8 @@ public:
     // Copies the settings and support files of an old container into `current`, once: keys
     // the current store lacks are copied, keys it has are kept; files are copied unless one
     // of the same name exists. Failed steps are skipped. Afterwards "movedOutOfSandbox" is
-    // true in the current store and later calls do nothing.
+    // true in the current store and later calls do nothing. A current store that cannot be
+    // read is left untouched (AppSettings keeps it aside; the move happens at the next start).
     static void moveOutOfContainer(const Location& current, const Location& old);
 
     // The application's settings: moves the Flatpak container's settings out first, then
@@ -110,104 +147,39 @@ public:
 
     // Reads every key from the store at `location` (tests pass a private one).
     explicit AppSettings(Location location, QObject* parent = nullptr);
-    ~AppSettings() override;
+    ~AppSettings() override; // writes what is pending
 
-    // The keys, in the order in which they are read.
+    // The keys, in the order in which they are read, and their rows for the documentation.
     static QStringList keys();
-    const Location& location() const { return location_; }
+    static QList<KeyInfo> keyInfos();
+    const Location& location() const
+    {
+        return location_;
+    }
+
+    // When the settings file could not be read as a whole at start: the sentence to show
+    // (it says where the damaged file was kept), and that copy's path.
+    std::optional<QString> damagedFileMessage() const
+    {
+        return damagedFileMessage_;
+    }
+    std::optional<QString> damagedFileCopy() const
+    {
+        return damagedFileCopy_;
+    }
+
+    // Writes pending changes to the file now.
+    void flush();
 
     // One accessor and one setter per key, in the order of the keys.
-    std::optional<QString> cameraID() const { return cameraID_; }
-    std::optional<QString> audioDeviceID() const { return audioDeviceID_; }
-    bool recordsAudio() const { return recordsAudio_; }
-    double audioGain() const { return audioGain_; }
-    bool isMirrored() const { return isMirrored_; }
-    QList<ExtraCamera> extraCameras() const { return extraCameras_; }
-    bool overlayEnabled() const { return overlayEnabled_; }
-    double overlayScale() const { return overlayScale_; }
-    double overlayOpacity() const { return overlayOpacity_; }
-    QString cameraLabel() const { return cameraLabel_; }
-    bool showsTimecode() const { return showsTimecode_; }
-    bool showsCue() const { return showsCue_; }
-    bool showsNextCue() const { return showsNextCue_; }
-    bool showsShowName() const { return showsShowName_; }
-    bool showsFields() const { return showsFields_; }
-    bool showsDate() const { return showsDate_; }
-    bool showsClock() const { return showsClock_; }
-    bool showsQLabCues() const { return showsQLabCues_; }
-    OverlayLayout overlayLayout() const { return overlayLayout_; }
-    QList<LayoutPreset> layoutPresets() const { return layoutPresets_; }
-    QString watermarkText() const { return watermarkText_; }
-    std::optional<QString> watermarkImageFile() const { return watermarkImageFile_; }
-    double watermarkOpacity() const { return watermarkOpacity_; }
-    bool qlabEnabled() const { return qlabEnabled_; }
-    QString qlabHost() const { return qlabHost_; }
-    int qlabPort() const { return qlabPort_; }
-    QString qlabPasscode() const { return qlabPasscode_; }
-    QString qlabWorkspace() const { return qlabWorkspace_; }
-    bool oscEnabled() const { return oscEnabled_; }
-    int oscPort() const { return oscPort_; }
-    bool eosEnabled() const { return eosEnabled_; }
-    QString eosHost() const { return eosHost_; }
-    OSCFraming eosFraming() const { return eosFraming_; }
-    int eosPort() const { return eosPort_; }
-    std::optional<QString> eosConsoleID() const { return eosConsoleID_; }
-    std::optional<QString> eosConsoleName() const { return eosConsoleName_; }
-    std::optional<NetworkKind> eosNetwork() const { return eosNetwork_; }
-    bool eosAutoConnect() const { return eosAutoConnect_; }
-    QList<WatchedAddress> watchedAddresses() const { return watchedAddresses_; }
-    bool ndiEnabled() const { return ndiEnabled_; }
-    QString ndiName() const { return ndiName_; }
-    bool webViewerEnabled() const { return webViewerEnabled_; }
-    int webViewerPort() const { return webViewerPort_; }
-    RecordingCodec codec() const { return codec_; }
-    bool writesCueLog() const { return writesCueLog_; }
-
-    void setCameraID(const std::optional<QString>& value);
-    void setAudioDeviceID(const std::optional<QString>& value);
-    void setRecordsAudio(bool value);
-    void setAudioGain(double value);
-    void setIsMirrored(bool value);
-    void setExtraCameras(const QList<ExtraCamera>& value);
-    void setOverlayEnabled(bool value);
-    void setOverlayScale(double value);
-    void setOverlayOpacity(double value);
-    void setCameraLabel(const QString& value);
-    void setShowsTimecode(bool value);
-    void setShowsCue(bool value);
-    void setShowsNextCue(bool value);
-    void setShowsShowName(bool value);
-    void setShowsFields(bool value);
-    void setShowsDate(bool value);
-    void setShowsClock(bool value);
-    void setShowsQLabCues(bool value);
-    void setOverlayLayout(const OverlayLayout& value);
-    void setLayoutPresets(const QList<LayoutPreset>& value);
-    void setWatermarkText(const QString& value);
-    void setWatermarkImageFile(const std::optional<QString>& value);
-    void setWatermarkOpacity(double value);
-    void setQlabEnabled(bool value);
-    void setQlabHost(const QString& value);
-    void setQlabPort(int value);
-    void setQlabPasscode(const QString& value);
-    void setQlabWorkspace(const QString& value);
-    void setOscEnabled(bool value);
-    void setOscPort(int value);
-    void setEosEnabled(bool value);
-    void setEosHost(const QString& value);
-    void setEosFraming(OSCFraming value);
-    void setEosPort(int value);
-    void setEosConsoleID(const std::optional<QString>& value);
-    void setEosConsoleName(const std::optional<QString>& value);
-    void setEosNetwork(const std::optional<NetworkKind>& value);
-    void setEosAutoConnect(bool value);
-    void setWatchedAddresses(const QList<WatchedAddress>& value);
-    void setNdiEnabled(bool value);
-    void setNdiName(const QString& value);
-    void setWebViewerEnabled(bool value);
-    void setWebViewerPort(int value);
-    void setCodec(RecordingCodec value);
-    void setWritesCueLog(bool value);
+#define ORVANE_SETTING_ACCESSORS(Type, name, Name, fallback, rule, meaning)                        \
+    Type name() const                                                                              \
+    {                                                                                              \
+        return name##_;                                                                            \
+    }                                                                                              \
+    void set##Name(SettingArgument<Type> value);
+    ORVANE_SETTINGS(ORVANE_SETTING_ACCESSORS)
+#undef ORVANE_SETTING_ACCESSORS
 
     // The look made from the current values.
     OverlayLook currentLook() const;
@@ -233,127 +205,31 @@ public:
     std::optional<QString> watermarkImagePath() const;
 
 Q_SIGNALS:
-    void cameraIDChanged();
-    void audioDeviceIDChanged();
-    void recordsAudioChanged();
-    void audioGainChanged();
-    void isMirroredChanged();
-    void extraCamerasChanged();
-    void overlayEnabledChanged();
-    void overlayScaleChanged();
-    void overlayOpacityChanged();
-    void cameraLabelChanged();
-    void showsTimecodeChanged();
-    void showsCueChanged();
-    void showsNextCueChanged();
-    void showsShowNameChanged();
-    void showsFieldsChanged();
-    void showsDateChanged();
-    void showsClockChanged();
-    void showsQLabCuesChanged();
-    void overlayLayoutChanged();
-    void layoutPresetsChanged();
-    void watermarkTextChanged();
-    void watermarkImageFileChanged();
-    void watermarkOpacityChanged();
-    void qlabEnabledChanged();
-    void qlabHostChanged();
-    void qlabPortChanged();
-    void qlabPasscodeChanged();
-    void qlabWorkspaceChanged();
-    void oscEnabledChanged();
-    void oscPortChanged();
-    void eosEnabledChanged();
-    void eosHostChanged();
-    void eosFramingChanged();
-    void eosPortChanged();
-    void eosConsoleIDChanged();
-    void eosConsoleNameChanged();
-    void eosNetworkChanged();
-    void eosAutoConnectChanged();
-    void watchedAddressesChanged();
-    void ndiEnabledChanged();
-    void ndiNameChanged();
-    void webViewerEnabledChanged();
-    void webViewerPortChanged();
-    void codecChanged();
-    void writesCueLogChanged();
+#define ORVANE_SETTING_SIGNAL(Type, name, Name, fallback, rule, meaning) void name##Changed();
+    ORVANE_SETTINGS(ORVANE_SETTING_SIGNAL)
+#undef ORVANE_SETTING_SIGNAL
 
 private:
-    bool readBool(QStringView key, bool fallback) const;
-    double readDouble(QStringView key, double fallback) const;
-    int readInt(QStringView key, int fallback) const;
-    QString readString(QStringView key, const QString& fallback) const;
-    std::optional<QString> readOptionalString(QStringView key) const;
-    QJsonValue readJson(QStringView key) const;
-    void readAll();
+    static int defaultEosPort(OSCFraming framing);
+    void open();
+    void readAll(const QVariantMap& stored);
+    void write(QStringView key, const std::optional<QVariant>& value);
 
-    void write(QStringView key, const QVariant& value);
-    void remove(QStringView key);
-    void store(QStringView key, bool value);
-    void store(QStringView key, double value);
-    void store(QStringView key, int value);
-    void store(QStringView key, const QString& value);
-    void store(QStringView key, const std::optional<QString>& value);
-    void store(QStringView key, const QList<ExtraCamera>& value);
-    void store(QStringView key, const OverlayLayout& value);
-    void store(QStringView key, const QList<LayoutPreset>& value);
-    void store(QStringView key, const QList<WatchedAddress>& value);
-    void store(QStringView key, OSCFraming value);
-    void store(QStringView key, const std::optional<NetworkKind>& value);
-    void store(QStringView key, RecordingCodec value);
-
-    template <class T>
-    void assign(T& field, const T& value, QStringView key, void (AppSettings::*changed)());
+    template <class T, class Rule>
+    void assign(T& field, const T& value, QStringView key, const Rule& rule,
+                void (AppSettings::*changed)());
 
     Location location_{};
     std::unique_ptr<QSettings> store_;
+    bool canWrite_ = true;
+    std::optional<QString> damagedFileMessage_;
+    std::optional<QString> damagedFileCopy_;
+    QMap<QString, std::optional<QVariant>> pending_; // nothing: remove the key
+    QTimer writeTimer_{this};
 
-    std::optional<QString> cameraID_{};
-    std::optional<QString> audioDeviceID_{};
-    bool recordsAudio_{};
-    double audioGain_{};
-    bool isMirrored_{};
-    QList<ExtraCamera> extraCameras_{};
-    bool overlayEnabled_{};
-    double overlayScale_{};
-    double overlayOpacity_{};
-    QString cameraLabel_{};
-    bool showsTimecode_{};
-    bool showsCue_{};
-    bool showsNextCue_{};
-    bool showsShowName_{};
-    bool showsFields_{};
-    bool showsDate_{};
-    bool showsClock_{};
-    bool showsQLabCues_{};
-    OverlayLayout overlayLayout_{};
-    QList<LayoutPreset> layoutPresets_{};
-    QString watermarkText_{};
-    std::optional<QString> watermarkImageFile_{};
-    double watermarkOpacity_{};
-    bool qlabEnabled_{};
-    QString qlabHost_{};
-    int qlabPort_{};
-    QString qlabPasscode_{};
-    QString qlabWorkspace_{};
-    bool oscEnabled_{};
-    int oscPort_{};
-    bool eosEnabled_{};
-    QString eosHost_{};
-    OSCFraming eosFraming_{};
-    int eosPort_{};
-    std::optional<QString> eosConsoleID_{};
-    std::optional<QString> eosConsoleName_{};
-    std::optional<NetworkKind> eosNetwork_{};
-    bool eosAutoConnect_{};
-    QList<WatchedAddress> watchedAddresses_{};
-    bool ndiEnabled_{};
-    QString ndiName_{};
-    bool webViewerEnabled_{};
-    int webViewerPort_{};
-    RecordingCodec codec_{};
-    bool writesCueLog_{};
+#define ORVANE_SETTING_FIELD(Type, name, Name, fallback, rule, meaning) Type name##_{};
+    ORVANE_SETTINGS(ORVANE_SETTING_FIELD)
+#undef ORVANE_SETTING_FIELD
 };
 
 } // namespace orvane

@@ -4,23 +4,60 @@
 
 namespace orvane {
 
+namespace {
+
+QJsonValue fieldToJson(const OverlayLayout& layout)
+{
+    return layout.toJson();
+}
+
+QJsonValue fieldToJson(const QJsonValue& value)
+{
+    return value;
+}
+
+bool readField(const QJsonObject& object, const QString& key, OverlayLayout& field)
+{
+    const auto layout = OverlayLayout::fromJson(object.value(key));
+    if (layout)
+        field = *layout;
+    return layout.has_value();
+}
+
+bool readField(const QJsonObject& object, const QString& key, double& field)
+{
+    const auto number = json::number(object, key);
+    if (number)
+        field = *number;
+    return number.has_value();
+}
+
+bool readField(const QJsonObject& object, const QString& key, bool& field)
+{
+    const auto boolean = json::boolean(object, key);
+    if (boolean)
+        field = *boolean;
+    return boolean.has_value();
+}
+
+bool readField(const QJsonObject& object, const QString& key, QString& field)
+{
+    const auto text = json::string(object, key);
+    if (text)
+        field = *text;
+    return text.has_value();
+}
+
+} // namespace
+
 QJsonObject OverlayLook::toJson() const
 {
-    return QJsonObject{
-        {"layout", layout.toJson()},
-        {"scale", scale},
-        {"opacity", opacity},
-        {"showsClock", showsClock},
-        {"showsDate", showsDate},
-        {"showsTimecode", showsTimecode},
-        {"showsCue", showsCue},
-        {"showsNextCue", showsNextCue},
-        {"showsShowName", showsShowName},
-        {"showsFields", showsFields},
-        {"showsQLabCues", showsQLabCues},
-        {"watermarkText", watermarkText},
-        {"watermarkOpacity", watermarkOpacity},
-    };
+    QJsonObject object;
+#define ORVANE_LOOK_TO_JSON(Type, field, setting, Setting, fallback)                               \
+    object.insert(QStringLiteral(#field), fieldToJson(field));
+    ORVANE_OVERLAY_LOOK(ORVANE_LOOK_TO_JSON)
+#undef ORVANE_LOOK_TO_JSON
+    return object;
 }
 
 std::optional<OverlayLook> OverlayLook::fromJson(const QJsonValue& json)
@@ -28,27 +65,13 @@ std::optional<OverlayLook> OverlayLook::fromJson(const QJsonValue& json)
     if (!json.isObject())
         return std::nullopt;
     const QJsonObject object = json.toObject();
-    const auto layout = OverlayLayout::fromJson(object.value(QStringLiteral("layout")));
-    const auto scale = json::number(object, "scale");
-    const auto opacity = json::number(object, "opacity");
-    const auto showsClock = json::boolean(object, "showsClock");
-    const auto showsDate = json::boolean(object, "showsDate");
-    const auto showsTimecode = json::boolean(object, "showsTimecode");
-    const auto showsCue = json::boolean(object, "showsCue");
-    const auto showsNextCue = json::boolean(object, "showsNextCue");
-    const auto showsShowName = json::boolean(object, "showsShowName");
-    const auto showsFields = json::boolean(object, "showsFields");
-    const auto showsQLabCues = json::boolean(object, "showsQLabCues");
-    const auto watermarkText = json::string(object, "watermarkText");
-    const auto watermarkOpacity = json::number(object, "watermarkOpacity");
-    if (!layout || !scale || !opacity || !showsClock || !showsDate || !showsTimecode || !showsCue ||
-        !showsNextCue || !showsShowName || !showsFields || !showsQLabCues || !watermarkText ||
-        !watermarkOpacity)
+    OverlayLook look;
+#define ORVANE_LOOK_FROM_JSON(Type, field, setting, Setting, fallback)                             \
+    if (!readField(object, QStringLiteral(#field), look.field))                                    \
         return std::nullopt;
-    return OverlayLook{*layout,          *scale,         *opacity,       *showsClock,
-                       *showsDate,       *showsTimecode, *showsCue,      *showsNextCue,
-                       *showsShowName,   *showsFields,   *showsQLabCues, *watermarkText,
-                       *watermarkOpacity};
+    ORVANE_OVERLAY_LOOK(ORVANE_LOOK_FROM_JSON)
+#undef ORVANE_LOOK_FROM_JSON
+    return look;
 }
 
 } // namespace orvane

@@ -8,29 +8,39 @@
 
 #include <optional>
 
+// The fields of a look, in order, one row each: X(type, field, setting, Setting, default).
+// The JSON key of a field is its name; AppSettings keeps the field in the property `setting`
+// (set with `setSetting()`), so a look is taken from and put back into the settings by this
+// table alone.
+// clang-format off
+#define ORVANE_OVERLAY_LOOK(X) \
+    X(OverlayLayout, layout, overlayLayout, OverlayLayout, OverlayLayout::defaultLayout()) \
+    X(double, scale, overlayScale, OverlayScale, 1.0) \
+    X(double, opacity, overlayOpacity, OverlayOpacity, 0.7) \
+    X(bool, showsClock, showsClock, ShowsClock, true) \
+    X(bool, showsDate, showsDate, ShowsDate, false) \
+    X(bool, showsTimecode, showsTimecode, ShowsTimecode, true) \
+    X(bool, showsCue, showsCue, ShowsCue, true) \
+    X(bool, showsNextCue, showsNextCue, ShowsNextCue, true) \
+    X(bool, showsShowName, showsShowName, ShowsShowName, false) \
+    X(bool, showsFields, showsFields, ShowsFields, true) \
+    X(bool, showsQLabCues, showsQLabCues, ShowsQLabCues, true) \
+    X(QString, watermarkText, watermarkText, WatermarkText, QString()) \
+    X(double, watermarkOpacity, watermarkOpacity, WatermarkOpacity, 0.6)
+// clang-format on
+
 namespace orvane {
 
 // Everything the operator can style about the overlay: where the widgets are, sizes, which
-// items are shown and the watermark text (not the watermark image). A plain value.
+// items are shown and the watermark text (not the watermark image). A plain value whose
+// fields are the rows of ORVANE_OVERLAY_LOOK.
 struct OverlayLook {
-    OverlayLayout layout = OverlayLayout::defaultLayout();
-    double scale = 1.0;
-    double opacity = 0.7;
-    bool showsClock = true;
-    bool showsDate = false;
-    bool showsTimecode = true;
-    bool showsCue = true;
-    bool showsNextCue = true;
-    bool showsShowName = false;
-    bool showsFields = true;
-    bool showsQLabCues = true;
-    QString watermarkText;
-    double watermarkOpacity = 0.6;
+#define ORVANE_LOOK_FIELD(Type, field, setting, Setting, fallback) Type field = fallback;
+    ORVANE_OVERLAY_LOOK(ORVANE_LOOK_FIELD)
+#undef ORVANE_LOOK_FIELD
 
-    // An object with the keys "layout", "scale", "opacity", "showsClock", "showsDate",
-    // "showsTimecode", "showsCue", "showsNextCue", "showsShowName", "showsFields",
-    // "showsQLabCues", "watermarkText" and "watermarkOpacity". Every key is required on
-    // decoding: a look that lacks one is rejected, never completed with a default.
+    // An object with one key per field. Every key is required on decoding: a look that
+    // lacks one is rejected, never completed with a default.
     QJsonObject toJson() const;
     static std::optional<OverlayLook> fromJson(const QJsonValue& json);
 

@@ -70,12 +70,14 @@ class AppSettingsTest : public QObject {
 private Q_SLOTS:
     void storedValuesAreReadOrFallBack_data();
     void storedValuesAreReadOrFallBack();
-    void unreadableFilesGiveDefaults_data();
-    void unreadableFilesGiveDefaults();
+    void damagedFilesAreKeptAsideAndReadAsFarAsTheyCan_data();
+    void damagedFilesAreKeptAsideAndReadAsFarAsTheyCan();
     void undecodableJsonStaysUntilTheValueChanges();
     void everySetterWritesButNotifiesOnlyRealChanges();
+    void settersKeepValuesSafe_data();
+    void settersKeepValuesSafe();
     void valuesSurviveAReloadWithTheirTypes();
-    void writesReplaceTheFileWhole();
+    void writesAreGatheredAndReplaceTheFileWhole();
     void presetsAreSavedAndAppliedByName();
     void watermarkImageIsCopiedIntoTheSupportFolder_data();
     void watermarkImageIsCopiedIntoTheSupportFolder();
@@ -141,6 +143,19 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
                                   << QVariant(true);
     QTest::newRow("bool false") << QByteArray(R"({"recordsAudio":false})") << "recordsAudio"
                                 << QVariant(false);
+    QTest::newRow("scale beyond the largest offered")
+        << QByteArray(R"({"overlayScale":1000})") << "overlayScale" << QVariant(2.0);
+    QTest::newRow("scale 0") << QByteArray(R"({"overlayScale":0})") << "overlayScale"
+                             << QVariant(0.5);
+    QTest::newRow("scale in range")
+        << QByteArray(R"({"overlayScale":1.25})") << "overlayScale" << QVariant(1.25);
+    QTest::newRow("image file name")
+        << QByteArray(R"({"watermarkImageFile":"Watermark.png"})") << "watermarkImageFile"
+        << QVariant::fromValue(OptionalText("Watermark.png"));
+    for (const char* path : {"../../victim", "/etc/passwd", "sub/Watermark.png", "..", ""})
+        QTest::addRow("image file \"%s\"", path)
+            << R"({"watermarkImageFile":")" + QByteArray(path) + R"("})"
+            << "watermarkImageFile" << none;
     QTest::newRow("label as number") << QByteArray(R"({"cameraLabel":5})") << "cameraLabel"
                                      << QVariant(QStringLiteral("Stage Cam"));
     QTest::newRow("empty label stays empty")
@@ -204,32 +219,78 @@ void AppSettingsTest::storedValuesAreReadOrFallBack()
     QCOMPARE(got, expected);
 }
 
-void AppSettingsTest::unreadableFilesGiveDefaults_data()
+void AppSettingsTest::damagedFilesAreKeptAsideAndReadAsFarAsTheyCan_data()
 {
     QTest::addColumn<QByteArray>("store");
-    QTest::newRow("truncated") << QByteArray(R"({"oscPort":9000,"qlabHost":"stage-ma)");
-    QTest::newRow("not JSON") << QByteArray("oscPort=9000\n");
-    QTest::newRow("array at the top") << QByteArray(R"([{"oscPort":9000}])");
-    QTest::newRow("null") << QByteArray("null");
-    QTest::newRow("empty file") << QByteArray("");
-    QTest::newRow("binary") << QByteArray("\x00\xff\xfe{\"oscPort\":9000}", 17);
+    QTest::addColumn<QVariantMap>("read"); // the keys still read; every other is its default
+
+    const QByteArray preset =
+        R"({"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","name":"Act 2","look":)" + lookJson() + "}";
+    QTest::newRow("truncated") << QByteArray(R"({"oscPort":9000,"qlabHost":"stage-ma)")
+                               << QVariantMap{{"oscPort", 9000}};
+    QTest::newRow("presets and cameras before the cut")
+        << "{\"layoutPresets\":[" + preset + "],\"extraCameras\":[" + kCameraJson +
+               R"(],"eosHost":"10.101.1.)"
+        << QVariantMap{
+               {"layoutPresets", QVariant::fromValue(*layoutPresetsFromJson(
+                                     QJsonDocument::fromJson("[" + preset + "]").array()))},
+               {"extraCameras", QVariant::fromValue(*extraCamerasFromJson(
+                                    QJsonDocument::fromJson("[" + kCameraJson + "]").array()))}};
+    QTest::newRow("number cut short")
+        << QByteArray(R"({"oscPort":9000,"eosPort":30)") << QVariantMap{{"oscPort", 9000}};
+    QTest::newRow("one bad member in the middle")
+        << QByteArray(R"({"oscPort":9000,"qlabHost":stage-mac,"eosHost":"console"})")
+        << QVariantMap{{"oscPort", 9000}, {"eosHost", "console"}};
+    QTest::newRow("quotes, commas and brackets inside text")
+        << QByteArray(R"({"cameraLabel":"Cam \"A\", [left] {1}","oscPort":9000,"ndiName":)")
+        << QVariantMap{{"cameraLabel", R"(Cam "A", [left] {1})"}, {"oscPort", 9000}};
+    QTest::newRow("text after the object")
+        << QByteArray(R"({"oscPort":9000}})") << QVariantMap{{"oscPort", 9000}};
+    QTest::newRow("not JSON") << QByteArray("oscPort=9000\n") << QVariantMap{};
+    QTest::newRow("array at the top")
+        << QByteArray(R"([{"oscPort":9000}])") << QVariantMap{{"oscPort", 9000}};
+    QTest::newRow("null") << QByteArray("null") << QVariantMap{};
+    QTest::newRow("empty file") << QByteArray("") << QVariantMap{};
+    QTest::newRow("binary before the object")
+        << QByteArray("\x00\xff\xfe{\"oscPort\":9000}", 19) << QVariantMap{{"oscPort", 9000}};
 }
 
-void AppSettingsTest::unreadableFilesGiveDefaults()
+void AppSettingsTest::damagedFilesAreKeptAsideAndReadAsFarAsTheyCan()
 {
     QFETCH(QByteArray, store);
+    QFETCH(QVariantMap, read);
     QTemporaryDir dir;
     QTemporaryDir emptyDir;
-    const QVariantMap defaults = allValues(AppSettings(privateLocation(emptyDir)));
+    QVariantMap expected = allValues(AppSettings(privateLocation(emptyDir)));
+    for (auto entry = read.begin(); entry != read.end(); ++entry)
+        expected[entry.key()] = entry.value();
     const auto location = privateLocation(dir, store);
+
+    // Moving the old container's settings in leaves a damaged file alone.
+    const auto old = AppSettings::containerLocation(dir.filePath("container"));
+    writeFile(old.storeFile, R"({"qlabHost":"old-mac"})");
+    AppSettings::moveOutOfContainer(location, old);
+    QCOMPARE(readFile(location.storeFile), store);
+
     {
         AppSettings settings(location);
-        QCOMPARE(allValues(settings), defaults);
+        QCOMPARE(allValues(settings), expected);
+        // The damaged file is kept, byte for byte, and the user is told where.
+        QVERIFY(settings.damagedFileCopy());
+        QCOMPARE(readFile(*settings.damagedFileCopy()), store);
+        QCOMPARE(QFileInfo(*settings.damagedFileCopy()).absolutePath(),
+                 QFileInfo(location.storeFile).absolutePath());
+        QVERIFY(settings.damagedFileMessage());
+        QVERIFY2(settings.damagedFileMessage()->contains(*settings.damagedFileCopy()),
+                 qPrintable(*settings.damagedFileMessage()));
         settings.setQlabHost(QStringLiteral("stage-mac"));
     }
-    // The next write leaves a whole, readable file.
-    QCOMPARE(storedObject(location).value("qlabHost").toString(), QStringLiteral("stage-mac"));
-    QCOMPARE(AppSettings(location).qlabHost(), QStringLiteral("stage-mac"));
+    // The new file holds what was read and the change; the next start reads it cleanly.
+    expected["qlabHost"] = QStringLiteral("stage-mac");
+    const AppSettings reloaded(location);
+    QCOMPARE(allValues(reloaded), expected);
+    QCOMPARE(reloaded.damagedFileMessage(), std::nullopt);
+    QCOMPARE(QDir(QFileInfo(location.storeFile).absolutePath()).entryList(QDir::Files).size(), 2);
 }
 
 void AppSettingsTest::undecodableJsonStaysUntilTheValueChanges()
@@ -242,12 +303,14 @@ void AppSettingsTest::undecodableJsonStaysUntilTheValueChanges()
     QCOMPARE(settings.oscPort(), 8001);
 
     settings.setQlabHost(QStringLiteral("stage-mac"));
+    settings.flush();
     QJsonObject stored = storedObject(location);
     QCOMPARE(stored.value("extraCameras"), QJsonValue(QJsonObject{{"not", "a list"}}));
     QCOMPARE(stored.value("oscPort"), QJsonValue("9000")); // still text, not a number
 
     settings.setExtraCameras({ExtraCamera{QUuid::createUuid(), std::nullopt, std::nullopt,
                                           QStringLiteral("Booth"), false}});
+    settings.flush();
     stored = storedObject(location);
     QVERIFY(stored.value("extraCameras").isArray());
     QCOMPARE(AppSettings(location).extraCameras(), settings.extraCameras());
@@ -265,6 +328,7 @@ void AppSettingsTest::everySetterWritesButNotifiesOnlyRealChanges()
         const QVariant before = property.read(&settings);
 
         QVERIFY(property.write(&settings, before));
+        settings.flush();
         QVERIFY2(changed.isEmpty(), qPrintable(key + " notified without a change"));
         const bool isNone = before == QVariant::fromValue(OptionalText{}) ||
                             before == QVariant::fromValue(std::optional<NetworkKind>{});
@@ -275,11 +339,49 @@ void AppSettingsTest::everySetterWritesButNotifiesOnlyRealChanges()
         QVERIFY(property.write(&settings, after));
         QCOMPARE(changed.count(), 1);
         QCOMPARE(property.read(&settings), after);
+        settings.flush();
         QVERIFY2(storedObject(location).contains(key), qPrintable(key));
 
         QVERIFY(property.write(&settings, after));
         QCOMPARE(changed.count(), 1);
     }
+}
+
+void AppSettingsTest::settersKeepValuesSafe_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QVariant>("written");
+    QTest::addColumn<QVariant>("kept");
+
+    const auto name = [](const char* text) { return QVariant::fromValue(OptionalText(text)); };
+    QTest::newRow("scale 1000") << "overlayScale" << QVariant(1000.0) << QVariant(2.0);
+    QTest::newRow("scale 0.1") << "overlayScale" << QVariant(0.1) << QVariant(0.5);
+    QTest::newRow("scale not a number")
+        << "overlayScale" << QVariant(std::nan("")) << QVariant(1.0);
+    QTest::newRow("scale 1.75") << "overlayScale" << QVariant(1.75) << QVariant(1.75);
+    QTest::newRow("image in a parent folder")
+        << "watermarkImageFile" << name("../../victim") << name("Watermark.png");
+    QTest::newRow("image at an absolute path")
+        << "watermarkImageFile" << name("/etc/passwd") << name("Watermark.png");
+    QTest::newRow("image name") << "watermarkImageFile" << name("Logo.png") << name("Logo.png");
+}
+
+void AppSettingsTest::settersKeepValuesSafe()
+{
+    QFETCH(QString, key);
+    QFETCH(QVariant, written);
+    QFETCH(QVariant, kept);
+    QTemporaryDir dir;
+    const auto location = privateLocation(dir, R"({"watermarkImageFile":"Watermark.png"})");
+    // What a path out of the support folder would reach.
+    writeFile(dir.filePath("victim"), "not Orvane's");
+    AppSettings settings(location);
+    QVERIFY(settings.setProperty(key.toLatin1().constData(), written));
+    QCOMPARE(settings.property(key.toLatin1().constData()), kept);
+    settings.flush();
+    QCOMPARE(AppSettings(location).property(key.toLatin1().constData()), kept);
+    settings.clearWatermarkImage();
+    QCOMPARE(readFile(dir.filePath("victim")), QByteArray("not Orvane's"));
 }
 
 void AppSettingsTest::valuesSurviveAReloadWithTheirTypes()
@@ -306,21 +408,38 @@ void AppSettingsTest::valuesSurviveAReloadWithTheirTypes()
     QCOMPARE(storedObject(location).value("cameraLabel"), QJsonValue("8001"));
 }
 
-void AppSettingsTest::writesReplaceTheFileWhole()
+void AppSettingsTest::writesAreGatheredAndReplaceTheFileWhole()
 {
-    // A crash while writing must never leave half a file: the store writes a new file and
-    // renames it over the old one, so the old file's inode is replaced.
     QTemporaryDir dir;
     const auto location = privateLocation(dir, R"({"qlabHost":"old"})");
-    AppSettings settings(location);
+    const QByteArray path = QFile::encodeName(location.storeFile);
     struct stat before = {};
-    QCOMPARE(::stat(QFile::encodeName(location.storeFile).constData(), &before), 0);
-    settings.setQlabHost(QStringLiteral("new"));
-    struct stat after = {};
-    QCOMPARE(::stat(QFile::encodeName(location.storeFile).constData(), &after), 0);
-    QVERIFY(before.st_ino != after.st_ino);
-    QCOMPARE(QDir(dir.filePath("config/Orvane")).entryList(QDir::Files),
-             QStringList{"Orvane.json"});
+    QCOMPARE(::stat(path.constData(), &before), 0);
+    {
+        AppSettings settings(location);
+        // Dragging a control: many changes, and the file is not written for each.
+        for (int step = 0; step < 50; ++step)
+            settings.setOverlayOpacity(step / 50.0);
+        settings.setQlabHost(QStringLiteral("new"));
+        QCOMPARE(readFile(location.storeFile), QByteArray(R"({"qlabHost":"old"})"));
+        // A short moment later it is, once, by a new file renamed over the old one (a crash
+        // while writing never leaves half a file).
+        QTRY_COMPARE_WITH_TIMEOUT(storedObject(location).value("qlabHost"), QJsonValue("new"),
+                                  5000);
+        struct stat after = {};
+        QCOMPARE(::stat(path.constData(), &after), 0);
+        QVERIFY(before.st_ino != after.st_ino);
+        QCOMPARE(storedObject(location).value("overlayOpacity"), QJsonValue(49 / 50.0));
+        QCOMPARE(QDir(dir.filePath("config/Orvane")).entryList(QDir::Files),
+                 QStringList{"Orvane.json"});
+
+        // flush() writes at once; so does the end of the object.
+        settings.setQlabHost(QStringLiteral("flushed"));
+        settings.flush();
+        QCOMPARE(storedObject(location).value("qlabHost"), QJsonValue("flushed"));
+        settings.setQlabHost(QStringLiteral("at the end"));
+    }
+    QCOMPARE(storedObject(location).value("qlabHost"), QJsonValue("at the end"));
 }
 
 void AppSettingsTest::presetsAreSavedAndAppliedByName()
@@ -373,9 +492,17 @@ void AppSettingsTest::presetsAreSavedAndAppliedByName()
     QCOMPARE(scaleChanged.count(), 1);
 
     // What was applied and saved is what the next start reads.
+    settings.flush();
     const AppSettings reloaded(location);
     QCOMPARE(reloaded.currentLook(), settings.currentLook());
     QCOMPARE(reloaded.layoutPresets(), settings.layoutPresets());
+
+    // A preset edited by hand to an overlay size the settings window does not offer.
+    QList<LayoutPreset> presets = settings.layoutPresets();
+    presets[0].look.scale = 1000.0;
+    settings.setLayoutPresets(presets);
+    QVERIFY(settings.applyLayoutPreset(QStringLiteral("act 2")));
+    QCOMPARE(settings.overlayScale(), AppSettings::kMaximumOverlayScale);
 }
 
 void AppSettingsTest::watermarkImageIsCopiedIntoTheSupportFolder_data()
@@ -425,6 +552,7 @@ void AppSettingsTest::watermarkImageIsCopiedIntoTheSupportFolder()
     QCOMPARE(settings.watermarkImagePath(),
              std::optional(location.supportFolder + '/' + storedName));
     QCOMPARE(readFile(location.supportFolder + '/' + storedName), contents);
+    settings.flush();
     QCOMPARE(storedObject(location).value("watermarkImageFile").toString(), storedName);
 }
 
@@ -449,6 +577,7 @@ void AppSettingsTest::watermarkImageIsReplacedAndCleared()
     QCOMPARE(settings.watermarkImageFile(), std::nullopt);
     QCOMPARE(settings.watermarkImagePath(), std::nullopt);
     QVERIFY(QDir(location.supportFolder).entryList(QDir::Files).isEmpty());
+    settings.flush();
     QVERIFY(!storedObject(location).contains("watermarkImageFile"));
     settings.clearWatermarkImage(); // nothing left to remove: no harm
     QCOMPARE(changed.count(), 3);

@@ -1,0 +1,154 @@
+// A stand-in for the NDI runtime, built as libndi.so.6 and found through the real search path
+// (NDI_RUNTIME_DIR_V6). It exports the five functions Orvane resolves and does what the
+// environment says, read at every call:
+//   ORVANE_NDI_TEST_LOG=FILE           append one line per call received (see docs/outputs.md)
+//   ORVANE_NDI_TEST_FAIL_INITIALIZE=1  NDIlib_initialize returns false
+//   ORVANE_NDI_TEST_FAIL_CREATE=1      NDIlib_send_create returns no sender
+//   ORVANE_NDI_TEST_CONNECTIONS=N      NDIlib_send_get_no_connections answers N
+//   ORVANE_NDI_TEST_SEND_MS=N          NDIlib_send_send_video_v2 takes N ms, like a busy network
+
+#include "outputs/NDIApi.h"
+
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+
+struct NDIlib_send_instance_type {
+    int id;
+    std::string name;
+};
+
+namespace {
+
+std::mutex logMutex;
+std::atomic<int> nextSender{1};
+
+bool isSet(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value && std::strcmp(value, "1") == 0;
+}
+
+int number(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value ? std::atoi(value) : 0;
+}
+
+template <class... Args> void logLine(const char* format, Args... args)
+{
+    const char* path = std::getenv("ORVANE_NDI_TEST_LOG");
+    if (!path || !*path)
+        return;
+    std::lock_guard lock(logMutex);
+    if (std::FILE* file = std::fopen(path, "a")) {
+        std::fprintf(file, format, args...);
+        std::fputc('\n', file);
+        std::fclose(file);
+    }
+}
+
+std::string fourCC(std::int32_t code)
+{
+    std::string text;
+    for (int shift = 0; shift < 32; shift += 8)
+        text.push_back(char((code >> shift) & 0xff));
+    return text;
+}
+
+const char* formatName(NDIlib_frame_format_type_e format)
+{
+    switch (format) {
+    case NDIlib_frame_format_type_progressive:
+        return "progressive";
+    case NDIlib_frame_format_type_interleaved:
+        return "interleaved";
+    case NDIlib_frame_format_type_field_0:
+        return "field0";
+    case NDIlib_frame_format_type_field_1:
+        return "field1";
+    case NDIlib_frame_format_type_max:
+        break;
+    }
+    return "unknown";
+}
+
+// A checksum of the picture, so a reader can tell frames apart and see that the pixels were
+// readable for the whole call.
+std::uint32_t pictureSum(const NDIlib_video_frame_v2_t& frame)
+{
+    std::uint32_t sum = 0;
+    for (int y = 0; y < frame.yres; y += 7) {
+        const std::uint8_t* line = frame.p_data + std::ptrdiff_t(y) * frame.line_stride_in_bytes;
+        for (int x = 0; x < frame.xres * 4; x += 13)
+            sum = sum * 31 + line[x];
+    }
+    return sum;
+}
+
+} // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) bool NDIlib_initialize()
+{
+    const bool ok = !isSet("ORVANE_NDI_TEST_FAIL_INITIALIZE");
+    logLine("initialize %s", ok ? "ok" : "failed");
+    return ok;
+}
+
+__attribute__((visibility("default"))) NDIlib_send_instance_t
+NDIlib_send_create(const NDIlib_send_create_t* settings)
+{
+    if (isSet("ORVANE_NDI_TEST_FAIL_CREATE") || !settings) {
+        logLine("create failed");
+        return nullptr;
+    }
+    auto* sender = new NDIlib_send_instance_type{nextSender++,
+                                                 settings->p_ndi_name ? settings->p_ndi_name : ""};
+    logLine("create sender=%d name=%s groups=%s clock_video=%d clock_audio=%d", sender->id,
+            sender->name.c_str(), settings->p_groups ? settings->p_groups : "(none)",
+            int(settings->clock_video), int(settings->clock_audio));
+    return sender;
+}
+
+__attribute__((visibility("default"))) void NDIlib_send_destroy(NDIlib_send_instance_t sender)
+{
+    if (!sender)
+        return;
+    logLine("destroy sender=%d name=%s", sender->id, sender->name.c_str());
+    delete sender;
+}
+
+__attribute__((visibility("default"))) void
+NDIlib_send_send_video_v2(NDIlib_send_instance_t sender, const NDIlib_video_frame_v2_t* frame)
+{
+    if (!sender || !frame)
+        return;
+    const std::uint32_t before = pictureSum(*frame);
+    if (const int ms = number("ORVANE_NDI_TEST_SEND_MS"); ms > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    const std::uint32_t after = pictureSum(*frame);
+    logLine("video sender=%d size=%dx%d fourcc=%s rate=%d/%d aspect=%g format=%s timecode=%s "
+            "stride=%d metadata=%s picture=%08" PRIx32 "%s",
+            sender->id, frame->xres, frame->yres, fourCC(frame->FourCC).c_str(),
+            frame->frame_rate_N, frame->frame_rate_D, double(frame->picture_aspect_ratio),
+            formatName(frame->frame_format_type),
+            frame->timecode == NDIlib_send_timecode_synthesize ? "synthesize" : "given",
+            frame->line_stride_in_bytes, frame->p_metadata ? frame->p_metadata : "(none)", after,
+            before == after ? "" : " changed-while-sending");
+}
+
+__attribute__((visibility("default"))) int
+NDIlib_send_get_no_connections(NDIlib_send_instance_t sender, std::uint32_t)
+{
+    return sender ? number("ORVANE_NDI_TEST_CONNECTIONS") : 0;
+}
+
+} // extern "C"

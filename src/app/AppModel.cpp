@@ -58,6 +58,8 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     , overlayWatcher_([this] { return overlayUpdate(); },
                       [this](const OverlayUpdate& u) { applyOverlay(u); })
 {
+    outputs_.setParent(this);
+    engine_.addSink(outputs_.sink());
     recording_.setFolder(recordingsFolder());
     recording_.setCameras([this] { return recordingCameras(); });
     recording_.setTimecode([this] { return timecodeText(); });
@@ -157,6 +159,8 @@ void AppModel::start()
     if (hasStarted_)
         return;
     hasStarted_ = true;
+    if (const auto damaged = settings_->damagedFileMessage())
+        setErrorMessage(*damaged);
     devices_.refresh();
     captureWatcher_.start();
     networkWatcher_.start();
@@ -326,7 +330,8 @@ void AppModel::applyNetwork(const NetworkConfiguration& configuration)
         qlab_.apply(qlab);
     if (eos_.configuration() != configuration.eos)
         eos_.apply(configuration.eos);
-    Q_EMIT outputSettingsChanged(configuration.outputs);
+    if (outputs_.configuration() != configuration.outputs)
+        outputs_.apply(configuration.outputs);
 }
 
 void AppModel::applyExtra(const ExtraConfiguration& configuration)

@@ -12,6 +12,7 @@
 #include "capture/CaptureEngine.h"
 #include "capture/FeedState.h"
 #include "eos/EosConnection.h"
+#include "outputs/Outputs.h"
 #include "qlab/QLabBrowser.h"
 #include "qlab/QLabClient.h"
 #include "settings/AppSettings.h"
@@ -60,6 +61,7 @@ public:
     EosConnection& eos() { return eos_; }
     DemoShow& demo() { return demo_; }
     CaptureEngine& engine() { return engine_; }
+    Outputs& outputs() { return outputs_; }
     RecordingControl& recording() { return recording_; }
     NetworkPathMonitor& pathMonitor() { return pathMonitor_; }
     std::vector<CameraFeed*> extraFeeds() const;
@@ -131,8 +133,6 @@ Q_SIGNALS:
     void cueLogChanged();
     // The listener was restarted and the Eos link told to reconnect after a network change.
     void networkRestarted(const QStringList& interfaces);
-    // The outputs should follow these settings (until the outputs component lands here).
-    void outputSettingsChanged(const orvane::OutputSettings& outputs);
 
 private:
     void applyCapture(const CaptureConfiguration& configuration);
@@ -156,6 +156,7 @@ private:
     EosConnection eos_;
     DemoShow demo_;
     CaptureEngine engine_;
+    Outputs outputs_;
     RecordingControl recording_;
     NetworkPathMonitor pathMonitor_;
     std::vector<std::unique_ptr<CameraFeed>> extraFeeds_;

@@ -3,6 +3,7 @@
 #include "capture/CaptureDevices.h"
 #include "capture/Feed.h"
 #include "eos/EosConnection.h"
+#include "outputs/Outputs.h"
 #include "overlay/OverlayContent.h"
 #include "show/WatchedAddress.h"
 
@@ -31,15 +32,6 @@ struct CaptureConfiguration {
     friend bool operator==(const CaptureConfiguration&, const CaptureConfiguration&) = default;
 };
 
-// What the web viewer and the NDI sender should do.
-struct OutputSettings {
-    bool ndiEnabled = false;
-    QString ndiName;
-    bool webEnabled = false;
-    int webPort = 0;
-    friend bool operator==(const OutputSettings&, const OutputSettings&) = default;
-};
-
 // The listener, the links and the outputs.
 struct NetworkConfiguration {
     bool oscEnabled = false;
@@ -51,7 +43,7 @@ struct NetworkConfiguration {
     int qlabPort = 0;
     QString qlabPasscode;
     QString qlabWorkspace;
-    OutputSettings outputs;
+    Outputs::Configuration outputs;
     friend bool operator==(const NetworkConfiguration&, const NetworkConfiguration&) = default;
 };
 

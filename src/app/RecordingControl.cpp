@@ -186,7 +186,10 @@ void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& e
         return;
     Running camera = std::move(*found);
     running_.erase(found);
-    Q_EMIT errorOccurred(QStringLiteral("A camera stopped recording. ") + error.description());
+    QString description = error.description();
+    if (!description.endsWith(QLatin1Char('.')))
+        description += QLatin1Char('.');
+    Q_EMIT errorOccurred(QStringLiteral("A camera stopped recording. ") + description);
     ++finishing_;
     // The failed movie keeps what was written before the failure; it gets no cue log.
     finishCamera(std::move(camera), false, {}, [](const Finished&) {});

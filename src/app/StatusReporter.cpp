@@ -115,10 +115,40 @@ StatusReporter::StatusReporter(AppModel& model, QObject* parent)
         say(model_.demo().isRunning() ? QStringLiteral("The demo show is running.")
                                       : QStringLiteral("The demo show stopped."));
     });
+    connect(&model.outputs(), &Outputs::webStateChanged, this, [this] { reportWeb(); });
+    connect(&model.outputs(), &Outputs::webAddressesChanged, this, [this] { reportWeb(); });
+    connect(&model.outputs(), &Outputs::ndiStatusTextChanged, this,
+            [this](const QString& text) { say(text); });
     connect(&model, &AppModel::networkRestarted, this, [this](const QStringList& interfaces) {
         say(QStringLiteral("Network changed: %1; reconnecting.")
                 .arg(interfaces.join(QStringLiteral(", "))));
     });
+}
+
+void StatusReporter::reportWeb()
+{
+    const auto& outputs = model_.outputs();
+    QString text;
+    switch (outputs.webState().kind) {
+    case WebViewer::State::Kind::off:
+        text = QStringLiteral("The web viewer is off.");
+        break;
+    case WebViewer::State::Kind::failed:
+        text = outputs.webStatusText();
+        break;
+    case WebViewer::State::Kind::listening: {
+        QStringList addresses = outputs.webAddresses();
+        if (addresses.isEmpty())
+            addresses.append(QStringLiteral("http://localhost:%1/").arg(outputs.webState().port));
+        text = QStringLiteral("Watch the picture at ") + addresses.join(QStringLiteral(" or ")) +
+               QLatin1Char('.');
+        break;
+    }
+    }
+    if (text == lastWeb_)
+        return;
+    lastWeb_ = text;
+    say(text);
 }
 
 void StatusReporter::say(const QString& text)

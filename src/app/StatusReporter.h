@@ -21,12 +21,14 @@ Q_SIGNALS:
 
 private:
     void say(const QString& text);
+    void reportWeb();
 
     AppModel& model_;
     int reportedRows_ = 0;
     QString lastListener_;
     QString lastEos_;
     QString lastQLab_;
+    QString lastWeb_;
 };
 
 } // namespace orvane

@@ -92,6 +92,7 @@ int runApplication(const RunOptions& options)
             *check = [&model, check] {
                 if (model.recording().finishingCount() > 0)
                     return QTimer::singleShot(50, *check);
+                model.settings().flush();
                 printLine(QStringLiteral("Orvane stopped."));
                 QCoreApplication::quit();
             };

@@ -1,0 +1,204 @@
+#!/usr/bin/env bash
+# End to end, with real processes, inside a private network namespace: a pretend Eos console
+# on its own address fires cues, oscsend sends "/tavrin/" commands that start and stop a
+# recording and add markers, and the result is one movie per camera (checked with ffprobe)
+# with a CSV whose rows match what was sent. Then the bad input: "/tavrin/" commands with
+# wrong argument types, a settings file of random bytes, a recordings folder that cannot be
+# made, and a disk that fills up while recording; SIGTERM finishes the movies each time.
+#
+# Usage: end_to_end.sh ORVANE   (runs itself inside scripts/offline when not isolated yet)
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+orvane=$(realpath "${1:-${ORVANE_EXECUTABLE:?give the orvane executable}}")
+if [ "${ORVANE_E2E_ISOLATED:-0}" != 1 ]; then
+    ORVANE_E2E_ISOLATED=1 exec "$here/../../scripts/offline" bash "$0" "$orvane"
+fi
+for tool in oscsend ffprobe ip; do
+    command -v $tool >/dev/null || { echo "SKIP: $tool is not installed"; exit 0; }
+done
+
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
+    ip netns del e2e-console 2>/dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/home/.local/share
+export QT_QPA_PLATFORM=offscreen
+mkdir -p "$HOME"
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+pass() { echo "PASS: $*"; }
+now() { date +%s.%N; }
+
+# wait_for FILE PATTERN SECONDS: until a line of FILE matches the fixed text PATTERN.
+wait_for() {
+    local deadline=$(($(date +%s) + $3))
+    until grep -qF -- "$2" "$1" 2>/dev/null; do
+        if [ "$(date +%s)" -ge $deadline ]; then
+            echo "timed out waiting for '$2' in $1:"; sed 's/^/    /' "$1"; return 1
+        fi
+        sleep 0.1
+    done
+}
+
+# start_orvane NAME ARGS...: runs `orvane --headless ARGS` with its output in $work/NAME.out.
+start_orvane() {
+    local name=$1; shift
+    "$orvane" --headless "$@" >"$work/$name.out" 2>"$work/$name.err" &
+    orvane_pid=$!
+    pids+=("$orvane_pid")
+}
+# stop_orvane: SIGTERM, then the exit code must be 0 within 20 s.
+stop_orvane() {
+    kill -TERM "$orvane_pid"
+    local code=0
+    timeout 20 tail --pid="$orvane_pid" -f /dev/null || { fail "orvane did not stop"; return; }
+    wait "$orvane_pid" || code=$?
+    [ $code -eq 0 ] || fail "orvane exited with $code"
+}
+# frames MOVIE: the video frames ffprobe reads in the movie.
+frames() {
+    ffprobe -v error -select_streams v:0 -count_packets -show_entries stream=nb_read_packets \
+        -of csv=p=0 "$1" 2>/dev/null || echo 0
+}
+# seconds HH:MM:SS
+seconds() { awk -F: '{ print $1 * 3600 + $2 * 60 + $3 }' <<<"$1"; }
+
+write_settings() { # FILE OSC_PORT [EXTRA JSON]
+    cat >"$1" <<JSON
+{"eosEnabled": true, "eosHost": "10.99.0.2", "eosAutoConnect": false, "qlabEnabled": false,
+ "oscEnabled": true, "oscPort": $2, "codec": "h264", "writesCueLog": true,
+ "cameraLabel": "Stage/Left", "webViewerEnabled": false, "ndiEnabled": false $3}
+JSON
+}
+
+# --- The pretend console on a host of its own ------------------------------------------------
+ip netns add e2e-console
+ip link add e2e-o type veth peer name e2e-c netns e2e-console
+ip addr add 10.99.0.1/24 dev e2e-o && ip link set e2e-o up
+ip netns exec e2e-console ip addr add 10.99.0.2/24 dev e2e-c
+ip netns exec e2e-console ip link set e2e-c up
+ip netns exec e2e-console ip link set lo up
+mkfifo "$work/console.in"
+ip netns exec e2e-console "$orvane" pretend-console --address 10.99.0.2 --no-discovery \
+    <"$work/console.in" >"$work/console.out" 2>&1 &
+pids+=($!)
+exec 3>"$work/console.in" # keeps the console's input open
+wait_for "$work/console.out" "Pretend Eos console" 10
+
+# --- A recording driven by OSC: two cameras, cues, markers, SIGTERM ---------------------------
+port=9101
+write_settings "$work/show.json" $port \
+    ', "extraCameras": [{"id": "6F1C1A52-7A43-4C1B-9A51-6B2B0B7A1E11", "deviceID": "orvane:test-pattern", "label": "", "isMirrored": false}]'
+start_orvane show --settings "$work/show.json" --recordings "$work/Recordings" --demo
+wait_for "$work/show.out" "Eos: Connected" 15
+wait_for "$work/show.out" "The camera is live." 15
+oscsend localhost $port /tavrin/record/start
+wait_for "$work/show.out" "Recording to" 10
+started=$(now)
+sleep 1
+echo "fire 14.5" >&3
+storm_at=$(now)
+wait_for "$work/show.out" "Cue 14.5 — Storm" 5
+oscsend localhost $port /tavrin/marker s 'Scene 2, "Storm"'
+marker_at=$(now)
+# Wrong argument types: a number for a marker's text, a layout without a name, a blob-less
+# record toggle with a float. None of them may stop the run.
+oscsend localhost $port /tavrin/layout i 3
+oscsend localhost $port /tavrin/field/Scene f 2.5
+sleep 1.2
+echo "fire 4" >&3
+blackout_at=$(now)
+wait_for "$work/show.out" "Cue 4 — Blackout" 5
+oscsend localhost $port /tavrin/marker
+sleep 0.5
+stop_orvane
+grep -q "Saved the cue log" "$work/show.out" || fail "no cue log was saved"
+
+mapfile -t movies < <(find "$work/Recordings" -name '*.mov' | sort)
+if [ ${#movies[@]} -eq 2 ]; then pass "one movie per camera"; else fail "movies: ${movies[*]}"; fi
+for movie in "${movies[@]}"; do
+    name=$(basename "$movie")
+    case "$name" in
+        "Stage-Left "????-??-??" "??.??.??.mov | "Camera 2 "????-??-??" "??.??.??.mov) ;;
+        *) fail "unexpected movie name $name" ;;
+    esac
+    n=$(frames "$movie")
+    if [ "${n:-0}" -ge 10 ]; then pass "$name has $n frames"; else fail "$name has ${n:-no} frames"; fi
+    csv=${movie%.mov}.csv
+    [ -f "$csv" ] || { fail "no CSV beside $name"; continue; }
+    head -1 "$csv" | grep -qx 'Recording Time,Timecode,Event,Detail' || fail "$csv header"
+    # Every row has the demo show's timecode.
+    if awk -F, 'NR > 1 && $2 !~ /^01:[0-9][0-9]:[0-9][0-9]:[0-9][0-9]$/ { bad = 1 } END { exit bad }' "$csv"; then
+        pass "$name: every row has a timecode"
+    else
+        fail "$name: a row without timecode"; cat "$csv"
+    fi
+    check_row() { # PATTERN SENT_AT WHAT
+        local row elapsed expected
+        row=$(grep -F -- "$1" "$csv" | head -1)
+        [ -n "$row" ] || { fail "$name: no row $3"; cat "$csv"; return; }
+        elapsed=$(seconds "${row%%,*}")
+        expected=$(awk -v a="$2" -v b="$started" 'BEGIN { print a - b }')
+        if awk -v e="$elapsed" -v x="$expected" 'BEGIN { exit !(e >= x - 1.5 && e <= x + 1) }'; then
+            pass "$name: $3 at ${row%%,*} (sent at ${expected}s)"
+        else
+            fail "$name: $3 at ${elapsed}s, sent at ${expected}s"
+        fi
+    }
+    check_row ",Cue 14.5,Storm" "$storm_at" "cue 14.5"
+    check_row ',Marker,"Scene 2, ""Storm"""' "$marker_at" "the marker"
+    check_row ",Cue 4,Blackout" "$blackout_at" "cue 4"
+    grep -q ',Marker,Marker$' "$csv" || fail "$name: the marker without text"
+done
+[ ${#movies[@]} -eq 2 ] && cmp -s "${movies[0]%.mov}.csv" "${movies[1]%.mov}.csv" &&
+    pass "both cameras carry the same cue log" || fail "the cue logs differ"
+
+# --- A settings file of random bytes ----------------------------------------------------------
+head -c 4096 /dev/urandom >"$work/random.json"
+start_orvane random --settings "$work/random.json" --recordings "$work/Random"
+wait_for "$work/random.out" "Orvane couldn't read all of its settings" 10 &&
+    pass "random settings: $(grep -F "couldn't read all" "$work/random.out")" ||
+    fail "no sentence for a damaged settings file"
+wait_for "$work/random.out" "The camera is live." 15 || fail "no camera with damaged settings"
+stop_orvane
+
+# --- A recordings folder that cannot be made --------------------------------------------------
+touch "$work/not-a-folder"
+write_settings "$work/plain.json" 9102 ', "eosEnabled": false'
+start_orvane folder --settings "$work/plain.json" --recordings "$work/not-a-folder/Recordings" --record
+wait_for "$work/folder.out" "Orvane couldn't create the recordings folder in Videos. " 15 &&
+    pass "$(grep -F "couldn't create" "$work/folder.out")" || fail "no sentence for the folder"
+oscsend localhost 9102 /tavrin/record/start
+stop_orvane
+
+# --- A disk that fills up while recording -----------------------------------------------------
+mkdir -p "$work/small"
+if mount -t tmpfs -o size=1200k e2e-small "$work/small" 2>/dev/null; then
+    write_settings "$work/full.json" 9103 ', "eosEnabled": false, "codec": "proRes422Proxy"'
+    start_orvane full --settings "$work/full.json" --recordings "$work/small/Recordings" --record
+    wait_for "$work/full.out" "Recording to" 15
+    if wait_for "$work/full.out" "A camera stopped recording. " 30; then
+        pass "disk full: $(grep -F "A camera stopped" "$work/full.out")"
+    else
+        fail "no sentence for a full disk"
+    fi
+    stop_orvane
+    movie=$(find "$work/small/Recordings" -name '*.mov' | head -1)
+    n=$(frames "$movie")
+    if [ "${n:-0}" -gt 0 ]; then pass "the full disk kept $n frames"; else fail "the full disk lost the movie"; fi
+    umount "$work/small"
+else
+    echo "SKIP: disk full: cannot mount a tmpfs here"
+fi
+
+grep -h "Couldn't\|couldn't" "$work"/*.err | head -5 || true
+if [ $failures -eq 0 ]; then
+    echo "end to end: all checks passed"
+    exit 0
+fi
+echo "end to end: $failures checks failed"
+exit 1

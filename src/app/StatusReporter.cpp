@@ -94,10 +94,7 @@ StatusReporter::StatusReporter(AppModel& model, QObject* parent)
         QString text = sentence(QStringLiteral("Eos: ") + eos.statusText());
         if (!eos.advice().isEmpty())
             text += QLatin1Char(' ') + eos.advice();
-        if (text == lastEos_)
-            return;
-        lastEos_ = text;
-        say(text);
+        sayUnlessRepeated(text, lastEos_);
     });
     connect(&model.qlab(), &QLabClient::stateChanged, this, [this] {
         const auto& qlab = model_.qlab();
@@ -106,10 +103,7 @@ StatusReporter::StatusReporter(AppModel& model, QObject* parent)
         QString text = sentence(QStringLiteral("QLab: ") + qlab.statusText());
         if (!qlab.advice().isEmpty())
             text += QLatin1Char(' ') + qlab.advice();
-        if (text == lastQLab_)
-            return;
-        lastQLab_ = text;
-        say(text);
+        sayUnlessRepeated(text, lastQLab_);
     });
     connect(&model.demo(), &DemoShow::isRunningChanged, this, [this] {
         say(model_.demo().isRunning() ? QStringLiteral("The demo show is running.")
@@ -137,17 +131,31 @@ void StatusReporter::reportWeb()
         text = outputs.webStatusText();
         break;
     case WebViewer::State::Kind::listening: {
-        QStringList addresses = outputs.webAddresses();
-        if (addresses.isEmpty())
-            addresses.append(QStringLiteral("http://localhost:%1/").arg(outputs.webState().port));
-        text = QStringLiteral("Watch the picture at ") + addresses.join(QStringLiteral(" or ")) +
-               QLatin1Char('.');
+        text = QStringLiteral("Watch the picture at http://localhost:%1/")
+                   .arg(outputs.webState().port);
+        const QStringList others = outputs.webAddresses();
+        if (!others.isEmpty())
+            text += QStringLiteral(" (from other computers: ") + others.join(QStringLiteral(", ")) +
+                    QLatin1Char(')');
+        text += QLatin1Char('.');
         break;
     }
     }
     if (text == lastWeb_)
         return;
     lastWeb_ = text;
+    say(text);
+}
+
+void StatusReporter::sayUnlessRepeated(const QString& text, QStringList& recent)
+{
+    // A link that retries goes back and forth between two statuses ("Searching…", "No
+    // console found."): each is said once until something else happens.
+    if (recent.contains(text))
+        return;
+    recent.append(text);
+    if (recent.size() > 2)
+        recent.removeFirst();
     say(text);
 }
 

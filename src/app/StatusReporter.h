@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 namespace orvane {
 
@@ -22,12 +23,13 @@ Q_SIGNALS:
 private:
     void say(const QString& text);
     void reportWeb();
+    void sayUnlessRepeated(const QString& text, QStringList& recent);
 
     AppModel& model_;
     int reportedRows_ = 0;
     QString lastListener_;
-    QString lastEos_;
-    QString lastQLab_;
+    QStringList lastEos_;
+    QStringList lastQLab_;
     QString lastWeb_;
 };
 

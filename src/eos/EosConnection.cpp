@@ -1,7 +1,6 @@
 #include "eos/EosConnection.h"
 
 #include "base/Checks.h"
-#include "settings/AppSettings.h"
 
 #include <QLoggingCategory>
 
@@ -28,14 +27,16 @@ EosConnection::Description describeFailure(const OSCStream::Failure& failure)
     case Kind::unreachable:
         return {QStringLiteral("Network unreachable"), kSameNetworkAdvice};
     case Kind::unknownHost:
-        return {QStringLiteral("Address not found"), QStringLiteral("Check the console's address.")};
+        return {QStringLiteral("Address not found"),
+                QStringLiteral("Check the console's address.")};
     case Kind::closedByPeer:
         return {QStringLiteral("Connection closed"), {}};
     case Kind::wentQuiet:
         return {QStringLiteral("Stopped responding"),
                 QStringLiteral("The console stopped answering. Orvane will keep trying.")};
     case Kind::invalidPort:
-        return {QStringLiteral("Invalid port"), QStringLiteral("Choose a port between 1 and 65535.")};
+        return {QStringLiteral("Invalid port"),
+                QStringLiteral("Choose a port between 1 and 65535.")};
     case Kind::wrongProtocol:
         return {QStringLiteral("Wrong protocol"),
                 QStringLiteral("The console is sending a different OSC format. Use OSC 1.1 with "
@@ -55,9 +56,12 @@ std::optional<NetworkKind> requiredInterface(const std::optional<NetworkKind>& n
 
 } // namespace
 
-EosConnection::EosConnection(AppSettings& settings, Clock& clock, QObject* parent)
-    : QObject(parent), settings_(settings), clock_(clock), discovery_(clock), stream_(clock),
-      searchTask_(clock)
+EosConnection::EosConnection(Clock& clock, QObject* parent)
+    : QObject(parent)
+    , clock_(clock)
+    , discovery_(clock)
+    , stream_(clock)
+    , searchTask_(clock)
 {
     // The stream and the discovery are members: their callbacks cannot outlive this object.
     stream_.setKeepAlive(OSCMessage{"/eos/ping", {}});
@@ -88,12 +92,6 @@ EosConnection::EosConnection(AppSettings& settings, Clock& clock, QObject* paren
 
 EosConnection::~EosConnection() = default;
 
-EosConnection::Configuration EosConnection::configurationFrom(const AppSettings& settings)
-{
-    return Configuration{settings.eosEnabled(), settings.eosAutoConnect(), settings.eosHost(),
-                         settings.eosPort(),    settings.eosFraming(),     settings.eosNetwork()};
-}
-
 void EosConnection::apply(const Configuration& configuration)
 {
     assertOnOwnThread(this);
@@ -102,6 +100,9 @@ void EosConnection::apply(const Configuration& configuration)
         Q_EMIT configurationChanged();
     }
     if (!configuration.enabled) {
+        // A pairing asked for before the link went off must not adopt anything later.
+        pairOnNextScan_ = false;
+        sweepAfterScan_ = false;
         stream_.disconnect();
         searchTask_.stop();
         discovery_.stop();
@@ -125,7 +126,12 @@ void EosConnection::apply(const Configuration& configuration)
 void EosConnection::searchNow()
 {
     assertOnOwnThread(this);
-    settings_.setEosEnabled(true);
+    if (!configuration_ || !configuration_->enabled) {
+        Configuration on = configuration_.value_or(Configuration{});
+        on.enabled = true;
+        apply(on);
+        Q_EMIT turnedOn();
+    }
     stream_.retryNow();
     pairOnNextScan_ = true;
     if (!startScan(EosDiscovery::ScanKind::sweep))
@@ -136,13 +142,19 @@ void EosConnection::forget(const DiscoveredConsole& console)
 {
     assertOnOwnThread(this);
     forgotten_ = Forgotten{console.consoleID, console.host};
-    const bool isStored = (console.consoleID && settings_.eosConsoleID() == console.consoleID) ||
-                          settings_.eosHost().trimmed() == console.host;
-    if (!isStored)
+    if (!configuration_)
         return;
-    settings_.setEosConsoleID(std::nullopt);
-    settings_.setEosConsoleName(std::nullopt);
-    settings_.setEosHost(QString());
+    const bool isConfigured =
+        (console.consoleID && configuration_->consoleID == console.consoleID) ||
+        configuration_->host.trimmed() == console.host;
+    if (!isConfigured)
+        return;
+    Configuration next = *configuration_;
+    next.consoleID.reset();
+    next.consoleName.reset();
+    next.host.clear();
+    apply(next);
+    Q_EMIT consoleForgotten();
 }
 
 bool EosConnection::startScan(EosDiscovery::ScanKind kind)
@@ -199,9 +211,9 @@ void EosConnection::scanFinished()
         }
         return nullptr;
     };
-    const std::optional<QString> storedID = settings_.eosConsoleID();
+    const std::optional<QString> storedID = configuration_->consoleID;
     const QString configuredHost = configuration_->host.trimmed();
-    const std::optional<QString> storedName = settings_.eosConsoleName();
+    const std::optional<QString> storedName = configuration_->consoleName;
     const DiscoveredConsole* picked = nullptr;
     if (storedID)
         picked = pick([&](const DiscoveredConsole& c) { return c.consoleID == storedID; });
@@ -229,19 +241,24 @@ void EosConnection::adopt(const DiscoveredConsole& console)
     if (isForgotten(console))
         forgotten_.reset(); // asked for again
     const QString name = console.shownName();
-    // Copies first: writing a setting applies the configuration at once.
-    const DiscoveredConsole chosen = console;
-    settings_.setEosNetwork(requiredInterface(chosen.network));
-    settings_.setEosConsoleID(chosen.consoleID);
-    settings_.setEosConsoleName(name.isEmpty() ? std::nullopt : std::optional<QString>(name));
-    settings_.setEosHost(chosen.host);
-    settings_.setEosEnabled(true);
+    const Adoption adoption{console.host, requiredInterface(console.network), console.consoleID,
+                            name.isEmpty() ? std::nullopt : std::optional<QString>(name)};
+    // Host, network and identity change in one step, so the stream makes one connect, to the
+    // console's own address.
+    Configuration next = configuration_.value_or(Configuration{});
+    next.enabled = true;
+    next.host = adoption.host;
+    next.network = adoption.network;
+    next.consoleID = adoption.consoleID;
+    next.consoleName = adoption.consoleName;
+    apply(next);
+    Q_EMIT consoleAdopted(adoption);
 }
 
-EosConnection::Description EosConnection::describe(const std::optional<Configuration>& configuration,
-                                                   const OSCStream::Status& status,
-                                                   bool isScanning,
-                                                   std::optional<int> consolesFound)
+EosConnection::Description
+EosConnection::describe(const std::optional<Configuration>& configuration,
+                        const OSCStream::Status& status, bool isScanning,
+                        std::optional<int> consolesFound)
 {
     if (!configuration || !configuration->enabled)
         return {QStringLiteral("Off"), {}};

@@ -16,12 +16,11 @@
 
 namespace orvane {
 
-class AppSettings;
-
 // The link to one Eos console: decides where its OSC stream goes (the typed address, or a
 // console that discovery found and that is followed by its identity when its address
 // changes), hands every message to its owner, and says in words how the link is doing.
-// Main thread only.
+// Takes its configuration as a plain value and reports what its owner must keep (a console
+// adopted, a console forgotten, the link turned on) as signals. Main thread only.
 class EosConnection : public QObject {
     Q_OBJECT
     Q_PROPERTY(bool isConnected READ isConnected NOTIFY streamStatusChanged)
@@ -35,7 +34,18 @@ public:
         int port = 3037; // kept as set, so that a port out of range is reported, not corrected
         OSCFraming framing = OSCFraming::slip;
         std::optional<NetworkKind> network;
+        // The console followed by its identity, and its shown name when it has one.
+        std::optional<QString> consoleID;
+        std::optional<QString> consoleName;
         friend bool operator==(const Configuration&, const Configuration&) = default;
+    };
+    // A console that the link adopted: all four are kept together, and the link turned on.
+    struct Adoption {
+        QString host;
+        std::optional<NetworkKind> network; // wired or Wi-Fi; none for any interface
+        std::optional<QString> consoleID;
+        std::optional<QString> consoleName;
+        friend bool operator==(const Adoption&, const Adoption&) = default;
     };
     // A console the user asked to drop: not adopted again by automatic scans.
     struct Forgotten {
@@ -55,20 +65,17 @@ public:
     static constexpr Seconds kKeepAliveInterval{5.0};
     static constexpr Seconds kSilenceTimeout{20.0};
 
-    explicit EosConnection(AppSettings& settings, Clock& clock = Clock::system(),
-                           QObject* parent = nullptr);
+    explicit EosConnection(Clock& clock = Clock::system(), QObject* parent = nullptr);
     ~EosConnection() override;
 
-    // The configuration that the Eos settings describe.
-    static Configuration configurationFrom(const AppSettings& settings);
-
-    // Stores `configuration` and brings the stream and the search in line with it.
+    // Stores `configuration` and brings the stream and the search in line with it. Turning
+    // the link off also drops a pairing that "search now" had asked for.
     void apply(const Configuration& configuration);
-    // The interface's "search now": turns the link on, retries at once, and sweeps; the
-    // console it finds may be adopted even with automatic connection off.
+    // The interface's "search now": turns the link on (`turnedOn`), retries at once, and
+    // sweeps; the console it finds may be adopted even with automatic connection off.
     void searchNow();
-    // Drops `console`: automatic scans no longer adopt it, and when it is the stored console
-    // its address and identity are cleared from the settings.
+    // Drops `console`: automatic scans no longer adopt it, and when it is the configured
+    // console the link lets go of it (`consoleForgotten`).
     void forget(const DiscoveredConsole& console);
     std::optional<Forgotten> forgotten() const { return forgotten_; }
 
@@ -96,6 +103,11 @@ public:
 
 Q_SIGNALS:
     void configurationChanged();
+    // The owner keeps these in its settings. The link has already applied them, all at once;
+    // an owner that writes them one by one applies the configuration again only at the end.
+    void consoleAdopted(const orvane::EosConnection::Adoption& adoption);
+    void consoleForgotten(); // the configured console's address, identity and name are gone
+    void turnedOn();
     void streamStatusChanged();
     void statusTextChanged();
 
@@ -107,7 +119,6 @@ private:
     bool isForgotten(const DiscoveredConsole& console) const;
     void updateDescription();
 
-    AppSettings& settings_;
     Clock& clock_;
     EosDiscovery discovery_;
     OSCStream stream_;

@@ -5,7 +5,9 @@
 namespace orvane {
 
 CameraFeed::CameraFeed(QUuid id, Clock& clock, QObject* parent)
-    : QObject(parent), id_(id), engine_(clock, this)
+    : QObject(parent)
+    , id_(id)
+    , engine_(clock, this)
 {
     connect(&engine_, &CaptureEngine::framesStarted, this, [this](QSize size) {
         if (videoSize_ != size) {
@@ -15,6 +17,7 @@ CameraFeed::CameraFeed(QUuid id, Clock& clock, QObject* parent)
         if (state_.kind == FeedState::Kind::starting)
             setState(FeedState::of(FeedState::Kind::live));
     });
+    connect(&engine_, &CaptureEngine::recordingStarted, this, &CameraFeed::recordingStarted);
 }
 
 void CameraFeed::apply(const Feed& feed, bool isAuthorized)
@@ -51,12 +54,14 @@ void CameraFeed::apply(const Feed& feed, bool isAuthorized)
 
 void CameraFeed::startRecording(const QString& path, MovieCodec codec)
 {
+    assertOnOwnThread(this);
     engine_.startRecording(path, codec, false);
 }
 
-void CameraFeed::stopRecording(std::function<void(Recorder::Outcome)> done)
+void CameraFeed::stopRecording(std::vector<MovieChapter> chapters,
+                               std::function<void(Recorder::Outcome)> done)
 {
-    engine_.stopRecording(std::move(done));
+    engine_.stopRecording(std::move(chapters), std::move(done));
 }
 
 void CameraFeed::stop()

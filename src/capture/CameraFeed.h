@@ -41,13 +41,23 @@ public:
     }
 
     void startRecording(const QString& path, MovieCodec codec);
-    void stopRecording(std::function<void(Recorder::Outcome)> done);
+    // See CaptureEngine::stopRecording().
+    void stopRecording(std::vector<MovieChapter> chapters,
+                       std::function<void(Recorder::Outcome)> done);
+    void stopRecording(std::function<void(Recorder::Outcome)> done)
+    {
+        stopRecording({}, std::move(done));
+    }
+    // The running movie's time zero, once its first frame is written.
+    std::optional<MovieStart> recordingStart() const { return engine_.recordingStart(); }
     // Stops the camera for good (the extra camera was removed).
     void stop();
 
 Q_SIGNALS:
     void stateChanged();
     void videoSizeChanged();
+    // The running movie's time zero is known (see CaptureEngine::recordingStarted()).
+    void recordingStarted(const orvane::MovieStart& start);
 
 private:
     void setState(FeedState state);

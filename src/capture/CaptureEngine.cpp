@@ -21,6 +21,8 @@ namespace {
 
 // How long the capture thread waits for a picture before it looks at its commands again.
 constexpr Seconds kFrameWait{0.02};
+// How long quitting waits for stopped movies still being rewritten as ordinary ones.
+constexpr Seconds kQuitGrace{3.0};
 
 void raisePriority()
 {
@@ -50,15 +52,24 @@ CaptureEngine::~CaptureEngine()
     }
     commandsWake_.notify_one();
     thread_.join();
+    pipeline_->bindCaptureThread(); // the capture thread has ended
     pipeline_->setRecorder(nullptr);
-    // Quitting while recording finishes the movie.
-    if (recording_)
-        recording_->finishAndWait();
-    finishing_.clear(); // waits for movies still being finished
+    // Quitting while recording stops the movie; a short rewrite may end, a long one is left
+    // for later and the movie stays fragmented, whole and playable.
+    if (recording_) {
+        recording_->finish(nullptr);
+        finishing_.push_back(std::move(recording_));
+    }
+    const Instant until = addSeconds(Clock::system().now(), kQuitGrace.count());
+    for (const auto& recorder : finishing_)
+        recorder->waitUntilFinished(
+            Seconds(std::max(0.0, secondsBetween(Clock::system().now(), until))));
+    for (const auto& recorder : finishing_)
+        recorder->cancelFinishing();
+    finishing_.clear();
 }
 
-template <class F>
-void CaptureEngine::toMainThread(F call)
+template <class F> void CaptureEngine::toMainThread(F call)
 {
     QMetaObject::invokeMethod(this, std::move(call), Qt::QueuedConnection);
 }
@@ -186,11 +197,22 @@ void CaptureEngine::startRecording(const QString& path, MovieCodec codec, bool i
         }
         toMainThread([this, error] { Q_EMIT recordingFailed(error); });
     });
+    Recorder* started = recorder.get();
+    recorder->setStartHandler([this, started](const MovieStart& start) {
+        toMainThread([this, started, start] {
+            if (recording_.get() != started)
+                return; // stopped meanwhile
+            recordingStart_ = start;
+            Q_EMIT recordingStarted(start);
+        });
+    });
+    recordingStart_.reset();
     recording_ = recorder;
     post([this, recorder] { pipeline_->setRecorder(recorder); });
 }
 
-void CaptureEngine::stopRecording(std::function<void(Recorder::Outcome)> done)
+void CaptureEngine::stopRecording(std::vector<MovieChapter> chapters,
+                                  std::function<void(Recorder::Outcome)> done)
 {
     assertOnOwnThread(this);
     if (!recording_) {
@@ -199,18 +221,25 @@ void CaptureEngine::stopRecording(std::function<void(Recorder::Outcome)> done)
         return;
     }
     std::shared_ptr<Recorder> recorder = std::move(recording_);
+    recordingStart_.reset();
     finishing_.push_back(recorder);
-    Recorder* finished = recorder.get();
-    auto completion = [this, finished, done = std::move(done)](Recorder::Outcome outcome) {
-        toMainThread([this, finished, done, outcome] {
-            std::erase_if(finishing_, [finished](const auto& r) { return r.get() == finished; });
+    Recorder* stopped = recorder.get();
+    auto completion = [this, done = std::move(done)](Recorder::Outcome outcome) {
+        toMainThread([done, outcome] {
             if (done)
                 done(outcome);
         });
     };
-    post([this, recorder, completion = std::move(completion)]() mutable {
+    auto finished = [this, stopped, path = recorder->path()](const FinishedMovie& movie) {
+        toMainThread([this, stopped, path, movie] {
+            std::erase_if(finishing_, [stopped](const auto& r) { return r.get() == stopped; });
+            Q_EMIT movieFinished(path, movie);
+        });
+    };
+    post([this, recorder, chapters = std::move(chapters), completion = std::move(completion),
+          finished = std::move(finished)]() mutable {
         pipeline_->setRecorder(nullptr);
-        recorder->finish(std::move(completion));
+        recorder->finish(std::move(completion), std::move(chapters), std::move(finished));
     });
 }
 
@@ -233,6 +262,7 @@ std::shared_ptr<const Frame> CaptureEngine::latestFrame() const
 void CaptureEngine::run()
 {
     raisePriority();
+    pipeline_->bindCaptureThread();
     std::vector<std::function<void()>> commands;
     for (;;) {
         {

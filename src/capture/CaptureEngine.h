@@ -3,6 +3,7 @@
 #include "base/Clock.h"
 #include "capture/CaptureError.h"
 #include "capture/CaptureStats.h"
+#include "capture/MovieChapter.h"
 #include "capture/MovieCodec.h"
 #include "capture/Recorder.h"
 #include "overlay/OverlayContent.h"
@@ -68,9 +69,20 @@ public:
 
     // Starts writing this camera to a movie at `path`; the movie is made on the next frame.
     void startRecording(const QString& path, MovieCodec codec, bool includesAudio);
-    // Finishes the movie; `done` gets the outcome on the main thread.
-    void stopRecording(std::function<void(Recorder::Outcome)> done);
+    // Stops the recording at once: `done` gets the outcome on the main thread as soon as the
+    // fragmented movie is closed, which plays as it is. The movie is then rewritten as an
+    // ordinary one with `chapters` away from the capture path (movieFinished() tells when).
+    // Quitting waits a few seconds for a rewrite under way, then leaves the fragmented movie
+    // for finishMovie() to finish later.
+    void stopRecording(std::vector<MovieChapter> chapters,
+                       std::function<void(Recorder::Outcome)> done);
+    void stopRecording(std::function<void(Recorder::Outcome)> done)
+    {
+        stopRecording({}, std::move(done));
+    }
     bool isRecording() const { return recording_ != nullptr; }
+    // The running movie's time zero, once its first frame is written; none before and after.
+    std::optional<MovieStart> recordingStart() const { return recordingStart_; }
     // What made the running recording fail, if it did.
     std::optional<CaptureError> recordingFailure() const;
 
@@ -87,6 +99,11 @@ Q_SIGNALS:
     // The camera stopped delivering (unplugged); a later configure() opens it again.
     void cameraLost();
     void recordingFailed(const orvane::CaptureError& error);
+    // The first frame of the running recording is in the movie: its time zero is known.
+    void recordingStarted(const orvane::MovieStart& start);
+    // The movie at `path`, stopped before, was rewritten as an ordinary one (or stays
+    // fragmented: `movie.result` says why).
+    void movieFinished(const QString& path, const orvane::FinishedMovie& movie);
 
 private:
     void post(std::function<void()> command);
@@ -95,8 +112,7 @@ private:
                                                    const std::optional<QString>& microphoneID);
     void takeFrame();
     void takeSound();
-    template <class F>
-    void toMainThread(F call);
+    template <class F> void toMainThread(F call);
 
     Clock& clock_;
     std::unique_ptr<CapturePipeline> pipeline_;
@@ -104,6 +120,7 @@ private:
     float gain_ = 1.0f;
     QSize videoSize_;
     std::shared_ptr<Recorder> recording_;
+    std::optional<MovieStart> recordingStart_;
     std::vector<std::shared_ptr<Recorder>> finishing_;
     mutable std::mutex failureMutex_;
     std::optional<CaptureError> recordingFailure_;

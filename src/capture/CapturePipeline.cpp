@@ -29,7 +29,8 @@ void mirror(Frame& frame)
 
 } // namespace
 
-CapturePipeline::CapturePipeline(Clock& clock) : clock_(clock)
+CapturePipeline::CapturePipeline(Clock& clock)
+    : clock_(clock)
 {
     sinks_.publish(std::make_shared<const std::vector<std::shared_ptr<FrameSink>>>());
 }
@@ -67,6 +68,7 @@ std::vector<float> CapturePipeline::levels(const AudioBuffer& buffer)
 
 std::shared_ptr<const Frame> CapturePipeline::captureFrame(VideoSource& source)
 {
+    captureThread_.check();
     const Instant now = clock_.now();
     if (!pool_ || pool_->width() != source.width() || pool_->height() != source.height())
         pool_ = std::make_unique<FramePool>(source.width(), source.height(), kPoolFrames);
@@ -112,6 +114,7 @@ std::shared_ptr<const Frame> CapturePipeline::captureFrame(VideoSource& source)
 
 void CapturePipeline::captureAudio(AudioBuffer& buffer)
 {
+    captureThread_.check();
     const float gain = gain_;
     if (gain != 1.0f)
         for (float& sample : buffer.samples)
@@ -143,6 +146,9 @@ void CapturePipeline::removeSink(const FrameSink* sink)
 
 std::shared_ptr<Recorder> CapturePipeline::setRecorder(std::shared_ptr<Recorder> recorder)
 {
+    captureThread_.check();
+    if (recorder)
+        recorder->bindCaptureThread();
     if (recorder_)
         droppedByFinishedRecorders_ += recorder_->droppedFrames();
     return std::exchange(recorder_, std::move(recorder));
@@ -164,8 +170,8 @@ void CapturePipeline::resetStats()
 
 void CapturePipeline::publishStats(int width, int height)
 {
-    const int dropped = droppedFrames_ + droppedByFinishedRecorders_ +
-                        (recorder_ ? recorder_->droppedFrames() : 0);
+    const int dropped =
+        droppedFrames_ + droppedByFinishedRecorders_ + (recorder_ ? recorder_->droppedFrames() : 0);
     std::lock_guard lock(statsMutex_);
     stats_.width = width;
     stats_.height = height;

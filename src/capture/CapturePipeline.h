@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Checks.h"
 #include "base/Clock.h"
 #include "base/Latest.h"
 #include "capture/CaptureStats.h"
@@ -28,13 +29,17 @@ struct Frame;
 // in place, counted, and shared read-only with the preview, the recorder and the frame sinks;
 // sound is amplified, measured and handed to the recorder. A plain object: the capture
 // engine runs it on its capture thread, and a test steps it one frame at a time on a
-// ManualClock. capture*() and setRecorder() on one thread; the rest from any thread.
+// ManualClock. capture*() and setRecorder() on the capture thread (the one that made it or
+// last called bindCaptureThread()); the rest from any thread.
 class CapturePipeline {
 public:
     static constexpr int kPoolFrames = 8;
 
     explicit CapturePipeline(Clock& clock);
     ~CapturePipeline();
+
+    // The calling thread becomes the capture thread.
+    void bindCaptureThread() { captureThread_.rebind(); }
 
     // Takes the picture waiting in `source` (after its waitForFrame() said frameReady).
     // Returns the composited frame, or nullptr when it was dropped.
@@ -76,6 +81,7 @@ private:
     void publishStats(int width, int height);
 
     Clock& clock_;
+    ThreadCheck captureThread_;
     std::unique_ptr<FramePool> pool_;
     Latest<OverlayContent> overlay_;
     std::unique_ptr<OverlayRenderer> renderer_; // made on the first frame with an overlay

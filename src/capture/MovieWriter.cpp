@@ -1,27 +1,26 @@
 #include "capture/MovieWriter.h"
 
-#include "base/Checks.h"
 #include "capture/CaptureLog.h"
+#include "capture/FinishMovie.h"
 #include "capture/Frame.h"
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/opt.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
+#include <condition_variable>
 #include <fcntl.h>
+#include <mutex>
+#include <thread>
 #include <unistd.h>
 
 namespace orvane {
@@ -35,18 +34,6 @@ constexpr int kAudioBitRate = 256000;
 // cheaper than the encoder's own rate control, which cannot keep up on two cores.
 constexpr int kProResQuantiser = 8;
 
-// Makes what was written to `path` so far survive a power cut; with `folder`, its name too.
-void syncToDisk(const QByteArray& path, bool folder)
-{
-    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    ::fsync(fd);
-    ::close(fd);
-    if (folder)
-        syncToDisk(QFile::encodeName(QFileInfo(QFile::decodeName(path)).absolutePath()), false);
-}
-
 QString describe(int averror)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -54,7 +41,12 @@ QString describe(int averror)
     return QString::fromLocal8Bit(text);
 }
 
-// Key frames, and so fragments, once a second.
+// The muxer cuts a fragment at the first key frame this long after the last cut: a little
+// under a second, so that a key frame every second always cuts one and an intra-only codec
+// still makes one fragment a second.
+constexpr int kMinimumFragmentMicroseconds = 980'000;
+
+// Key frames once a second, where the codec has others.
 int keyFrameInterval(AVRational rate)
 {
     return std::max(1, int(std::lround(av_q2d(rate))));
@@ -141,62 +133,61 @@ CodecContext openAudioEncoder()
     return context;
 }
 
-// Copies the fragmented movie at `from` into an ordinary one at `to`, packet for packet.
-int remux(const QByteArray& from, const QByteArray& to)
-{
-    AVFormatContext* input = nullptr;
-    int result = avformat_open_input(&input, from.constData(), nullptr, nullptr);
-    if (result < 0)
-        return result;
-    AVFormatContext* output = nullptr;
-    result = avformat_find_stream_info(input, nullptr);
-    if (result >= 0)
-        result = avformat_alloc_output_context2(&output, nullptr, "mov", to.constData());
-    for (unsigned i = 0; result >= 0 && i < input->nb_streams; ++i) {
-        AVStream* stream = avformat_new_stream(output, nullptr);
-        result = avcodec_parameters_copy(stream->codecpar, input->streams[i]->codecpar);
-        stream->time_base = input->streams[i]->time_base;
-    }
-    if (result >= 0)
-        result = avio_open(&output->pb, to.constData(), AVIO_FLAG_WRITE);
-    if (result >= 0)
-        result = avformat_write_header(output, nullptr);
-    const bool headerWritten = result >= 0;
-    PacketPtr packet(av_packet_alloc());
-    while (result >= 0) {
-        const int read = av_read_frame(input, packet.get());
-        if (read == AVERROR_EOF)
-            break;
-        if (read < 0) {
-            result = read;
-            break;
-        }
-        // A last picture that lasts no time would fall outside the movie's edit list, and
-        // players would never show it: give it one frame's time.
-        const AVStream* from = input->streams[packet->stream_index];
-        if (packet->duration <= 0 && from->codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
-            from->r_frame_rate.num > 0 && from->r_frame_rate.den > 0)
-            packet->duration = av_rescale_q(1, av_inv_q(from->r_frame_rate), from->time_base);
-        av_packet_rescale_ts(packet.get(), from->time_base,
-                             output->streams[packet->stream_index]->time_base);
-        packet->pos = -1;
-        result = av_write_frame(output, packet.get());
-        av_packet_unref(packet.get());
-    }
-    if (headerWritten) {
-        const int trailer = av_write_trailer(output);
-        if (result >= 0)
-            result = trailer;
-    }
-    if (output) {
-        avio_closep(&output->pb);
-        avformat_free_context(output);
-    }
-    avformat_close_input(&input);
-    return result;
-}
-
 } // namespace
+
+// Makes the movie's fragments durable away from the encoder: the writer asks, and this
+// thread runs the sync step, so a slow disk never holds up encoding. Requests that come
+// while a sync runs are folded into the next one. Made and used on the recorder's thread.
+class FragmentSyncer {
+public:
+    FragmentSyncer(int fd, MovieWriter::SyncStep step)
+        : fd_(fd)
+        , step_(std::move(step))
+        , thread_([this] { run(); })
+    {
+    }
+    ~FragmentSyncer()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
+    void request()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            pending_ = true;
+        }
+        wake_.notify_one();
+    }
+
+private:
+    void run()
+    {
+        for (;;) {
+            {
+                std::unique_lock lock(mutex_);
+                wake_.wait(lock, [this] { return pending_ || stopping_; });
+                if (!pending_)
+                    return;
+                pending_ = false;
+            }
+            step_(fd_);
+        }
+    }
+
+    const int fd_;
+    const MovieWriter::SyncStep step_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool pending_ = false;
+    bool stopping_ = false;
+    std::thread thread_;
+};
 
 struct MovieWriter::State {
     QString path;
@@ -206,6 +197,7 @@ struct MovieWriter::State {
     AVStream* videoStream = nullptr;
     AVStream* audioStream = nullptr;
     SwsContext* scaler = nullptr;
+    SwsContext* resizer = nullptr; // for frames of another size than the movie's
     AVFramePtr picture{av_frame_alloc()};
     AVFramePtr sound{av_frame_alloc()};
     PacketPtr packet{av_packet_alloc()};
@@ -213,21 +205,26 @@ struct MovieWriter::State {
     int pendingSamples = 0; // samples waiting in `sound` for a whole encoder frame
     bool headerWritten = false;
     int syncFile = -1; // the movie, for making each fragment durable
+    SyncStep syncStep;
+    std::unique_ptr<FragmentSyncer> syncer;
 
     ~State()
     {
+        syncer.reset();
         if (syncFile >= 0)
             ::close(syncFile);
         sws_freeContext(scaler);
+        sws_freeContext(resizer);
         if (format) {
             avio_closep(&format->pb);
             avformat_free_context(format);
         }
     }
 
-    // Writes every packet the encoder has ready. A key frame of the video starts a fragment,
-    // which sends the previous one to the file; it is flushed out of our buffers at once and
-    // onto the disk, so that a power cut loses at most the fragment being made.
+    // Writes every packet the encoder has ready. The muxer starts a fragment at the first
+    // video key frame a second after the last one, which sends the previous fragment to the
+    // file; it is flushed out of our buffers at once and synced to the disk on the syncer's
+    // thread, so a power cut loses about the last two seconds at most.
     int drain(AVCodecContext* encoder, AVStream* stream)
     {
         for (;;) {
@@ -236,7 +233,6 @@ struct MovieWriter::State {
                 return 0;
             if (result < 0)
                 return result;
-            const bool keyVideo = stream == videoStream && (packet->flags & AV_PKT_FLAG_KEY);
             // Some encoders leave a picture's duration unset. The movie's last picture would
             // then last no time at all and players, which stop at the end of the edit list,
             // would never show it.
@@ -244,14 +240,19 @@ struct MovieWriter::State {
                 packet->duration = 1;
             av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
             packet->stream_index = stream->index;
+            // The muxer keeps the fragment being made in memory: the file grows only when a
+            // fragment is cut.
+            const std::int64_t before = avio_tell(format->pb);
             result = av_write_frame(format, packet.get());
             av_packet_unref(packet.get());
             if (result < 0)
                 return result;
-            if (keyVideo) {
+            if (avio_tell(format->pb) != before) {
                 avio_flush(format->pb);
-                if (syncFile >= 0)
-                    ::fdatasync(syncFile);
+                if (format->pb->error < 0)
+                    return format->pb->error;
+                if (syncer)
+                    syncer->request();
             }
         }
     }
@@ -270,12 +271,20 @@ const char* MovieWriter::encoderName(MovieCodec codec)
     return "";
 }
 
-MovieWriter::MovieWriter(std::unique_ptr<State> state) : state_(std::move(state)) {}
+MovieWriter::MovieWriter(std::unique_ptr<State> state)
+    : state_(std::move(state))
+{
+}
 
 MovieWriter::~MovieWriter() = default;
 
+void MovieWriter::syncData(int fd)
+{
+    ::fdatasync(fd);
+}
+
 std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Video& video,
-                                                 bool includesAudio, QString& error)
+                                                 bool includesAudio, QString& error, SyncStep sync)
 {
     static const bool quiet = [] {
         av_log_set_level(AV_LOG_ERROR); // the encoders' own chatter is not for the journal
@@ -284,6 +293,7 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Vide
     (void)quiet;
     auto state = std::make_unique<State>();
     state->path = path;
+    state->syncStep = sync ? std::move(sync) : SyncStep(&MovieWriter::syncData);
     const QByteArray file = QFile::encodeName(path);
     int result = avformat_alloc_output_context2(&state->format, nullptr, "mov", file.constData());
     if (result < 0) {
@@ -321,16 +331,15 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Vide
     state->picture->width = video.width;
     state->picture->height = video.height;
     av_frame_get_buffer(state->picture.get(), 0);
-    state->scaler = sws_getContext(video.width, video.height, AV_PIX_FMT_BGRA, video.width,
-                                   video.height, state->video->pix_fmt, SWS_POINT, nullptr,
-                                   nullptr, nullptr);
+    state->scaler =
+        sws_getContext(video.width, video.height, AV_PIX_FMT_BGRA, video.width, video.height,
+                       state->video->pix_fmt, SWS_POINT, nullptr, nullptr, nullptr);
     if (!state->scaler) {
         error = QStringLiteral("The video format isn't supported.");
         return nullptr;
     }
     const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
-    sws_setColorspaceDetails(state->scaler, coefficients, 1, coefficients, 0, 0, 1 << 16,
-                             1 << 16);
+    sws_setColorspaceDetails(state->scaler, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
 
     result = avio_open(&state->format->pb, file.constData(), AVIO_FLAG_WRITE);
     if (result < 0) {
@@ -339,6 +348,9 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Vide
     }
     AVDictionary* options = nullptr;
     av_dict_set(&options, "movflags", "frag_keyframe+empty_moov+default_base_moof", 0);
+    // An intra-only codec (ProRes) has a key frame at every picture: without this it would
+    // cut, flush and sync thirty fragments a second.
+    av_dict_set_int(&options, "min_frag_duration", kMinimumFragmentMicroseconds, 0);
     result = avformat_write_header(state->format, &options);
     av_dict_free(&options);
     if (result < 0) {
@@ -349,8 +361,11 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Vide
         return nullptr;
     }
     state->headerWritten = true;
-    syncToDisk(file, true);
+    avio_flush(state->format->pb);
+    syncFileToDisk(path, true);
     state->syncFile = ::open(file.constData(), O_RDONLY | O_CLOEXEC);
+    if (state->syncFile >= 0)
+        state->syncer = std::make_unique<FragmentSyncer>(state->syncFile, state->syncStep);
     return std::unique_ptr<MovieWriter>(new MovieWriter(std::move(state)));
 }
 
@@ -368,16 +383,25 @@ bool MovieWriter::fail(int averror)
 bool MovieWriter::writeVideo(const Frame& frame, std::int64_t position)
 {
     State& s = *state_;
-    if (!holds(frame.width == s.video->width && frame.height == s.video->height,
-               "a movie's frames keep their size"))
-        return false;
     int result = av_frame_make_writable(s.picture.get());
     if (result < 0)
         return fail(result);
+    SwsContext* scaler = s.scaler;
+    if (frame.width != s.video->width || frame.height != s.video->height) {
+        // The camera changed its mode mid-recording: its pictures are scaled to the movie's
+        // size, which a movie cannot change.
+        s.resizer = sws_getCachedContext(s.resizer, frame.width, frame.height, AV_PIX_FMT_BGRA,
+                                         s.video->width, s.video->height, s.video->pix_fmt,
+                                         SWS_BILINEAR, nullptr, nullptr, nullptr);
+        if (!s.resizer)
+            return fail(AVERROR(EINVAL));
+        const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
+        sws_setColorspaceDetails(s.resizer, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
+        scaler = s.resizer;
+    }
     const std::uint8_t* source[1] = {frame.pixels};
     const int sourceStride[1] = {frame.bytesPerLine};
-    sws_scale(s.scaler, source, sourceStride, 0, frame.height, s.picture->data,
-              s.picture->linesize);
+    sws_scale(scaler, source, sourceStride, 0, frame.height, s.picture->data, s.picture->linesize);
     s.picture->pts = position;
     result = avcodec_send_frame(s.video.get(), s.picture.get());
     if (result < 0)
@@ -435,31 +459,14 @@ bool MovieWriter::finish()
     }
     if (result >= 0)
         result = av_write_trailer(s.format);
-    avio_closep(&s.format->pb);
-    if (result < 0)
-        return fail(result);
-
-    // The fragmented file becomes an ordinary movie under the same name. Until the rename the
-    // fragmented one stays whole, so a crash here still leaves a movie that plays.
-    const QFileInfo info(s.path);
-    const QString ordinary = info.dir().filePath(QLatin1Char('.') + info.fileName() +
-                                                 QStringLiteral(".part"));
-    result = remux(QFile::encodeName(s.path), QFile::encodeName(ordinary));
-    if (result < 0) {
-        QFile::remove(ordinary);
-        qCWarning(lcCapture, "recorder: could not rewrite %s as an ordinary movie: %s; it stays "
-                             "fragmented", qPrintable(s.path), qPrintable(describe(result)));
-        return true;
-    }
-    syncToDisk(QFile::encodeName(ordinary), false);
-    if (std::rename(QFile::encodeName(ordinary).constData(),
-                    QFile::encodeName(s.path).constData()) != 0) {
-        QFile::remove(ordinary);
-        qCWarning(lcCapture, "recorder: could not replace %s: %s", qPrintable(s.path),
-                  std::strerror(errno));
-    }
-    syncToDisk(QFile::encodeName(s.path), true);
-    return true;
+    const int closed = avio_closep(&s.format->pb);
+    if (result >= 0)
+        result = closed;
+    // The last fragment is on the disk before the recording is reported stopped.
+    s.syncer.reset();
+    if (s.syncFile >= 0)
+        s.syncStep(s.syncFile);
+    return result < 0 ? fail(result) : true;
 }
 
 } // namespace orvane

@@ -23,8 +23,11 @@ double secondsOf(Instant at)
 
 } // namespace
 
-Recorder::Recorder(QString path, MovieCodec codec, bool includesAudio)
-    : path_(std::move(path)), codec_(codec), includesAudio_(includesAudio)
+Recorder::Recorder(QString path, MovieCodec codec, bool includesAudio, MovieWriter::SyncStep sync)
+    : path_(std::move(path))
+    , codec_(codec)
+    , includesAudio_(includesAudio)
+    , sync_(std::move(sync))
 {
     if (includesAudio_)
         ring_.resize(kRingSamples);
@@ -34,6 +37,7 @@ Recorder::Recorder(QString path, MovieCodec codec, bool includesAudio)
 Recorder::~Recorder()
 {
     finish(nullptr);
+    cancelFinishing(); // the last owner lets go: the fragmented movie stays as it is
     if (thread_.get_id() == std::this_thread::get_id())
         thread_.detach(); // the last owner let go inside the completion
     else if (thread_.joinable())
@@ -46,8 +50,15 @@ void Recorder::setFailureHandler(std::function<void(const CaptureError&)> handle
     failureHandler_ = std::move(handler);
 }
 
+void Recorder::setStartHandler(std::function<void(const MovieStart&)> handler)
+{
+    std::lock_guard lock(mutex_);
+    startHandler_ = std::move(handler);
+}
+
 void Recorder::appendVideo(std::shared_ptr<const Frame> frame)
 {
+    captureThread_.check();
     {
         std::lock_guard lock(mutex_);
         if (finishing_)
@@ -65,6 +76,7 @@ void Recorder::appendVideo(std::shared_ptr<const Frame> frame)
 
 void Recorder::appendAudio(const AudioBuffer& buffer)
 {
+    captureThread_.check();
     if (!includesAudio_ || buffer.channels <= 0)
         return;
     {
@@ -107,7 +119,8 @@ void Recorder::appendAudio(const AudioBuffer& buffer)
     wake_.notify_one();
 }
 
-void Recorder::finish(std::function<void(Outcome)> completion)
+void Recorder::finish(std::function<void(Outcome)> completion, std::vector<MovieChapter> chapters,
+                      std::function<void(const FinishedMovie&)> finished)
 {
     {
         std::lock_guard lock(mutex_);
@@ -115,22 +128,34 @@ void Recorder::finish(std::function<void(Outcome)> completion)
             return;
         finishing_ = true;
         completion_ = std::move(completion);
+        chapters_ = std::move(chapters);
+        finished_ = std::move(finished);
     }
     wake_.notify_one();
+    room_.notify_all();
 }
 
-void Recorder::waitForRoomForTesting()
+bool Recorder::waitForRoomForTesting(Seconds limit)
 {
     std::unique_lock lock(mutex_);
-    room_.wait(lock, [this] { return frames_.size() < std::size_t(kQueuedFrames) || finishing_; });
+    return room_.wait_for(
+        lock, limit, [this] { return frames_.size() < std::size_t(kQueuedFrames) || finishing_; });
 }
 
-Recorder::Outcome Recorder::finishAndWait()
+bool Recorder::waitUntilFinished(Seconds limit)
+{
+    std::unique_lock lock(rewrite_->mutex);
+    return rewrite_->wake.wait_for(lock, limit, [this] { return rewrite_->done; });
+}
+
+Recorder::Outcome Recorder::finishAndWait(std::vector<MovieChapter> chapters)
 {
     std::promise<Outcome> promise;
     auto outcome = promise.get_future();
-    finish([&promise](Outcome o) { promise.set_value(std::move(o)); });
-    return outcome.get();
+    finish([&promise](Outcome o) { promise.set_value(std::move(o)); }, std::move(chapters));
+    auto result = outcome.get();
+    waitUntilFinished(Seconds(1e6));
+    return result;
 }
 
 void Recorder::run()
@@ -154,9 +179,10 @@ void Recorder::run()
             done = finishing_ && frames_.empty();
         }
         if (frame && !failure_ && (writer_ || startWriter(*frame))) {
-            auto position = std::llround((secondsOf(frame->capturedAt) - firstFrameAt_) /
-                                         frame->frameDuration);
+            auto position =
+                std::llround((secondsOf(frame->capturedAt) - firstFrameAt_) / frame->frameDuration);
             position = std::max<std::int64_t>(position, lastPosition_ + 1);
+            const bool first = writtenFrames_ == 0;
             if (writer_->writeVideo(*frame, position)) {
                 lastPosition_ = position;
                 ++writtenFrames_;
@@ -165,15 +191,17 @@ void Recorder::run()
             }
             frame.reset(); // back to the camera's pool at once
             if (failure_) {
-                std::function<void(const CaptureError&)> handler;
-                {
-                    std::lock_guard lock(mutex_);
-                    handler = failureHandler_;
-                }
                 qCWarning(lcCapture, "recorder: %s: %s", qPrintable(path_),
                           qPrintable(failure_->message));
+                reportFailure();
+            } else if (first) {
+                std::function<void(const MovieStart&)> handler;
+                {
+                    std::lock_guard lock(mutex_);
+                    handler = startHandler_;
+                }
                 if (handler)
-                    handler(*failure_);
+                    handler(*start_);
             }
         }
         if (!audioScratch_.empty() && writer_ && !failure_)
@@ -191,14 +219,46 @@ void Recorder::run()
         else
             outcome.error = CaptureError::writerFailed(writer_->error());
     }
+    if (writtenFrames_ > 0)
+        outcome.start = start_;
     writer_.reset();
     std::function<void(Outcome)> completion;
+    std::function<void(const FinishedMovie&)> finished;
+    std::vector<MovieChapter> chapters;
     {
         std::lock_guard lock(mutex_);
         completion = std::move(completion_);
+        finished = std::move(finished_);
+        chapters = std::move(chapters_);
     }
+    const bool made = outcome.movie.has_value();
+    const QString path = path_;
+    const std::shared_ptr<Rewrite> rewrite = rewrite_;
+    // The movie plays as it is from here on; whoever waits for it goes on now. The completion
+    // may let go of this recorder: nothing below touches its members.
     if (completion)
         completion(std::move(outcome));
+    FinishedMovie result{FinishedMovie::Result::cancelled, {}, 0};
+    if (made && !rewrite->cancelled)
+        result = finishMovie(path, std::move(chapters), &rewrite->cancelled);
+    {
+        std::lock_guard lock(rewrite->mutex);
+        rewrite->done = true;
+    }
+    rewrite->wake.notify_all();
+    if (finished)
+        finished(result);
+}
+
+void Recorder::reportFailure()
+{
+    std::function<void(const CaptureError&)> handler;
+    {
+        std::lock_guard lock(mutex_);
+        handler = failureHandler_;
+    }
+    if (handler)
+        handler(*failure_);
 }
 
 bool Recorder::startWriter(const Frame& first)
@@ -209,21 +269,16 @@ bool Recorder::startWriter(const Frame& first)
     video.height = first.height;
     video.frameDuration = first.frameDuration > 0 ? first.frameDuration : 1.0 / 30;
     QString error;
-    writer_ = MovieWriter::create(path_, video, includesAudio_, error);
+    writer_ = MovieWriter::create(path_, video, includesAudio_, error, sync_);
     if (!writer_) {
         failure_ = CaptureError::writerFailed(error);
         qCWarning(lcCapture, "recorder: could not start %s: %s", qPrintable(path_),
                   qPrintable(error));
-        std::function<void(const CaptureError&)> handler;
-        {
-            std::lock_guard lock(mutex_);
-            handler = failureHandler_;
-        }
-        if (handler)
-            handler(*failure_);
+        reportFailure();
         return false;
     }
     firstFrameAt_ = secondsOf(first.capturedAt);
+    start_ = MovieStart{first.capturedAt, first.wallCapturedAt};
     return true;
 }
 

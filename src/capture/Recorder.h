@@ -1,7 +1,12 @@
 #pragma once
 
+#include "base/Checks.h"
+#include "base/Clock.h"
 #include "capture/CaptureError.h"
+#include "capture/FinishMovie.h"
+#include "capture/MovieChapter.h"
 #include "capture/MovieCodec.h"
+#include "capture/MovieWriter.h"
 
 #include <QString>
 
@@ -19,26 +24,40 @@ namespace orvane {
 
 struct AudioBuffer;
 struct Frame;
-class MovieWriter;
+
+// A movie's time zero: the moment its first frame was captured, on the monotonic clock and on
+// the wall clock. A cue at `capturedAt + s` lies `s` seconds into the movie. Plain value.
+struct MovieStart {
+    Instant capturedAt{};
+    WallTime wallCapturedAt{};
+    friend bool operator==(const MovieStart&, const MovieStart&) = default;
+};
 
 // Writes one camera's frames, and for the main camera its sound, into one movie. Frames are
 // handed over on the capture thread through a small bounded queue and encoded on the
 // recorder's own thread; a frame that finds the queue full is dropped and counted, and the
-// capture thread never waits. The movie is made on the first frame, at that frame's size.
-// append*() on the capture thread; finish() and the counters from any thread.
+// capture thread never waits. The movie is made on the first frame, at that frame's size;
+// later frames of another size are scaled to it. Stopping closes the fragmented movie, which
+// plays at once, and only then rewrites it as an ordinary movie with its chapters, still on
+// the recorder's thread and away from the capture path. append*() on the capture thread (the
+// thread that last called bindCaptureThread()); finish() and the counters from any thread.
 class Recorder {
 public:
     // How a recording ended: the movie's location, or the failure, or neither when no frame
-    // ever arrived (no file exists then).
+    // ever arrived (no file exists then); and the movie's time zero once a frame was written.
     struct Outcome {
         std::optional<QString> movie;
         std::optional<CaptureError> error;
+        std::optional<MovieStart> start;
         friend bool operator==(const Outcome&, const Outcome&) = default;
     };
 
     static constexpr int kQueuedFrames = 4;
+    // The frames a recorder holds at most: its queue and the one being encoded.
+    static constexpr int kHeldFrames = kQueuedFrames + 1;
 
-    Recorder(QString path, MovieCodec codec, bool includesAudio);
+    // `sync` makes each fragment durable (MovieWriter::syncData unless given).
+    Recorder(QString path, MovieCodec codec, bool includesAudio, MovieWriter::SyncStep sync = {});
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
@@ -49,25 +68,37 @@ public:
 
     // Called once, on the recorder's thread, when writing fails mid-way.
     void setFailureHandler(std::function<void(const CaptureError&)> handler);
+    // Called once, on the recorder's thread, when the first frame is in the movie.
+    void setStartHandler(std::function<void(const MovieStart&)> handler);
+    // The calling thread becomes the one that appends.
+    void bindCaptureThread() { captureThread_.rebind(); }
 
     void appendVideo(std::shared_ptr<const Frame> frame);
     void appendAudio(const AudioBuffer& buffer);
 
-    // Stops taking data, writes what is queued and closes the movie; `completion` then runs
-    // on the recorder's thread. Later calls do nothing.
-    void finish(std::function<void(Outcome)> completion);
-    // finish() and wait for its outcome.
-    Outcome finishAndWait();
+    // Stops taking data, writes what is queued and closes the fragmented movie; `completion`
+    // then runs on the recorder's thread with the outcome. After it, when a movie was made,
+    // the movie is rewritten as an ordinary one with `chapters` (see finishMovie()) and
+    // `finished` runs on the recorder's thread. Later calls do nothing.
+    void finish(std::function<void(Outcome)> completion, std::vector<MovieChapter> chapters = {},
+                std::function<void(const FinishedMovie&)> finished = {});
+    // finish() and wait for the outcome and for the rewrite.
+    Outcome finishAndWait(std::vector<MovieChapter> chapters = {});
+    // Stops a rewrite under way (or still to come), leaving the fragmented movie. Any thread.
+    void cancelFinishing() { rewrite_->cancelled = true; }
+    // Waits at most `limit` for the rewrite to end; whether it has.
+    bool waitUntilFinished(Seconds limit);
 
     int droppedFrames() const { return droppedFrames_.load(); }
-    // Waits until the queue has room for another frame, so a test that steps frames faster
-    // than real time loses none.
-    void waitForRoomForTesting();
+    // Waits at most `limit` until the queue has room for another frame, so a test that steps
+    // frames faster than real time loses none; whether there is room.
+    bool waitForRoomForTesting(Seconds limit = Seconds(60));
     int writtenFrames() const { return writtenFrames_.load(); }
 
 private:
     void run();
     bool startWriter(const Frame& first);
+    void reportFailure();
 
     const QString path_;
     const MovieCodec codec_;
@@ -83,7 +114,21 @@ private:
     std::size_t ringCount_ = 0;
     bool finishing_ = false;
     std::function<void(Outcome)> completion_;
+    std::vector<MovieChapter> chapters_;
+    std::function<void(const FinishedMovie&)> finished_;
     std::function<void(const CaptureError&)> failureHandler_;
+    std::function<void(const MovieStart&)> startHandler_;
+    // The rewrite after the stop, shared with the recorder's thread, which may outlive this
+    // object when its last owner lets go inside the completion.
+    struct Rewrite {
+        std::atomic<bool> cancelled{false};
+        std::mutex mutex;
+        std::condition_variable wake;
+        bool done = false;
+    };
+    const std::shared_ptr<Rewrite> rewrite_ = std::make_shared<Rewrite>();
+    const MovieWriter::SyncStep sync_;
+    ThreadCheck captureThread_;
 
     // Capture thread only: the movie's time line starts at the first frame.
     std::optional<double> startTime_; // seconds on the monotonic clock
@@ -97,6 +142,7 @@ private:
     std::optional<CaptureError> failure_;
     std::int64_t lastPosition_ = -1;
     double firstFrameAt_ = 0;
+    std::optional<MovieStart> start_;
     std::vector<float> audioScratch_;
 
     std::thread thread_;

@@ -13,6 +13,8 @@ using namespace orvane;
 
 Q_DECLARE_METATYPE(orvane::Feed)
 Q_DECLARE_METATYPE(orvane::FeedState)
+Q_DECLARE_METATYPE(orvane::MovieStart)
+Q_DECLARE_METATYPE(orvane::FinishedMovie)
 
 namespace {
 
@@ -48,8 +50,8 @@ void CameraFeedTest::stateFollowsTheFeed_data()
     QTest::addColumn<FeedState>("state");
     QTest::newRow("no access") << feed(TestPatternSource::kID, {}, true) << false
                                << FeedState::of(FeedState::Kind::noAccess);
-    QTest::newRow("no camera chosen") << feed({}, {}, false) << true
-                                      << FeedState::of(FeedState::Kind::unassigned);
+    QTest::newRow("no camera chosen")
+        << feed({}, {}, false) << true << FeedState::of(FeedState::Kind::unassigned);
     QTest::newRow("unplugged, name known")
         << feed(QStringLiteral("/dev/v4l/by-id/usb-cam"), QStringLiteral("Stage Left"), false)
         << true << FeedState::disconnected(QStringLiteral("Stage Left"));
@@ -131,16 +133,34 @@ void CameraFeedTest::anExtraCameraRecordsNoSound()
     useSmallTestPattern(camera.engine());
     camera.apply(applied, true);
     QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    QSignalSpy started(&camera, &CameraFeed::recordingStarted);
+    QSignalSpy finished(&camera.engine(), &CaptureEngine::movieFinished);
+    const Instant asked = Clock::system().now();
     camera.startRecording(path, MovieCodec::h264);
+    QVERIFY(started.wait(10000));
+    const Instant told = Clock::system().now();
+    // The movie's time zero: its first frame, captured after the start was asked for.
+    const auto start = camera.recordingStart();
+    QVERIFY(start);
+    QVERIFY(start->capturedAt >= addSeconds(asked, -0.1) && start->capturedAt <= told);
+    QCOMPARE(started.takeFirst().at(0).value<MovieStart>(), *start);
     QTest::qWait(1000);
     std::optional<Recorder::Outcome> outcome;
-    camera.stopRecording([&](Recorder::Outcome o) { outcome = o; });
+    camera.stopRecording({{0.5, QStringLiteral("Q 1")}}, [&](Recorder::Outcome o) { outcome = o; });
+    QVERIFY(!camera.recordingStart());
     QTRY_VERIFY_WITH_TIMEOUT(outcome, 20000);
     QCOMPARE(outcome->movie, path);
+    QCOMPARE(outcome->start, start);
+    QVERIFY(finished.count() == 1 || finished.wait(20000));
+    QCOMPARE(finished.first().at(0).toString(), path);
+    QCOMPARE(finished.first().at(1).value<FinishedMovie>().result, FinishedMovie::Result::finished);
     const auto movie = probeMovie(path);
     QVERIFY(movie);
     QCOMPARE(movie->count(QStringLiteral("video")), 1);
     QCOMPARE(movie->count(QStringLiteral("audio")), 0);
+    const auto chapters = probeChapters(path);
+    QVERIFY(chapters && chapters->size() == 1);
+    QCOMPARE(chapters->front().title, QStringLiteral("Q 1"));
 }
 
 void CameraFeedTest::theMainCameraRecordsItsMicrophone()

@@ -22,6 +22,7 @@ void CrashSafetyTest::aKilledRecordingStillPlays_data()
 {
     QTest::addColumn<QString>("codec");
     QTest::addColumn<bool>("sound");
+    QTest::newRow("HEVC with sound") << "hevc" << true;
     QTest::newRow("H.264 with sound") << "h264" << true;
     QTest::newRow("ProRes 422 Proxy") << "prores" << false;
 }

@@ -66,6 +66,26 @@ std::optional<ProbedMovie> probeMovie(const QString& path)
     return movie;
 }
 
+std::optional<std::vector<ProbedChapter>> probeChapters(const QString& path)
+{
+    QProcess ffprobe;
+    ffprobe.start(QStringLiteral("ffprobe"),
+                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_chapters"),
+                   QStringLiteral("-of"), QStringLiteral("json"), path});
+    if (!ffprobe.waitForFinished(60000) || ffprobe.exitCode() != 0)
+        return std::nullopt;
+    const auto json = QJsonDocument::fromJson(ffprobe.readAllStandardOutput()).object();
+    std::vector<ProbedChapter> chapters;
+    for (const auto& value : json.value(QStringLiteral("chapters")).toArray()) {
+        const auto c = value.toObject();
+        chapters.push_back(
+            {c.value(QStringLiteral("start_time")).toString().toDouble(),
+             c.value(QStringLiteral("end_time")).toString().toDouble(),
+             c.value(QStringLiteral("tags")).toObject().value(QStringLiteral("title")).toString()});
+    }
+    return chapters;
+}
+
 QStringList topLevelBoxes(const QString& path)
 {
     QStringList boxes;

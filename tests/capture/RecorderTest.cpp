@@ -9,9 +9,14 @@
 #include "capture/ToneSource.h"
 #include "overlay/OverlayRenderer.h"
 
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <condition_variable>
+#include <future>
+#include <mutex>
 
 using namespace orvane;
 
@@ -21,27 +26,71 @@ namespace {
 
 // Steps a test pattern camera (and a tone, when sound is recorded) through the capture
 // pipeline into `recorder` for `frames` pictures, as the capture thread would, but without
-// letting the recorder fall behind.
-void record(Recorder& recorder, int width, int height, double fps, int frames, bool sound,
-            std::shared_ptr<const OverlayContent> overlay = nullptr)
+// letting the recorder fall behind; `resizeAt`: from that frame on the camera delivers twice
+// the size. Returns the first frame's moment of capture, or none when the recorder did not
+// make room for a frame within a few seconds.
+std::optional<MovieStart> record(Recorder& recorder, int width, int height, double fps, int frames,
+                                 bool sound,
+                                 std::shared_ptr<const OverlayContent> overlay = nullptr,
+                                 int resizeAt = -1)
 {
     ManualClock clock;
     CapturePipeline pipeline(clock);
     pipeline.setOverlay(std::move(overlay));
     TestPatternSource camera(clock, width, height, fps, TestPatternSource::Pacing::stepped);
+    TestPatternSource larger(clock, width * 2, height * 2, fps, TestPatternSource::Pacing::stepped);
     ToneSource tone(clock);
     AudioBuffer buffer;
+    std::optional<MovieStart> start;
     pipeline.setRecorder(std::shared_ptr<Recorder>(&recorder, [](Recorder*) {}));
     for (int i = 0; i < frames; ++i) {
-        QCOMPARE(camera.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
-        recorder.waitForRoomForTesting();
-        pipeline.captureFrame(camera);
+        TestPatternSource& source = resizeAt >= 0 && i >= resizeAt ? larger : camera;
+        if (source.waitForFrame(Seconds(0)) != VideoSource::Wait::frameReady)
+            return std::nullopt;
+        if (!recorder.waitForRoomForTesting(Seconds(5)))
+            return std::nullopt;
+        const auto frame = pipeline.captureFrame(source);
+        if (frame && !start)
+            start = MovieStart{frame->capturedAt, frame->wallCapturedAt};
         while (sound && tone.read(buffer) == AudioSource::Read::buffer)
             pipeline.captureAudio(buffer);
         clock.advance(1.0 / fps);
     }
     pipeline.setRecorder(nullptr);
+    return start;
 }
+
+// A disk whose syncs wait until the test lets them go, counting them.
+struct HeldDisk {
+    std::mutex mutex;
+    std::condition_variable released;
+    bool open = false;
+    int syncs = 0;
+
+    MovieWriter::SyncStep step()
+    {
+        return [this](int fd) {
+            std::unique_lock lock(mutex);
+            ++syncs;
+            released.wait(lock, [this] { return open; });
+            lock.unlock();
+            MovieWriter::syncData(fd);
+        };
+    }
+    void release()
+    {
+        {
+            std::lock_guard lock(mutex);
+            open = true;
+        }
+        released.notify_all();
+    }
+    int syncCount()
+    {
+        std::lock_guard lock(mutex);
+        return syncs;
+    }
+};
 
 } // namespace
 
@@ -54,6 +103,10 @@ private Q_SLOTS:
     void aRecordingWithoutFramesLeavesNoFile();
     void aMovieThatCannotBeCreatedFailsWithTheWritersMessage();
     void aFullQueueDropsFramesWithoutWaiting();
+    void stoppingIsQuickAndTheMovieIsFinishedAfter_data();
+    void stoppingIsQuickAndTheMovieIsFinishedAfter();
+    void aDiskThatHoldsSyncsLosesNoFrame();
+    void framesOfAnotherSizeAreScaledToTheMovie();
 };
 
 void RecorderTest::writesTheChosenCodecAtTheFirstFramesSize_data()
@@ -65,14 +118,16 @@ void RecorderTest::writesTheChosenCodecAtTheFirstFramesSize_data()
     QTest::addColumn<bool>("sound");
     QTest::addColumn<QString>("codecName");
     QTest::addColumn<QString>("profile");
-    QTest::newRow("H.264 with sound") << MovieCodec::h264 << 320 << 180 << 30.0 << true
-                                      << "h264" << "";
+    QTest::newRow("H.264 with sound") << MovieCodec::h264 << 320 << 180 << 30.0 << true << "h264"
+                                      << "";
     QTest::newRow("H.264 without sound, 25 fps")
-        << MovieCodec::h264 << 256 << 144 << 25.0 << false << "h264" << "";
+        << MovieCodec::h264 << 256 << 144 << 25.0 << false << "h264"
+        << "";
     QTest::newRow("HEVC with sound") << MovieCodec::hevc << 320 << 180 << 30.0 << true << "hevc"
                                      << "";
     QTest::newRow("ProRes 422 Proxy, 1080p")
-        << MovieCodec::proRes422Proxy << 1920 << 1080 << 30.0 << false << "prores" << "Proxy";
+        << MovieCodec::proRes422Proxy << 1920 << 1080 << 30.0 << false << "prores"
+        << "Proxy";
     QTest::newRow("ProRes 422 Proxy with sound, 29.97 fps")
         << MovieCodec::proRes422Proxy << 320 << 240 << 30000.0 / 1001 << true << "prores"
         << "Proxy";
@@ -91,9 +146,10 @@ void RecorderTest::writesTheChosenCodecAtTheFirstFramesSize()
     const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
     const int frames = int(std::lround(2.5 * fps));
     Recorder recorder(path, codec, sound);
-    record(recorder, width, height, fps, frames, sound);
+    const auto start = record(recorder, width, height, fps, frames, sound);
+    QVERIFY(start);
     const auto outcome = recorder.finishAndWait();
-    QCOMPARE(outcome, (Recorder::Outcome{path, std::nullopt}));
+    QCOMPARE(outcome, (Recorder::Outcome{path, std::nullopt, start}));
     QCOMPARE(recorder.droppedFrames(), 0);
 
     const auto movie = probeMovie(path);
@@ -106,7 +162,8 @@ void RecorderTest::writesTheChosenCodecAtTheFirstFramesSize()
         QCOMPARE(video->profile, profile);
     QCOMPARE(video->width, width);
     QCOMPARE(video->height, height);
-    QVERIFY2(std::abs(video->frameRate - fps) < 0.01, qPrintable(QString::number(video->frameRate)));
+    QVERIFY2(std::abs(video->frameRate - fps) < 0.01,
+             qPrintable(QString::number(video->frameRate)));
     QCOMPARE(video->frameCount, frames);
     QVERIFY2(std::abs(video->duration - frames / fps) <= 1.5 / fps,
              qPrintable(QString::number(video->duration)));
@@ -134,10 +191,10 @@ void RecorderTest::theOverlayIsBurnedIn()
     QTemporaryDir folder;
     const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
     ManualClock clock;
-    const auto content = std::make_shared<const OverlayContent>(
-        busyShowOverlayContent(clock.wallNow()));
+    const auto content =
+        std::make_shared<const OverlayContent>(busyShowOverlayContent(clock.wallNow()));
     Recorder recorder(path, MovieCodec::h264, false);
-    record(recorder, kWidth, kHeight, 30, 12, false, content);
+    QVERIFY(record(recorder, kWidth, kHeight, 30, 12, false, content));
     QVERIFY(recorder.finishAndWait().movie);
 
     // The bare picture of the same frame, as the camera gave it.
@@ -151,8 +208,8 @@ void RecorderTest::theOverlayIsBurnedIn()
     const QByteArray decoded = decodePicture(path, 10, kWidth, kHeight);
     QVERIFY(!decoded.isEmpty());
 
-    const auto arranged = OverlayRenderer().arrange(*content, QSizeF(kWidth, kHeight),
-                                                    clock.wallNow());
+    const auto arranged =
+        OverlayRenderer().arrange(*content, QSizeF(kWidth, kHeight), clock.wallNow());
     QVERIFY(arranged.size() >= 3);
     auto difference = [&](int x, int y) {
         const std::size_t at = (std::size_t(y) * kWidth + std::size_t(x)) * 4;
@@ -168,8 +225,9 @@ void RecorderTest::theOverlayIsBurnedIn()
             for (int x = panel.left(); x <= panel.right(); ++x)
                 total += difference(x, y);
         const double mean = total / (double(panel.width()) * panel.height());
-        QVERIFY2(mean > 12, qPrintable(QStringLiteral("panel at %1,%2: %3")
-                                           .arg(panel.x()).arg(panel.y()).arg(mean)));
+        QVERIFY2(mean > 12,
+                 qPrintable(
+                     QStringLiteral("panel at %1,%2: %3").arg(panel.x()).arg(panel.y()).arg(mean)));
     }
     // Away from the panels the picture is the camera's, give or take the codec.
     double total = 0;
@@ -213,6 +271,7 @@ void RecorderTest::aMovieThatCannotBeCreatedFailsWithTheWritersMessage()
     record(recorder, 160, 90, 30, 3, false);
     const auto outcome = recorder.finishAndWait();
     QVERIFY(!outcome.movie);
+    QVERIFY(!outcome.start);
     QVERIFY(outcome.error);
     QCOMPARE(outcome.error->kind, CaptureError::Kind::writerFailed);
     QCOMPARE(outcome.error->description(),
@@ -246,6 +305,143 @@ void RecorderTest::aFullQueueDropsFramesWithoutWaiting()
     const auto movie = probeMovie(path);
     QVERIFY(movie);
     QCOMPARE(movie->stream(QStringLiteral("video"))->frameCount, recorder.writtenFrames());
+}
+
+void RecorderTest::stoppingIsQuickAndTheMovieIsFinishedAfter_data()
+{
+    QTest::addColumn<MovieCodec>("codec");
+    QTest::addColumn<bool>("sound");
+    QTest::newRow("HEVC with sound") << MovieCodec::hevc << true;
+    QTest::newRow("H.264") << MovieCodec::h264 << false;
+    // Intra-only: every picture is a key frame, yet fragments still last a second.
+    QTest::newRow("ProRes 422 Proxy") << MovieCodec::proRes422Proxy << false;
+}
+
+void RecorderTest::stoppingIsQuickAndTheMovieIsFinishedAfter()
+{
+    QFETCH(MovieCodec, codec);
+    QFETCH(bool, sound);
+    constexpr int kFrames = 4 * 30 + 10; // 4.33 s
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
+    std::atomic<int> syncs{0};
+    Recorder recorder(path, codec, sound, [&syncs](int fd) {
+        ++syncs;
+        MovieWriter::syncData(fd);
+    });
+    std::vector<MovieStart> announced;
+    recorder.setStartHandler([&](const MovieStart& start) { announced.push_back(start); });
+    const auto start = record(recorder, 320, 180, 30, kFrames, sound);
+    QVERIFY(start);
+
+    // At the stop the movie is closed as it was written, fragmented, and plays whole.
+    std::promise<Recorder::Outcome> stopped;
+    QStringList boxesAtStop;
+    std::optional<ProbedMovie> movieAtStop;
+    std::promise<FinishedMovie> finished;
+    const std::vector<MovieChapter> chapters{{0.0, QStringLiteral("Q 1 Preshow")},
+                                             {2.5, QStringLiteral("Q 2 «Act One»")},
+                                             {99.0, QStringLiteral("Q 3 after the end")}};
+    recorder.finish(
+        [&](Recorder::Outcome outcome) {
+            boxesAtStop = topLevelBoxes(path);
+            movieAtStop = probeMovie(path);
+            stopped.set_value(std::move(outcome));
+        },
+        chapters, [&](const FinishedMovie& movie) { finished.set_value(movie); });
+    const auto outcome = stopped.get_future().get();
+    QCOMPARE(outcome, (Recorder::Outcome{path, std::nullopt, start}));
+    QCOMPARE(announced, std::vector<MovieStart>{*start});
+    QVERIFY(movieAtStop);
+    QCOMPARE(movieAtStop->stream(QStringLiteral("video"))->frameCount, kFrames);
+    // A fragment about every second: four or five, not one per picture.
+    const auto fragments = boxesAtStop.count(QStringLiteral("moof"));
+    QVERIFY2(fragments >= 4 && fragments <= 6, qPrintable(boxesAtStop.join(QLatin1Char(' '))));
+    QVERIFY2(syncs >= fragments - 1 && syncs <= fragments + 2,
+             qPrintable(QStringLiteral("%1 syncs").arg(syncs.load())));
+
+    // After it, an ordinary movie with its chapters under the same name.
+    const FinishedMovie result = finished.get_future().get();
+    QCOMPARE(result.result, FinishedMovie::Result::finished);
+    QCOMPARE(result.chapters, 2);
+    const QStringList boxes = topLevelBoxes(path);
+    QVERIFY2(boxes.contains(QStringLiteral("moov")) && !boxes.contains(QStringLiteral("moof")),
+             qPrintable(boxes.join(QLatin1Char(' '))));
+    const auto movie = probeMovie(path);
+    QVERIFY(movie);
+    QCOMPARE(movie->stream(QStringLiteral("video"))->frameCount, kFrames);
+    QCOMPARE(movie->count(QStringLiteral("audio")), sound ? 1 : 0);
+    const auto probed = probeChapters(path);
+    QVERIFY(probed);
+    QCOMPARE(int(probed->size()), 2);
+    QCOMPARE((*probed)[0].title, QStringLiteral("Q 1 Preshow"));
+    QCOMPARE((*probed)[1].title, QStringLiteral("Q 2 «Act One»"));
+    QCOMPARE((*probed)[1].start, 2.5);
+    QVERIFY(std::abs((*probed)[1].end - kFrames / 30.0) < 0.05);
+    QCOMPARE(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden),
+             QStringList{QStringLiteral("Camera 1.mov")});
+}
+
+void RecorderTest::aDiskThatHoldsSyncsLosesNoFrame()
+{
+    // A USB stick or a spinning disk can take a second to sync: the encoder must go on
+    // meanwhile. Here the disk holds every sync until the recording ends.
+    constexpr int kFrames = 3 * 30;
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
+    HeldDisk disk;
+    Recorder recorder(path, MovieCodec::proRes422Proxy, true, disk.step());
+    const bool recorded = record(recorder, 320, 180, 30, kFrames, true).has_value();
+    QVERIFY(disk.syncCount() >= 1); // a sync was under way while frames kept coming
+    disk.release();
+    QVERIFY2(recorded, "the recorder stopped taking frames while the disk was syncing");
+    const auto outcome = recorder.finishAndWait();
+    QVERIFY(outcome.movie);
+    QCOMPARE(recorder.droppedFrames(), 0);
+    QCOMPARE(recorder.writtenFrames(), kFrames);
+    const auto movie = probeMovie(path);
+    QVERIFY(movie);
+    QCOMPARE(movie->stream(QStringLiteral("video"))->frameCount, kFrames);
+}
+
+void RecorderTest::framesOfAnotherSizeAreScaledToTheMovie()
+{
+    // The camera was switched to another mode mid-recording.
+    QTemporaryDir folder;
+    const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
+    Recorder recorder(path, MovieCodec::h264, false);
+    std::optional<CaptureError> failure;
+    recorder.setFailureHandler([&](const CaptureError& error) { failure = error; });
+    QVERIFY(record(recorder, 320, 180, 30, 40, false, nullptr, 20));
+    const auto outcome = recorder.finishAndWait();
+    QVERIFY(!failure);
+    QCOMPARE(outcome.error, std::nullopt);
+    QVERIFY(outcome.movie);
+    const auto movie = probeMovie(path);
+    QVERIFY(movie);
+    const ProbedStream* video = movie->stream(QStringLiteral("video"));
+    QCOMPARE(video->width, 320);
+    QCOMPARE(video->height, 180);
+    QCOMPARE(video->frameCount, 40);
+    // The scaled picture is the camera's, not a blank.
+    const QByteArray decoded = decodePicture(path, 30, 320, 180);
+    QVERIFY(!decoded.isEmpty());
+    std::vector<std::uint8_t> larger(640 * 360 * 4);
+    Frame frame;
+    frame.pixels = larger.data();
+    frame.width = 640;
+    frame.height = 360;
+    frame.bytesPerLine = 640 * 4;
+    ManualClock clock;
+    // The larger camera started at the recording's frame 20 and counts from its own start.
+    TestPatternSource(clock, 640, 360, 30).paint(frame, 30);
+    double total = 0;
+    for (int y = 0; y < 180; ++y)
+        for (int x = 0; x < 320; ++x)
+            for (int c = 0; c < 3; ++c)
+                total += std::abs(int(std::uint8_t(decoded[(y * 320 + x) * 4 + c])) -
+                                  int(larger[std::size_t((2 * y * 640 + 2 * x) * 4 + c)]));
+    QVERIFY2(total / (320 * 180 * 3) < 20, qPrintable(QString::number(total / (320 * 180 * 3))));
 }
 
 QTEST_MAIN(RecorderTest)

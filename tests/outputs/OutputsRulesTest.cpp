@@ -48,7 +48,6 @@ private slots:
     void waitsForTheWholeHeader_data();
     void waitsForTheWholeHeader();
     void framesStreamParts();
-    void pageHasEveryPart();
     void encodesScaledPictures_data();
     void encodesScaledPictures();
     void admitsLocalViewers_data();
@@ -141,41 +140,6 @@ void OutputsRulesTest::framesStreamParts()
     const QByteArray jpeg("\xff\xd8\x01\x02\xff\xd9", 6);
     QCOMPARE(webStreamPart(jpeg),
              "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: 6\r\n\r\n" + jpeg + "\r\n");
-}
-
-void OutputsRulesTest::pageHasEveryPart()
-{
-    // The browser test checks behaviour; this checks what only the text can show.
-    const QByteArray page = webPage();
-    for (const char* piece : {"<!DOCTYPE html>",
-                              "<html lang=\"en\">",
-                              "<meta charset=\"utf-8\">",
-                              "content=\"width=device-width, initial-scale=1\"",
-                              "<title>Orvane</title>",
-                              "id=\"video\" src=\"/stream.mjpg\" alt=\"Live picture from Orvane\"",
-                              "object-fit: contain",
-                              "overflow: hidden",
-                              ">Full Screen</button>",
-                              "right: 16px",
-                              "bottom: 16px",
-                              "padding: 10px 16px",
-                              "border: none",
-                              "border-radius: 10px",
-                              "rgba(255, 255, 255, 0.16)",
-                              "15px system-ui",
-                              "cursor: pointer",
-                              "transition: opacity 0.3s",
-                              "requestFullscreen",
-                              "webkitRequestFullscreen",
-                              "\"dblclick\"",
-                              "\"/stream.mjpg?\" + Date.now()",
-                              "}, 1000)",
-                              "\"idle\"",
-                              "}, 2500)",
-                              "\"mousemove\"",
-                              "\"touchstart\"",
-                              ":fullscreen #fullscreen { display: none; }"})
-        QVERIFY2(page.contains(piece), piece);
 }
 
 void OutputsRulesTest::encodesScaledPictures_data()

@@ -27,6 +27,8 @@ public:
 
 private:
     struct State;
+    template <class Compress>
+    static QByteArray compress(State& state, Compress run, int width, int height);
     std::unique_ptr<State> state_;
 };
 

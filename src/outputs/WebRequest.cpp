@@ -123,9 +123,25 @@ body.idle #fullscreen { opacity: 0; }
   }
   button.addEventListener("click", goFullScreen);
   video.addEventListener("dblclick", goFullScreen);
-  video.addEventListener("error", function () {
+  function askAgain() {
     setTimeout(function () { video.src = "/stream.mjpg?" + Date.now(); }, 1000);
-  });
+  }
+  video.addEventListener("error", askAgain);
+  // A browser shows an ended stream as a finished picture and reports no failure, so a
+  // picture that has not changed for 3 s counts as failed too.
+  var sample = document.createElement("canvas");
+  sample.width = 64;
+  sample.height = 36;
+  var sampler = sample.getContext("2d", { willReadFrequently: true });
+  var lastSample = "";
+  var stillSince = Date.now();
+  setInterval(function () {
+    if (!video.complete || !video.naturalWidth) { stillSince = Date.now(); return; }
+    sampler.drawImage(video, 0, 0, sample.width, sample.height);
+    var now = sampler.getImageData(0, 0, sample.width, sample.height).data.join(",");
+    if (now !== lastSample) { lastSample = now; stillSince = Date.now(); return; }
+    if (Date.now() - stillSince >= 3000) { stillSince = Date.now(); askAgain(); }
+  }, 1000);
   var idleTimer = null;
   function awake() {
     document.body.classList.remove("idle");

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,14 +42,17 @@ int number(const char* name)
     return value ? std::atoi(value) : 0;
 }
 
-template <class... Args> void logLine(const char* format, Args... args)
+__attribute__((format(printf, 1, 2))) void logLine(const char* format, ...)
 {
     const char* path = std::getenv("ORVANE_NDI_TEST_LOG");
     if (!path || !*path)
         return;
     std::lock_guard lock(logMutex);
     if (std::FILE* file = std::fopen(path, "a")) {
-        std::fprintf(file, format, args...);
+        va_list arguments;
+        va_start(arguments, format);
+        std::vfprintf(file, format, arguments);
+        va_end(arguments);
         std::fputc('\n', file);
         std::fclose(file);
     }

@@ -1,6 +1,7 @@
 #include "app/AppModel.h"
 
 #include "app/AppLog.h"
+#include "app/EosSettings.h"
 #include "app/RecordingNames.h"
 #include "app/ShowEvents.h"
 #include "capture/TestPatternSource.h"
@@ -44,7 +45,7 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     , show_(clock, this)
     , qlab_(clock, this)
     , qlabBrowser_(clock, this)
-    , eos_(*settings_, clock, this)
+    , eos_(clock, this)
     , demo_(show_, clock, this)
     , engine_(clock, this)
     , recording_(*settings_, clock, this)
@@ -58,6 +59,7 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     , overlayWatcher_([this] { return overlayUpdate(); },
                       [this](const OverlayUpdate& u) { applyOverlay(u); })
 {
+    eosSettings_ = new EosSettings(eos_, *settings_); // a child of the link
     outputs_.setParent(this);
     engine_.addSink(outputs_.sink());
     recording_.setFolder(recordingsFolder());
@@ -109,6 +111,7 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
           &AppSettings::eosEnabledChanged, &AppSettings::eosHostChanged,
           &AppSettings::eosFramingChanged, &AppSettings::eosPortChanged,
           &AppSettings::eosNetworkChanged, &AppSettings::eosAutoConnectChanged,
+          &AppSettings::eosConsoleIDChanged, &AppSettings::eosConsoleNameChanged,
           &AppSettings::watchedAddressesChanged, &AppSettings::qlabEnabledChanged,
           &AppSettings::qlabHostChanged, &AppSettings::qlabPortChanged,
           &AppSettings::qlabPasscodeChanged, &AppSettings::qlabWorkspaceChanged,
@@ -214,7 +217,7 @@ NetworkConfiguration AppModel::networkConfiguration() const
     NetworkConfiguration configuration;
     configuration.oscEnabled = settings_->oscEnabled();
     configuration.oscPort = settings_->oscPort();
-    configuration.eos = EosConnection::configurationFrom(*settings_);
+    configuration.eos = eosConfiguration(*settings_);
     configuration.watched = settings_->watchedAddresses();
     configuration.qlabEnabled = settings_->qlabEnabled();
     configuration.qlabHost = settings_->qlabHost().trimmed();

@@ -3,6 +3,7 @@
 #include "app/ConfigurationWatcher.h"
 #include "app/Configurations.h"
 #include "app/CueLogEntry.h"
+#include "app/EosSettings.h"
 #include "app/NetworkPathMonitor.h"
 #include "app/RecordingControl.h"
 #include "app/RunOptions.h"
@@ -154,6 +155,7 @@ private:
     QLabClient qlab_;
     QLabBrowser qlabBrowser_;
     EosConnection eos_;
+    EosSettings* eosSettings_ = nullptr; // writes what the link adopts; a child of eos_
     DemoShow demo_;
     CaptureEngine engine_;
     Outputs outputs_;

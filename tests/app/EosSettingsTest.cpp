@@ -84,6 +84,7 @@ void EosSettingsTest::reportsAreKeptAndAppliedWhole()
     QCOMPARE(applied.front(), eosConfiguration(store.settings));
 
     // The file holds it too.
+    store.settings.flush();
     AppSettings reread(store.settings.location());
     QCOMPARE(reread.eosHost(), host);
     QCOMPARE(reread.eosConsoleID(), consoleID);

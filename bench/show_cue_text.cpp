@@ -33,20 +33,6 @@ void handleActiveCueText(benchmark::State& state)
 }
 BENCHMARK(handleActiveCueText);
 
-// One packet from the wire: decode, then handle.
-void receiveActiveCueText(benchmark::State& state)
-{
-    orvane::ManualClock clock;
-    orvane::ShowData show(clock);
-    const QByteArray packet = orvane::encodeOSC(
-        {"/eos/out/active/cue/text", {std::string("1/14 Opening Number 5.0 45%")}});
-    for (auto _ : state) {
-        clock.advance(0.05);
-        show.receive(packet, QStringLiteral("10.0.0.5"));
-    }
-}
-BENCHMARK(receiveActiveCueText);
-
 } // namespace
 
 BENCHMARK_MAIN();

@@ -71,12 +71,12 @@ int run(const QStringList& arguments)
     // The listener's state lines below say what its log would.
     QLoggingCategory::setFilterRules(QStringLiteral("orvane.osc=false"));
     OSCListener listener;
-    listener.setOnPacket([](const QByteArray& datagram, const QString& sender) {
+    listener.setOnPacket([](const QByteArray& datagram, const OSCListener::Sender& sender) {
         const std::vector<OSCMessage> messages = decodeOSCPacket(datagram);
         if (messages.empty()) {
             printLine(stderr, QStringLiteral("Ignored %1 bytes from %2 that are not OSC.")
                                   .arg(datagram.size())
-                                  .arg(sender)
+                                  .arg(sender.host)
                                   .toStdString());
         }
         for (const OSCMessage& message : messages)

@@ -3,11 +3,11 @@
 
 #include "commands/Command.h"
 
+#include "app/OverlayFeed.h"
+#include "app/ShowInput.h"
 #include "capture/CaptureEngine.h"
 #include "capture/TestPatternSource.h"
 #include "capture/ToneSource.h"
-#include "overlay/OverlayAssembly.h"
-#include "overlay/OverlayContent.h"
 #include "show/DemoShow.h"
 #include "show/ShowData.h"
 
@@ -103,34 +103,17 @@ int run(const QStringList& arguments)
     CaptureEngine engine;
     engine.setTestPatternFormat(format);
 
-    // The demo show plays through the show data, and every change of either becomes a new
-    // overlay content, as in the application: cues, fades, fields, timecode and REC.
+    // The demo show plays through the one door into the show data, and the overlay feed turns
+    // every change into new content for the camera, as in the application: cues, fades,
+    // fields, timecode and REC.
     ShowData show;
-    DemoShow demo(show);
-    OverlaySources sources;
-    sources.cameraLabel = QStringLiteral("Test Pattern");
-    sources.recordingStart = Clock::system().wallNow();
-    const auto refreshOverlay = [&] {
-        sources.demoShowTime = demo.showTime();
-        sources.showName = show.showName();
-        sources.activeCue = show.activeCue();
-        sources.pendingCue = show.pendingCue();
-        sources.isHearingEos = show.isHearingEos();
-        sources.activeParts = show.activeParts();
-        sources.activeCueClock = show.activeCueClock();
-        sources.runningPart = show.runningPart();
-        sources.fields = show.fields();
-        sources.gatheredAt = Clock::system().wallNow();
-        engine.setOverlay(assembleOverlayContent(sources), sources.cameraLabel);
-    };
-    for (const auto signal :
-         {&ShowData::activeCueChanged, &ShowData::pendingCueChanged, &ShowData::activePartsChanged,
-          &ShowData::activeCueClockChanged, &ShowData::fieldsChanged,
-          &ShowData::isHearingEosChanged, &ShowData::showNameChanged})
-        QObject::connect(&show, signal, &engine, refreshOverlay);
-    QObject::connect(&demo, &DemoShow::showTimeChanged, &engine, refreshOverlay);
+    ShowInput input(show);
+    DemoShow demo(input.demoDelivery());
+    OverlayFeed feed(show);
+    feed.setDemoShow(&demo);
+    feed.setRecordingStart(Clock::system().wallNow());
+    feed.addCamera(engine, QStringLiteral("Test Pattern"));
     demo.start();
-    refreshOverlay();
     int exitCode = 0;
     QTimer stopTimer;
     stopTimer.setSingleShot(true);

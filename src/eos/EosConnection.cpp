@@ -80,10 +80,8 @@ EosConnection::EosConnection(Clock& clock, QObject* parent)
     });
     stream_.setOnPacket([this](const QByteArray& packet) {
         const auto target = stream_.target();
-        if (!target || !onPacket_)
-            return;
-        for (const OSCMessage& message : decodeOSCPacket(packet))
-            onPacket_(message, target->host);
+        if (target && onPacket_)
+            onPacket_(packet, target->host);
     });
     discovery_.setOnScanFinished([this] { scanFinished(); });
     connect(&discovery_, &EosDiscovery::isScanningChanged, this, [this] { updateDescription(); });

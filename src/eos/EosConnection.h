@@ -79,8 +79,8 @@ public:
     void forget(const DiscoveredConsole& console);
     std::optional<Forgotten> forgotten() const { return forgotten_; }
 
-    // Receives every message that the console sends, with the host it was sent to.
-    void setOnPacket(std::function<void(const OSCMessage&, const QString&)> callback)
+    // Receives every packet that the console sends, undecoded, with the host it came from.
+    void setOnPacket(std::function<void(const QByteArray&, const QString&)> callback)
     {
         onPacket_ = std::move(callback);
     }
@@ -122,7 +122,7 @@ private:
     Clock& clock_;
     EosDiscovery discovery_;
     OSCStream stream_;
-    std::function<void(const OSCMessage&, const QString&)> onPacket_;
+    std::function<void(const QByteArray&, const QString&)> onPacket_;
     std::optional<Configuration> configuration_;
     OSCStream::Status streamStatus_;
     Timer searchTask_;

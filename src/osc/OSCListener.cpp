@@ -97,7 +97,7 @@ std::optional<QString> OSCListener::lastSender() const
     return lastSender_;
 }
 
-void OSCListener::setOnPacket(std::function<void(const QByteArray&, const QString&)> onPacket)
+void OSCListener::setOnPacket(std::function<void(const QByteArray&, const Sender&)> onPacket)
 {
     assertOnOwnThread(this);
     onPacket_ = std::move(onPacket);
@@ -242,7 +242,7 @@ void OSCListener::hear(const Peer& peer, const QByteArray& datagram)
             return;
     }
     if (onPacket_)
-        onPacket_(datagram, sender);
+        onPacket_(datagram, Sender{peer.address, peer.port, sender});
 }
 
 void OSCListener::pruneSilentPeers()

@@ -30,6 +30,14 @@ public:
         friend bool operator==(const State&, const State&) = default;
     };
 
+    // Who sent a datagram: the address and port an answer goes to, and the host as shown.
+    struct Sender {
+        QHostAddress address;
+        quint16 port = 0;
+        QString host; // "192.168.1.20", "fe80::1"
+        friend bool operator==(const Sender&, const Sender&) = default;
+    };
+
     explicit OSCListener(Clock& clock = Clock::system(), QObject* parent = nullptr);
     ~OSCListener() override;
 
@@ -42,9 +50,9 @@ public:
     // The host of the most recent sender ("192.168.1.20", "fe80::1"), once anyone has sent.
     std::optional<QString> lastSender() const;
 
-    // Called with every non-empty datagram and its sender's host text.
+    // Called with every non-empty datagram and its sender.
     void
-    setOnPacket(std::function<void(const QByteArray& datagram, const QString& sender)> onPacket);
+    setOnPacket(std::function<void(const QByteArray& datagram, const Sender& sender)> onPacket);
 
     // The senders heard within the last 60 s (as far as pruning has gone), as "host port".
     QStringList sendersForTesting() const;
@@ -81,7 +89,7 @@ private:
     State state_;
     std::optional<QString> lastSender_;
     QHash<Peer, Instant> lastHeard_;
-    std::function<void(const QByteArray&, const QString&)> onPacket_;
+    std::function<void(const QByteArray&, const Sender&)> onPacket_;
 };
 
 } // namespace orvane

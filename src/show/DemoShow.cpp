@@ -77,9 +77,9 @@ QString DemoShow::cueText(const Cue& cue, const Part* part, std::optional<int> p
     return text;
 }
 
-DemoShow::DemoShow(ShowData& show, Clock& clock, QObject* parent)
+DemoShow::DemoShow(Deliver deliver, Clock& clock, QObject* parent)
     : QObject(parent)
-    , show_(show)
+    , deliver_(std::move(deliver))
     , clock_(clock)
     , task_(clock)
 {
@@ -177,7 +177,7 @@ bool DemoShow::send(std::string address, std::vector<OSCArgument> arguments)
 {
     const std::uint64_t run = run_;
     const OSCMessage message{std::move(address), std::move(arguments)};
-    show_.handle(message, kSender);
+    deliver_(message);
     if (onMessage_)
         onMessage_(message);
     return run == run_;

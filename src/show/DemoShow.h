@@ -14,8 +14,6 @@
 
 namespace orvane {
 
-class ShowData;
-
 // A pretend show: thirteen cues with their fades, holds, parts and two custom fields, played
 // as Eos-style OSC messages into the show data under the sender "Demo", round and round until
 // stopped, with a timecode for the overlay while it runs. Main thread only.
@@ -54,7 +52,10 @@ public:
     // "1/14 Opening Number 5.0 45%", "1/14P2 Chase Starts 4.0 30%".
     static QString cueText(const Cue& cue, const Part* part, std::optional<int> percent);
 
-    explicit DemoShow(ShowData& show, Clock& clock = Clock::system(), QObject* parent = nullptr);
+    // Where the show's messages go: the application hands them to the show data.
+    using Deliver = std::function<void(const OSCMessage&)>;
+
+    explicit DemoShow(Deliver deliver, Clock& clock = Clock::system(), QObject* parent = nullptr);
     ~DemoShow() override;
 
     // Starts at the first cue, sending the show name; a running show starts over.
@@ -89,7 +90,7 @@ private:
     [[nodiscard]] bool send(std::string address, std::vector<OSCArgument> arguments = {});
     void setRunning(bool running, std::optional<ShowTime> showTime);
 
-    ShowData& show_;
+    Deliver deliver_;
     Clock& clock_;
     Timer task_;
     bool isRunning_ = false;

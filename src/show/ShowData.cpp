@@ -53,11 +53,8 @@ double cueFraction(const std::optional<int>& percent)
 ShowData::ShowData(Clock& clock, QObject* parent)
     : QObject(parent)
     , clock_(clock)
-    , listener_(clock, this)
     , hearingTimer_(clock)
 {
-    listener_.setOnPacket(
-        [this](const QByteArray& datagram, const QString& sender) { receive(datagram, sender); });
     hearingTimer_.startRepeating(Seconds(kHearingTick), [this] { checkHearing(); });
 }
 
@@ -71,17 +68,6 @@ static bool assign(ShowData* owner, T& member, T value, void (ShowData::*changed
     member = std::move(value);
     Q_EMIT(owner->*changed)();
     return true;
-}
-
-void ShowData::receive(const QByteArray& packet, const QString& sender)
-{
-    assertOnOwnThread(this);
-    const std::vector<OSCMessage> messages = decodeOSCPacket(packet);
-    if (messages.empty())
-        qCDebug(lcShow, "show: dropped %lld-byte packet from %s: no OSC message in it",
-                qlonglong(packet.size()), qPrintable(sender));
-    for (const OSCMessage& message : messages)
-        handle(message, sender);
 }
 
 void ShowData::handle(const OSCMessage& message, const QString& sender)
@@ -367,10 +353,6 @@ void ShowData::setWatchedAddresses(QList<WatchedAddress> watchedAddresses)
 QList<WatchedAddress> ShowData::watchedAddresses() const
 {
     return watchedAddresses_;
-}
-OSCListener& ShowData::listener()
-{
-    return listener_;
 }
 std::optional<QString> ShowData::showName() const
 {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "base/Clock.h"
-#include "osc/OSCListener.h"
 #include "osc/OSCMessage.h"
 #include "show/EosCue.h"
 #include "show/EosCuePart.h"
@@ -22,9 +21,9 @@ namespace orvane {
 
 // What Orvane knows of the show at this moment: the show's name, the active, pending and
 // previous Eos cue with the parts of the active cue and their fades, whether Eos output is
-// heard, the custom fields, and the last message received. Fed with OSC messages from every
-// source (the Eos link, its own UDP listener, the demo show); raises commands and cue changes.
-// Main thread only.
+// heard, the custom fields, and the last message received. Fed with decoded OSC messages from
+// every source (the Eos link, the UDP listener, the demo show) through the application's one
+// door, `ShowInput`; raises commands and cue changes. Main thread only.
 class ShowData : public QObject {
     Q_OBJECT
     Q_PROPERTY(std::optional<QString> showName READ showName NOTIFY showNameChanged)
@@ -53,9 +52,6 @@ public:
     explicit ShowData(Clock& clock = Clock::system(), QObject* parent = nullptr);
     ~ShowData() override;
 
-    // Decodes one OSC packet (bundles flattened) and handles each message in order. What does
-    // not decode is dropped. The owned listener delivers here.
-    void receive(const QByteArray& packet, const QString& sender);
     // Handles one message from `sender` (the listener's sender text, the console's address,
     // or "Demo").
     void handle(const OSCMessage& message, const QString& sender);
@@ -67,9 +63,6 @@ public:
     void setOnCommand(std::function<void(const ShowCommand&)> onCommand);
     void setWatchedAddresses(QList<WatchedAddress> watchedAddresses);
     QList<WatchedAddress> watchedAddresses() const;
-
-    // The show's own OSC listener; configure it from the settings.
-    OSCListener& listener();
 
     std::optional<QString> showName() const;
     std::optional<EosCue> activeCue() const;
@@ -129,7 +122,6 @@ private:
     void publishParts();
 
     Clock& clock_;
-    OSCListener listener_;
     Timer hearingTimer_;
 
     std::optional<QString> showName_;

@@ -98,7 +98,7 @@ private:
 
 struct Heard {
     QByteArray datagram;
-    QString sender;
+    QString sender; // "host port", where an answer goes
 };
 
 } // namespace
@@ -209,8 +209,9 @@ void OSCListenerTest::followsSenders()
     ManualClock clock;
     OSCListener listener(clock);
     std::vector<Heard> heard;
-    listener.setOnPacket([&](const QByteArray& datagram, const QString& sender) {
-        heard.push_back({datagram, sender});
+    listener.setOnPacket([&](const QByteArray& datagram, const OSCListener::Sender& sender) {
+        QCOMPARE(sender.address.isEqual(QHostAddress(sender.host)), true);
+        heard.push_back({datagram, sender.host + u' ' + QString::number(sender.port)});
     });
     QStringList changes;
     connect(&listener, &OSCListener::lastSenderChanged, this,
@@ -231,7 +232,7 @@ void OSCListenerTest::followsSenders()
     QTRY_COMPARE(heard.size(), size_t(heardFrom.size()));
     for (qsizetype i = 0; i < heardFrom.size(); ++i) {
         QCOMPARE(heard[i].datagram, sent[i]);
-        QCOMPARE(heard[i].sender, Senders::host(heardFrom[i]));
+        QCOMPARE(heard[i].sender, senders.hostAndPort(heardFrom[i]));
     }
     QStringList expectedChanges;
     for (const char name : senderChanges)
@@ -275,7 +276,7 @@ void OSCListenerTest::prunesSilentSenders()
     ManualClock clock;
     OSCListener listener(clock);
     int heard = 0;
-    listener.setOnPacket([&](const QByteArray&, const QString&) { ++heard; });
+    listener.setOnPacket([&](const QByteArray&, const OSCListener::Sender&) { ++heard; });
     const quint16 port = freePort();
     listener.configure(true, port);
     Senders senders;
@@ -311,7 +312,7 @@ void OSCListenerTest::configureWithTheSamePortKeepsTheSocket()
     ManualClock clock;
     OSCListener listener(clock);
     int heard = 0;
-    listener.setOnPacket([&](const QByteArray&, const QString&) { ++heard; });
+    listener.setOnPacket([&](const QByteArray&, const OSCListener::Sender&) { ++heard; });
     const quint16 port = freePort();
     listener.configure(true, port);
     Senders senders;
@@ -382,7 +383,7 @@ void OSCListenerTest::ownerMayReconfigureWhileHandlingAPacket()
     while (nextPort == port)
         nextPort = freePort();
     QList<QByteArray> heard;
-    listener.setOnPacket([&](const QByteArray& datagram, const QString&) {
+    listener.setOnPacket([&](const QByteArray& datagram, const OSCListener::Sender&) {
         heard << datagram;
         listener.configure(true, nextPort);
     });

@@ -11,6 +11,12 @@ using namespace orvane;
 
 namespace {
 
+// The demo's messages go straight into the show data, as the application's input hands them.
+DemoShow::Deliver deliverTo(ShowData& show)
+{
+    return [&show](const OSCMessage& message) { show.handle(message, DemoShow::kSender); };
+}
+
 // Every message the demo sends, one line each with its moment since the demo started.
 class Trace {
 public:
@@ -101,7 +107,7 @@ void DemoShowTest::playsOneWholeLoopOfTheScript()
 {
     ManualClock clock;
     ShowData show(clock);
-    DemoShow demo(show, clock);
+    DemoShow demo(deliverTo(show), clock);
     Trace trace(demo, clock);
     demo.start();
     const auto presetFires = [&] {
@@ -160,7 +166,7 @@ void DemoShowTest::restartsFromPreset()
 {
     ManualClock clock;
     ShowData show(clock);
-    DemoShow demo(show, clock);
+    DemoShow demo(deliverTo(show), clock);
     Trace trace(demo, clock);
     demo.start();
     clock.advance(20.0);
@@ -211,7 +217,7 @@ void DemoShowTest::stoppingSendsNothingMore()
     QFETCH(bool, restart);
     ManualClock clock;
     ShowData show(clock);
-    DemoShow demo(show, clock);
+    DemoShow demo(deliverTo(show), clock);
     Trace trace(demo, clock);
     QSignalSpy running(&demo, &DemoShow::isRunningChanged);
     QSignalSpy showTime(&demo, &DemoShow::showTimeChanged);
@@ -260,7 +266,7 @@ void DemoShowTest::runsTheShowTimeWhileRunning()
 {
     ManualClock clock;
     ShowData show(clock);
-    DemoShow demo(show, clock);
+    DemoShow demo(deliverTo(show), clock);
     QCOMPARE(demo.showTime(), std::nullopt);
     clock.advance(7.0);
     const WallTime startedAt = clock.wallNow();

@@ -2,11 +2,8 @@
 
 #include "base/ManualClock.h"
 
-#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
-#include <QUdpSocket>
-#include <QtEndian>
 
 using namespace orvane;
 
@@ -76,19 +73,6 @@ QString describe(const QList<ShowField>& fields)
     return rows.join(QStringLiteral(" | "));
 }
 
-QByteArray bundleOf(const QList<QByteArray>& messages)
-{
-    QByteArray bundle("#bundle\0", 8);
-    bundle.append(QByteArray("\0\0\0\0\0\0\0\1", 8));
-    for (const QByteArray& element : messages) {
-        char size[4];
-        qToBigEndian<qint32>(qint32(element.size()), size);
-        bundle.append(size, 4);
-        bundle.append(element);
-    }
-    return bundle;
-}
-
 } // namespace
 
 Q_DECLARE_METATYPE(std::vector<OSCArgument>)
@@ -111,8 +95,6 @@ private Q_SLOTS:
     void fieldsKeepTheirFirstPosition();
     void watchesAddresses();
     void clearingForgetsTheShow();
-    void receivesPacketsAndBundles();
-    void takesCommandsFromARealSender();
 };
 
 void ShowDataTest::takesEosOutputAndWhoSentIt()
@@ -574,60 +556,6 @@ void ShowDataTest::clearingForgetsTheShow()
     play(show, clock, {"fire 1/14", "active 1/14 Opening 5 45%", "fire 1/14/2"});
     QCOMPARE(cueChanges, (QStringList{"1/14", "1/14"}));
     QCOMPARE(describe(show.activeParts()), "1:Opening:45 | 2::0");
-}
-
-void ShowDataTest::receivesPacketsAndBundles()
-{
-    ManualClock clock;
-    ShowData show(clock);
-    const QByteArray name = encodeOSC(textMessage("/eos/out/show/name", "Bundled"));
-    const QByteArray cue = encodeOSC(textMessage("/eos/out/active/cue/text", "1/3 Three 2 20%"));
-    show.receive(bundleOf({name, cue}), "10.0.0.7");
-    QCOMPARE(show.showName(), std::optional<QString>("Bundled"));
-    QCOMPARE(show.activeCue()->token(), "1/3");
-    QCOMPARE(show.lastReceived(),
-             std::optional<QString>("/eos/out/active/cue/text 1/3 Three 2 20% from 10.0.0.7"));
-
-    show.receive(QByteArray("not osc at all"), "10.0.0.8");
-    show.receive(name.left(name.size() - 3), "10.0.0.8");
-    QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.7"));
-}
-
-// liblo's oscsend speaks to the show data's own listener over loopback.
-void ShowDataTest::takesCommandsFromARealSender()
-{
-    ShowData show;
-    QUdpSocket probe;
-    QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
-    const quint16 port = probe.localPort();
-    probe.close();
-    show.listener().configure(true, port);
-    QTRY_COMPARE(show.listener().state().kind, OSCListener::State::Kind::listening);
-
-    show.setWatchedAddresses({{QUuid::createUuid(), "Desk", "/desk/*"}});
-    QStringList commands;
-    show.setOnCommand([&](const ShowCommand& raised) { commands.append(describe(raised)); });
-    const auto send = [&](const QStringList& arguments) {
-        QProcess oscsend;
-        oscsend.start("oscsend", QStringList{"127.0.0.1", QString::number(port)} + arguments);
-        QVERIFY2(oscsend.waitForFinished(10000), "oscsend did not finish");
-        QCOMPARE(oscsend.exitCode(), 0);
-    };
-    send({"/tavrin/record/start"});
-    send({"/tavrin/marker", "s", "Act two · top"});
-    send({"/tavrin/layout", "s", "Wide"});
-    send({"/tavrin/field/Scene", "s", "Act 2"});
-    send({"/desk/fader/3", "fiT", "0.5", "7"});
-
-    QTRY_COMPARE(commands.size(), 3);
-    QCOMPARE(commands,
-             (QStringList{"start", QString::fromUtf8("marker Act two · top"), "layout Wide"}));
-    QTRY_COMPARE(show.fields().size(), 2);
-    QLocale locale;
-    QCOMPARE(describe(show.fields()),
-             "/tavrin/field/Scene Scene=Act 2 | /desk/* Desk=" + locale.toString(0.5) + " 7 On");
-    QCOMPARE(show.listener().lastSender(), std::optional<QString>("127.0.0.1"));
-    QCOMPARE(show.lastReceived(), std::optional<QString>("/desk/fader/3 0.5 from 127.0.0.1"));
 }
 
 QTEST_GUILESS_MAIN(ShowDataTest)

@@ -1,4 +1,4 @@
-#include "overlay/OverlayAssembly.h"
+#include "app/OverlayAssembly.h"
 
 namespace orvane {
 

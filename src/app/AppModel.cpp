@@ -5,7 +5,6 @@
 #include "app/RecordingNames.h"
 #include "app/ShowEvents.h"
 #include "capture/TestPatternSource.h"
-#include "overlay/OverlayAssembly.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -43,11 +42,14 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     , settings_(std::move(settings))
     , devices_(QStringLiteral("/dev"), this)
     , show_(clock, this)
+    , input_(show_, clock, this)
     , qlab_(clock, this)
     , qlabBrowser_(clock, this)
     , eos_(clock, this)
-    , demo_(show_, clock, this)
+    , demo_(input_.demoDelivery(), clock, this)
     , engine_(clock, this)
+    , outputs_(clock)
+    , overlayFeed_(show_, clock, this)
     , recording_(*settings_, clock, this)
     , pathMonitor_(clock, this)
     , captureWatcher_([this] { return captureConfiguration(); },
@@ -79,11 +81,14 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
             &AppModel::lastRecordingChanged);
     connect(&recording_, &RecordingControl::cueLogChanged, this, &AppModel::cueLogChanged);
 
-    show_.setOnCommand([this](const ShowCommand& command) { handleCommand(command); });
+    input_.setOnCommand([this](const ShowCommand& command, const ShowInput::Sender& sender) {
+        handleCommand(command, sender);
+    });
+    input_.takePacketsFrom(eos_);
     show_.setOnCueChange([this](const std::optional<EosCue>& cue) { handleCueChange(cue); });
     qlab_.setOnRunningCuesChanged([this] { handleQLabCues(); });
-    eos_.setOnPacket(
-        [this](const OSCMessage& message, const QString& host) { show_.handle(message, host); });
+    overlayFeed_.setQLab(&qlab_);
+    overlayFeed_.setDemoShow(&demo_);
 
     connect(&engine_, &CaptureEngine::framesStarted, this, [this](QSize size) {
         if (videoSize_ != size) {
@@ -107,15 +112,15 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     captureWatcher_.watch(&devices_, &CaptureDevices::cameraAuthorizationChanged, this);
 
     for (const auto signal :
-         {&AppSettings::oscEnabledChanged, &AppSettings::oscPortChanged,
-          &AppSettings::eosEnabledChanged, &AppSettings::eosHostChanged,
-          &AppSettings::eosFramingChanged, &AppSettings::eosPortChanged,
-          &AppSettings::eosNetworkChanged, &AppSettings::eosAutoConnectChanged,
-          &AppSettings::eosConsoleIDChanged, &AppSettings::eosConsoleNameChanged,
+         {&AppSettings::oscEnabledChanged,       &AppSettings::oscPortChanged,
+          &AppSettings::eosEnabledChanged,       &AppSettings::eosHostChanged,
+          &AppSettings::eosFramingChanged,       &AppSettings::eosPortChanged,
+          &AppSettings::eosNetworkChanged,       &AppSettings::eosAutoConnectChanged,
+          &AppSettings::eosConsoleIDChanged,     &AppSettings::eosConsoleNameChanged,
           &AppSettings::watchedAddressesChanged, &AppSettings::qlabEnabledChanged,
-          &AppSettings::qlabHostChanged, &AppSettings::qlabPortChanged,
-          &AppSettings::qlabPasscodeChanged, &AppSettings::qlabWorkspaceChanged,
-          &AppSettings::ndiEnabledChanged, &AppSettings::ndiNameChanged,
+          &AppSettings::qlabHostChanged,         &AppSettings::qlabPortChanged,
+          &AppSettings::qlabPasscodeChanged,     &AppSettings::qlabWorkspaceChanged,
+          &AppSettings::ndiEnabledChanged,       &AppSettings::ndiNameChanged,
           &AppSettings::webViewerEnabledChanged, &AppSettings::webViewerPortChanged})
         networkWatcher_.watch(settings_.get(), signal, this);
 
@@ -133,16 +138,6 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
           &AppSettings::overlayLayoutChanged, &AppSettings::watermarkTextChanged,
           &AppSettings::watermarkOpacityChanged, &AppSettings::extraCamerasChanged})
         overlayWatcher_.watch(settings_.get(), signal, this);
-    for (const auto signal :
-         {&ShowData::showNameChanged, &ShowData::activeCueChanged, &ShowData::pendingCueChanged,
-          &ShowData::isHearingEosChanged, &ShowData::activePartsChanged,
-          &ShowData::activeCueClockChanged, &ShowData::fieldsChanged})
-        overlayWatcher_.watch(&show_, signal, this);
-    overlayWatcher_.watch(&demo_, &DemoShow::showTimeChanged, this);
-    overlayWatcher_.watch(&demo_, &DemoShow::isRunningChanged, this);
-    overlayWatcher_.watch(&qlab_, &QLabClient::stateChanged, this);
-    overlayWatcher_.watch(&qlab_, &QLabClient::runningCuesChanged, this);
-    overlayWatcher_.watch(&qlab_, &QLabClient::timecodeCueChanged, this);
     overlayWatcher_.watch(this, &AppModel::recordingStartChanged, this);
     overlayWatcher_.watch(this, &AppModel::watermarkImageChanged, this);
     overlayWatcher_.watch(this, &AppModel::extraFeedsChanged, this);
@@ -151,7 +146,7 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
 AppModel::~AppModel()
 {
     pathMonitor_.stop();
-    show_.setOnCommand({});
+    input_.setOnCommand({});
     show_.setOnCueChange({});
     qlab_.setOnRunningCuesChanged({});
 }
@@ -253,28 +248,11 @@ ExtraConfiguration AppModel::extraConfiguration() const
 
 OverlayUpdate AppModel::overlayUpdate() const
 {
-    OverlaySources sources;
-    sources.look = settings_->currentLook();
-    sources.isEnabled = settings_->overlayEnabled();
-    sources.cameraLabel = settings_->cameraLabel();
-    sources.recordingStart = recording_.recordingStart();
-    sources.watermarkImage = watermarkImage_;
-    sources.demoShowTime = demo_.isRunning() ? demo_.showTime() : std::nullopt;
-    sources.showName = show_.showName();
-    sources.activeCue = show_.activeCue();
-    sources.pendingCue = show_.pendingCue();
-    sources.isHearingEos = show_.isHearingEos();
-    sources.activeParts = show_.activeParts();
-    sources.activeCueClock = show_.activeCueClock();
-    sources.runningPart = show_.runningPart();
-    sources.fields = show_.fields();
-    sources.isQLabConnected = qlab_.state() == QLabClient::State::connected;
-    sources.qlabRunningCues = qlab_.runningCues();
-    sources.gatheredAt = clock_.wallNow();
-    sources.qlabShowTime = qlab_.timecodeCue() ? qlab_.showTime(sources.gatheredAt) : std::nullopt;
-
     OverlayUpdate update;
-    update.content = assembleOverlayContent(sources);
+    update.look = settings_->currentLook();
+    update.isEnabled = settings_->overlayEnabled();
+    update.recordingStart = recording_.recordingStart();
+    update.watermarkKey = watermarkImage_ ? watermarkImage_->cacheKey() : 0;
     update.labels.insert(QUuid(), settings_->cameraLabel());
     for (const auto& camera : settings_->extraCameras())
         update.labels.insert(camera.id, camera.label);
@@ -320,7 +298,7 @@ void AppModel::applyCapture(const CaptureConfiguration& configuration)
 
 void AppModel::applyNetwork(const NetworkConfiguration& configuration)
 {
-    show_.listener().configure(configuration.oscEnabled, configuration.oscPort);
+    input_.listener().configure(configuration.oscEnabled, configuration.oscPort);
     show_.setWatchedAddresses(configuration.watched);
     QLabClient::Settings qlab;
     qlab.isEnabled = configuration.qlabEnabled;
@@ -346,6 +324,7 @@ void AppModel::applyExtra(const ExtraConfiguration& configuration)
         if (std::none_of(configuration.feeds.begin(), configuration.feeds.end(),
                          [&](const Feed& feed) { return feed.id == id; })) {
             (*it)->stop();
+            overlayFeed_.removeCamera((*it)->engine());
             it = extraFeeds_.erase(it);
             changed = true;
         } else {
@@ -373,9 +352,14 @@ void AppModel::applyExtra(const ExtraConfiguration& configuration)
 
 void AppModel::applyOverlay(const OverlayUpdate& update)
 {
-    engine_.setOverlay(update.content, update.labels.value(QUuid()));
+    overlayFeed_.setLook(update.look);
+    overlayFeed_.setEnabled(update.isEnabled);
+    overlayFeed_.setRecordingStart(update.recordingStart);
+    overlayFeed_.setWatermarkImage(watermarkImage_);
+    overlayFeed_.addCamera(engine_, update.labels.value(QUuid()));
     for (const auto& feed : extraFeeds_)
-        feed->setOverlay(update.content, update.labels.value(feed->id()));
+        overlayFeed_.addCamera(feed->engine(), update.labels.value(feed->id()));
+    overlayFeed_.refresh();
 }
 
 void AppModel::setFeedState(FeedState state)
@@ -471,7 +455,7 @@ QString AppModel::standardRecordingsFolder()
 
 // The show
 
-void AppModel::handleCommand(const ShowCommand& command)
+void AppModel::handleCommand(const ShowCommand& command, const ShowInput::Sender&)
 {
     switch (command.kind) {
     case ShowCommand::Kind::marker:
@@ -597,8 +581,8 @@ void AppModel::networkChanged(const QStringList& interfaces)
         stream.connectTo(*target);
     }
     const auto network = networkConfiguration();
-    show_.listener().configure(false, network.oscPort);
-    show_.listener().configure(network.oscEnabled, network.oscPort);
+    input_.listener().configure(false, network.oscPort);
+    input_.listener().configure(network.oscEnabled, network.oscPort);
     Q_EMIT networkRestarted(interfaces);
 }
 

@@ -5,8 +5,10 @@
 #include "app/CueLogEntry.h"
 #include "app/EosSettings.h"
 #include "app/NetworkPathMonitor.h"
+#include "app/OverlayFeed.h"
 #include "app/RecordingControl.h"
 #include "app/RunOptions.h"
+#include "app/ShowInput.h"
 #include "base/Clock.h"
 #include "capture/CameraFeed.h"
 #include "capture/CaptureDevices.h"
@@ -57,6 +59,8 @@ public:
     AppSettings& settings() { return *settings_; }
     CaptureDevices& devices() { return devices_; }
     ShowData& show() { return show_; }
+    ShowInput& input() { return input_; }
+    OverlayFeed& overlayFeed() { return overlayFeed_; }
     QLabClient& qlab() { return qlab_; }
     QLabBrowser& qlabBrowser() { return qlabBrowser_; }
     EosConnection& eos() { return eos_; }
@@ -142,7 +146,7 @@ private:
     void applyOverlay(const OverlayUpdate& update);
     void setFeedState(FeedState state);
     void loadWatermarkImage();
-    void handleCommand(const ShowCommand& command);
+    void handleCommand(const ShowCommand& command, const ShowInput::Sender& sender);
     void handleCueChange(const std::optional<EosCue>& cue);
     void handleQLabCues();
     std::vector<RecordingControl::Camera> recordingCameras();
@@ -152,6 +156,7 @@ private:
     std::unique_ptr<AppSettings> settings_;
     CaptureDevices devices_;
     ShowData show_;
+    ShowInput input_;
     QLabClient qlab_;
     QLabBrowser qlabBrowser_;
     EosConnection eos_;
@@ -159,6 +164,7 @@ private:
     DemoShow demo_;
     CaptureEngine engine_;
     Outputs outputs_;
+    OverlayFeed overlayFeed_;
     RecordingControl recording_;
     NetworkPathMonitor pathMonitor_;
     std::vector<std::unique_ptr<CameraFeed>> extraFeeds_;

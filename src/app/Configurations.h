@@ -4,7 +4,7 @@
 #include "capture/Feed.h"
 #include "eos/EosConnection.h"
 #include "outputs/Outputs.h"
-#include "overlay/OverlayContent.h"
+#include "settings/OverlayLook.h"
 #include "show/WatchedAddress.h"
 
 #include <QList>
@@ -54,10 +54,14 @@ struct ExtraConfiguration {
     friend bool operator==(const ExtraConfiguration&, const ExtraConfiguration&) = default;
 };
 
-// What every camera draws: the same content, each under its own label (the main camera's
-// under the null id).
+// What the overlay takes from the settings and the model, with every camera's label (the
+// main camera's under the null id); the show's side reaches the overlay through OverlayFeed,
+// which assembles the content and hands it to every camera under its label.
 struct OverlayUpdate {
-    OverlayContent content;
+    OverlayLook look;
+    bool isEnabled = true;
+    std::optional<WallTime> recordingStart;
+    qint64 watermarkKey = 0; // the watermark image's cache key; 0 for none
     QMap<QUuid, QString> labels;
     friend bool operator==(const OverlayUpdate&, const OverlayUpdate&) = default;
 };

@@ -80,8 +80,8 @@ StatusReporter::StatusReporter(AppModel& model, QObject* parent)
                         say(QStringLiteral("Saved the cue log “%1”.").arg(*camera.cueLog));
                 }
             });
-    connect(&model.show().listener(), &OSCListener::stateChanged, this, [this] {
-        const QString text = model_.show().listener().stateText();
+    connect(&model.input().listener(), &OSCListener::stateChanged, this, [this] {
+        const QString text = model_.input().listener().stateText();
         if (text == lastListener_)
             return;
         lastListener_ = text;

@@ -7,7 +7,7 @@
 #include "capture/CaptureEngine.h"
 #include "capture/TestPatternSource.h"
 #include "outputs/Outputs.h"
-#include "overlay/OverlayAssembly.h"
+#include "app/OverlayAssembly.h"
 #include "overlay/OverlayContent.h"
 #include "show/DemoShow.h"
 #include "show/ShowData.h"
@@ -122,7 +122,7 @@ int run(const QStringList& arguments)
 
     // The demo show plays through the show data, and every change becomes a new overlay.
     ShowData show;
-    DemoShow demo(show);
+    DemoShow demo([&show](const OSCMessage& message) { show.handle(message, DemoShow::kSender); });
     OverlaySources sources;
     sources.cameraLabel = QStringLiteral("Test Pattern");
     const auto refreshOverlay = [&] {

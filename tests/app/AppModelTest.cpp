@@ -240,7 +240,7 @@ void AppModelTest::recordsOnTavrinCommands()
             [&](const QString& line) { lines.append(line); });
     model->start();
     QTRY_COMPARE_WITH_TIMEOUT(model->feedState().kind, FeedState::Kind::live, 10000);
-    QTRY_VERIFY(model->show().listener().state().kind == OSCListener::State::Kind::listening);
+    QTRY_VERIFY(model->input().listener().state().kind == OSCListener::State::Kind::listening);
     QVERIFY(model->demo().isRunning());
     QVERIFY(model->show().activeCue().has_value());
 
@@ -320,8 +320,8 @@ void AppModelTest::saysWhatWentWrong()
     QCOMPARE(watermark.size(), 1);
     QVERIFY(model->watermarkImage().has_value());
     QCOMPARE(model->settings().watermarkImageFile(), std::optional<QString>("Watermark.png"));
-    QVERIFY(model->overlayUpdate().content.watermarkImage.has_value() ||
-            model->watermarkImage()->size() == QSize(8, 8));
+    QCOMPARE(model->watermarkImage()->size(), QSize(8, 8));
+    QCOMPARE(model->overlayFeed().sources().watermarkImage->size(), QSize(8, 8));
     model->clearWatermarkImage();
     QVERIFY(!model->watermarkImage().has_value());
 }
@@ -355,7 +355,7 @@ void AppModelTest::reportsNetworkChanges()
     QCOMPARE(restarted.size(), 1);
     QVERIFY(restarted[0][0].toStringList().contains(host->localInterface()));
     // The listener was restarted and is back on its port.
-    QTRY_VERIFY(model->show().listener().state().kind == OSCListener::State::Kind::listening);
+    QTRY_VERIFY(model->input().listener().state().kind == OSCListener::State::Kind::listening);
     model->pathMonitor().check();
     QCOMPARE(restarted.size(), 1);
     const QString gone = host->localInterface();

@@ -28,6 +28,7 @@
 #include <QMetaProperty>
 #include <QTemporaryDir>
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -79,11 +80,13 @@ void checkValues(const QByteArray& bytes)
         [](const QList<WatchedAddress>& list) { return QJsonValue(watchedAddressesToJson(list)); });
 }
 
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
+#define require(condition)                                                                         \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            std::fprintf(stderr, "settings_json: broken: %s\n", #condition);                       \
+            std::abort();                                                                          \
+        }                                                                                          \
+    } while (false)
 
 QByteArray readFile(const QString& path)
 {

@@ -96,10 +96,12 @@ template <class T> using SettingArgument = std::conditional_t<std::is_scalar_v<T
 // the object is destroyed. docs/settings.md describes the keys. Main thread only.
 class AppSettings : public QObject {
     Q_OBJECT
-#define ORVANE_SETTING_PROPERTY(Type, name, Name, fallback, rule, meaning)                         \
+    // clang-format off
+#define ORVANE_SETTING_PROPERTY(Type, name, Name, fallback, rule, meaning) \
     Q_PROPERTY(Type name READ name WRITE set##Name NOTIFY name##Changed)
     ORVANE_SETTINGS(ORVANE_SETTING_PROPERTY)
 #undef ORVANE_SETTING_PROPERTY
+    // clang-format on
 
 public:
     // Where the settings live: the store's JSON file and the support folder that holds the
@@ -172,14 +174,13 @@ public:
     void flush();
 
     // One accessor and one setter per key, in the order of the keys.
-#define ORVANE_SETTING_ACCESSORS(Type, name, Name, fallback, rule, meaning)                        \
-    Type name() const                                                                              \
-    {                                                                                              \
-        return name##_;                                                                            \
-    }                                                                                              \
+    // clang-format off
+#define ORVANE_SETTING_ACCESSORS(Type, name, Name, fallback, rule, meaning) \
+    Type name() const { return name##_; } \
     void set##Name(SettingArgument<Type> value);
     ORVANE_SETTINGS(ORVANE_SETTING_ACCESSORS)
 #undef ORVANE_SETTING_ACCESSORS
+    // clang-format on
 
     // The look made from the current values.
     OverlayLook currentLook() const;

@@ -22,11 +22,9 @@ const QByteArray kCameraJson =
     R"({"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","deviceID":"usb-046d-0825",)"
     R"("label":"Wing Cam","isMirrored":true})";
 
-QByteArray lookJson(const QByteArray& without = {})
+QByteArray lookJson()
 {
-    QJsonObject look = OverlayLook{}.toJson();
-    look.remove(QString::fromLatin1(without));
-    return QJsonDocument(look).toJson(QJsonDocument::Compact);
+    return QJsonDocument(OverlayLook{}.toJson()).toJson(QJsonDocument::Compact);
 }
 
 QByteArray pngBytes()
@@ -76,7 +74,6 @@ private Q_SLOTS:
     void everySetterWritesButNotifiesOnlyRealChanges();
     void settersKeepValuesSafe_data();
     void settersKeepValuesSafe();
-    void valuesSurviveAReloadWithTheirTypes();
     void writesAreGatheredAndReplaceTheFileWhole();
     void presetsAreSavedAndAppliedByName();
     void watermarkImageIsCopiedIntoTheSupportFolder_data();
@@ -93,10 +90,7 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
     QTest::addColumn<QVariant>("expected");
 
     const auto none = QVariant::fromValue(OptionalText{});
-    QTest::newRow("no keys: port for SLIP") << QByteArray("{}") << "eosPort" << QVariant(3037);
-    QTest::newRow("no file at all: port for SLIP") << QByteArray() << "eosPort" << QVariant(3037);
-    QTest::newRow("length prefix without port")
-        << QByteArray(R"({"eosFraming":"lengthPrefixed"})") << "eosPort" << QVariant(3032);
+    // The defaults of an empty file are checked with the documentation (test_settings_docs).
     QTest::newRow("length prefix with port 4000")
         << QByteArray(R"({"eosFraming":"lengthPrefixed","eosPort":4000})") << "eosPort"
         << QVariant(4000);
@@ -111,19 +105,10 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
 
     QTest::newRow("codec av1") << QByteArray(R"({"codec":"av1"})") << "codec"
                                << QVariant::fromValue(RecordingCodec::hevc);
-    QTest::newRow("codec h264") << QByteArray(R"({"codec":"h264"})") << "codec"
-                                << QVariant::fromValue(RecordingCodec::h264);
-    QTest::newRow("codec as number")
-        << QByteArray(R"({"codec":1})") << "codec" << QVariant::fromValue(RecordingCodec::hevc);
     QTest::newRow("network ethernet") << QByteArray(R"({"eosNetwork":"ethernet"})") << "eosNetwork"
                                       << QVariant::fromValue(std::optional<NetworkKind>{});
-    QTest::newRow("network wifi") << QByteArray(R"({"eosNetwork":"wifi"})") << "eosNetwork"
-                                  << QVariant::fromValue(
-                                         std::optional<NetworkKind>(NetworkKind::wifi));
 
     QTest::newRow("gain as text") << QByteArray(R"({"audioGain":"1.5"})") << "audioGain"
-                                  << QVariant(1.0);
-    QTest::newRow("gain as bool") << QByteArray(R"({"audioGain":true})") << "audioGain"
                                   << QVariant(1.0);
     QTest::newRow("gain as whole number")
         << QByteArray(R"({"audioGain":2})") << "audioGain" << QVariant(2.0);
@@ -141,8 +126,6 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
                                << QVariant(true);
     QTest::newRow("bool as text") << QByteArray(R"({"recordsAudio":"false"})") << "recordsAudio"
                                   << QVariant(true);
-    QTest::newRow("bool false") << QByteArray(R"({"recordsAudio":false})") << "recordsAudio"
-                                << QVariant(false);
     QTest::newRow("scale beyond the largest offered")
         << QByteArray(R"({"overlayScale":1000})") << "overlayScale" << QVariant(2.0);
     QTest::newRow("scale 0") << QByteArray(R"({"overlayScale":0})") << "overlayScale"
@@ -190,10 +173,6 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
     QTest::newRow("layout as bare array")
         << QByteArray(R"({"overlayLayout":["qlab",{"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}]})")
         << "overlayLayout" << QVariant::fromValue(OverlayLayout::defaultLayout());
-    QTest::newRow("preset whose look lacks showsQLabCues")
-        << R"({"layoutPresets":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","name":"A","look":)" +
-               lookJson("showsQLabCues") + "}]}"
-        << "layoutPresets" << QVariant::fromValue(QList<LayoutPreset>{});
     QTest::newRow("watched address")
         << QByteArray(R"({"watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
                       R"("label":"Fog","address":"/fog/*"}]})")
@@ -339,12 +318,16 @@ void AppSettingsTest::everySetterWritesButNotifiesOnlyRealChanges()
         QVERIFY(property.write(&settings, after));
         QCOMPARE(changed.count(), 1);
         QCOMPARE(property.read(&settings), after);
-        settings.flush();
-        QVERIFY2(storedObject(location).contains(key), qPrintable(key));
-
         QVERIFY(property.write(&settings, after));
         QCOMPARE(changed.count(), 1);
     }
+    // A whole-number double and text that looks like a number keep their types.
+    settings.setOverlayScale(2.0);
+    settings.setCameraLabel(QStringLiteral("8001"));
+    settings.flush();
+    QCOMPARE(storedObject(location).value("cameraLabel"), QJsonValue("8001"));
+    // Every value written is what the next start reads.
+    QCOMPARE(allValues(AppSettings(location)), allValues(settings));
 }
 
 void AppSettingsTest::settersKeepValuesSafe_data()
@@ -382,30 +365,6 @@ void AppSettingsTest::settersKeepValuesSafe()
     QCOMPARE(AppSettings(location).property(key.toLatin1().constData()), kept);
     settings.clearWatermarkImage();
     QCOMPARE(readFile(dir.filePath("victim")), QByteArray("not Orvane's"));
-}
-
-void AppSettingsTest::valuesSurviveAReloadWithTheirTypes()
-{
-    QTemporaryDir dir;
-    const auto location = privateLocation(dir);
-    QVariantMap written;
-    {
-        AppSettings settings(location);
-        for (const QMetaProperty& property : settingProperties()) {
-            QVERIFY(property.write(&settings, differentValue(property.read(&settings))));
-            written.insert(property.name(), property.read(&settings));
-        }
-        // A whole-number double and text that looks like a number keep their types.
-        settings.setOverlayScale(2.0);
-        settings.setCameraLabel(QStringLiteral("8001"));
-        written["overlayScale"] = 2.0;
-        written["cameraLabel"] = QStringLiteral("8001");
-    }
-    const AppSettings reloaded(location);
-    const QVariantMap read = allValues(reloaded);
-    for (auto entry = written.begin(); entry != written.end(); ++entry)
-        QVERIFY2(read.value(entry.key()) == entry.value(), qPrintable(entry.key()));
-    QCOMPARE(storedObject(location).value("cameraLabel"), QJsonValue("8001"));
 }
 
 void AppSettingsTest::writesAreGatheredAndReplaceTheFileWhole()

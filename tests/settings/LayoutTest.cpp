@@ -116,7 +116,6 @@ void LayoutTest::placementFallsBackToTheDefault()
 void LayoutTest::valuesSurviveTheirJsonForm_data()
 {
     QTest::addColumn<LayoutPreset>("original");
-    QTest::newRow("defaults") << preset("Default");
     QTest::newRow("unusual look") << preset("Archive", unusualLook());
     OverlayLook noEntries;
     noEntries.layout.placements.clear();

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -166,9 +167,18 @@ void glassToBrowser(benchmark::State& state)
         while (viewer.state().kind != WebViewer::State::Kind::listening)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
 
+        // Each picture's JPEG has its own length, which tells which picture a part carries.
+        std::map<qsizetype, std::size_t> pictureOfLength;
+        JpegEncoder encoder;
+        for (std::size_t i = 0; i < pictures.size(); ++i)
+            pictureOfLength[encoder.encode(*pictures[i].frame).size()] = i;
+        if (pictureOfLength.size() != pictures.size()) {
+            state.SkipWithError("two pictures encode to the same length");
+            return;
+        }
         constexpr int kFrames = 200;
         std::vector<std::chrono::steady_clock::time_point> captured(kFrames);
-        std::vector<std::chrono::steady_clock::time_point> received;
+        std::vector<std::pair<std::chrono::steady_clock::time_point, qsizetype>> received;
         std::atomic<bool> reading{true};
         std::thread reader([&] {
             const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -205,7 +215,7 @@ void glassToBrowser(benchmark::State& state)
                         buffer.mid(lengthAt + 16, headEnd - lengthAt - 16).toLongLong();
                     if (buffer.size() < headEnd + 4 + length + 2)
                         break;
-                    received.push_back(std::chrono::steady_clock::now());
+                    received.emplace_back(std::chrono::steady_clock::now(), length);
                     buffer.remove(0, headEnd + 4 + length + 2);
                 }
             }
@@ -221,12 +231,26 @@ void glassToBrowser(benchmark::State& state)
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         reading = false;
         reader.join();
+        // A part carries the newest frame of its picture captured before it arrived (a cycle
+        // of pictures lasts 400 ms, far longer than any latency).
         std::vector<double> latencies;
-        for (std::size_t i = 0; i < std::min(received.size(), captured.size()); ++i)
-            latencies.push_back(
-                std::chrono::duration<double, std::milli>(received[i] - captured[i]).count());
+        for (const auto& [at, length] : received) {
+            const auto picture = pictureOfLength.find(length);
+            if (picture == pictureOfLength.end())
+                continue;
+            for (int i = kFrames - 1; i >= 0; --i) {
+                if (std::size_t(i) % pictures.size() == picture->second &&
+                    captured[std::size_t(i)] <= at) {
+                    latencies.push_back(
+                        std::chrono::duration<double, std::milli>(at - captured[std::size_t(i)])
+                            .count());
+                    break;
+                }
+            }
+        }
         std::sort(latencies.begin(), latencies.end());
         state.counters["frames"] = double(received.size());
+        state.counters["matched"] = double(latencies.size());
         state.counters["encoded"] = viewer.encodedFramesForTesting();
         if (!latencies.empty()) {
             state.counters["median_ms"] = latencies[latencies.size() / 2];

@@ -1,5 +1,6 @@
 #include "outputs/NDIOutput.h"
 
+#include "base/Checks.h"
 #include "capture/Frame.h"
 #include "outputs/NDILibrary.h"
 
@@ -84,6 +85,7 @@ NDIOutput::~NDIOutput()
 
 void NDIOutput::start(std::shared_ptr<const NDILibrary> library, const QString& name)
 {
+    assertOnOwnThread(this);
     const QByteArray sourceName = name.isEmpty() ? QByteArrayLiteral("Orvane") : name.toUtf8();
     post([this, library = std::move(library), sourceName] {
         stopSender();
@@ -104,11 +106,13 @@ void NDIOutput::start(std::shared_ptr<const NDILibrary> library, const QString& 
 
 void NDIOutput::stop()
 {
+    assertOnOwnThread(this);
     post([this] { stopSender(); });
 }
 
 void NDIOutput::pollReceivers()
 {
+    assertOnOwnThread(this);
     post([this] {
         const int count = sender_ ? std::max(0, library_->connections(sender_, 0)) : 0;
         if (receivers_.exchange(count) != count)

@@ -49,6 +49,9 @@ Outputs::Outputs(Clock& clock, NDILoader loader, WebViewer::Timeouts webTimeouts
     connect(web_.get(), &WebViewer::viewersChanged, this,
             [this] { setWebViewers(web_->viewers()); });
     connect(ndi_.get(), &NDIOutput::startFinished, this, [this](bool running) {
+        // A start that finishes after NDI was turned off again tells nothing.
+        if (!configuration_ || !configuration_->ndiEnabled)
+            return;
         setSendingNDI(running);
         setNDIStatusText(running ? QString() : kNDICouldNotStartText);
     });

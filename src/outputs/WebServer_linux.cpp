@@ -41,7 +41,9 @@ QHostAddress addressOf(const sockaddr_storage& storage)
 {
     QHostAddress address;
     address.setAddress(reinterpret_cast<const sockaddr*>(&storage));
-    return address;
+    bool isIPv4 = false;
+    const quint32 ipv4 = address.toIPv4Address(&isIPv4); // unwraps ::ffff:a.b.c.d
+    return isIPv4 ? QHostAddress(ipv4) : address;
 }
 
 // A non-blocking listening socket on every interface (IPv6 with IPv4 mapped, or IPv4 alone

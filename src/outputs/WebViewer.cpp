@@ -1,5 +1,6 @@
 #include "outputs/WebViewer.h"
 
+#include "base/Checks.h"
 #include "capture/Frame.h"
 #include "outputs/JpegEncoder.h"
 #include "outputs/WebRequest.h"
@@ -51,6 +52,7 @@ WebViewer::~WebViewer()
 
 void WebViewer::start(int port)
 {
+    assertOnOwnThread(this);
     if (port < 1 || port > 65535) {
         QMetaObject::invokeMethod(server_, [server = server_] {
             server->refuse(QStringLiteral("Choose a port between 1 and 65535."));
@@ -62,6 +64,7 @@ void WebViewer::start(int port)
 
 void WebViewer::stop()
 {
+    assertOnOwnThread(this);
     QMetaObject::invokeMethod(server_, [server = server_] { server->close(); });
 }
 

@@ -4,6 +4,7 @@
 
 #include "ChromiumDriver.h"
 
+#include <QJsonDocument>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTest>
@@ -88,8 +89,54 @@ void BrowserTest::showsAMovingPictureAndComesBack()
     QCOMPARE(value("getComputedStyle(document.getElementById('fullscreen')).right").toString(),
              "16px");
     QVERIFY(pictureMoves(session));
-    // The button fades out after 2.5 s without the mouse.
+    // The button fades out after 2.5 s without the mouse, and a move brings it back.
     QTRY_COMPARE_WITH_TIMEOUT(value("document.body.className").toString(), "idle", 5000);
+    const auto mouse = [&](const char* type, int x, int y) {
+        return browser_
+            .call("Input.dispatchMouseEvent",
+                  {{"type", type}, {"x", x}, {"y", y}, {"button", "left"}, {"clickCount", 1}},
+                  session)
+            .has_value();
+    };
+    QVERIFY2(mouse("mouseMoved", 300, 300), qPrintable(browser_.error()));
+    QTRY_COMPARE(value("document.body.className").toString(), "");
+    QTRY_COMPARE_WITH_TIMEOUT(value("document.body.className").toString(), "idle", 5000);
+
+    // The button puts the page into full screen, where it hides itself.
+    const auto box =
+        QJsonDocument::fromJson(value("JSON.stringify(document.getElementById('fullscreen')"
+                                      ".getBoundingClientRect())")
+                                    .toString()
+                                    .toUtf8())
+            .object();
+    const int x = int(box.value("x").toDouble() + box.value("width").toDouble() / 2);
+    const int y = int(box.value("y").toDouble() + box.value("height").toDouble() / 2);
+    // 16 px from the bottom right corner.
+    QCOMPARE(int(box.value("right").toDouble()) + 16, value("window.innerWidth").toInt());
+    QCOMPARE(int(box.value("bottom").toDouble()) + 16, value("window.innerHeight").toInt());
+    QVERIFY(mouse("mousePressed", x, y) && mouse("mouseReleased", x, y));
+    QTRY_VERIFY(value("document.fullscreenElement === document.documentElement").toBool());
+    QCOMPARE(value("getComputedStyle(document.getElementById('fullscreen')).display").toString(),
+             "none");
+    QVERIFY(value("document.exitFullscreen().then(function () { return 1; }), 1").toBool());
+    QTRY_VERIFY(value("document.fullscreenElement === null").toBool());
+    // A double click on the picture does the same.
+    QVERIFY(mouse("mousePressed", 300, 300) && mouse("mouseReleased", 300, 300));
+    QVERIFY(browser_.call("Input.dispatchMouseEvent",
+                          {{"type", "mousePressed"},
+                           {"x", 300},
+                           {"y", 300},
+                           {"button", "left"},
+                           {"clickCount", 2}},
+                          session) &&
+            browser_.call("Input.dispatchMouseEvent",
+                          {{"type", "mouseReleased"},
+                           {"x", 300},
+                           {"y", 300},
+                           {"button", "left"},
+                           {"clickCount", 2}},
+                          session));
+    QTRY_VERIFY(value("document.fullscreenElement === document.documentElement").toBool());
 
     // Orvane goes away: the picture stands still.
     orvane.terminate();

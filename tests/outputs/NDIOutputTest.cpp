@@ -55,6 +55,7 @@ private slots:
     void sendsFramesAsPublished_data();
     void sendsFramesAsPublished();
     void dropsFramesWhileOneIsInFlight();
+    void staysOffWhenTurnedOffAtOnce();
     void pollsReceivers();
     void restartsOnceAfterARename();
     void appliesOnlyWhatChanged_data();
@@ -227,6 +228,18 @@ void NDIOutputTest::dropsFramesWhileOneIsInFlight()
     QVERIFY(!callsStarting("video")[0].contains("changed-while-sending"));
     outputs.send(paintedFrame(pool, 99), 1.0 / 30);
     QTRY_COMPARE(callsStarting("video").size(), 2);
+}
+
+void NDIOutputTest::staysOffWhenTurnedOffAtOnce()
+{
+    ManualClock clock;
+    Outputs outputs(clock, &loadFresh);
+    outputs.apply({true, QString(), false, 8090});
+    outputs.apply({false, QString(), false, 8090});
+    QTRY_COMPARE(callsStarting("destroy").size(), 1);
+    QTest::qWait(100); // the start's outcome arrives after the stop
+    QVERIFY(!outputs.isSendingNDI());
+    QCOMPARE(outputs.ndiStatusText(), QString());
 }
 
 void NDIOutputTest::pollsReceivers()

@@ -8,6 +8,7 @@
 #include "capture/TestPatternSource.h"
 #include "outputs/WebRequest.h"
 #include "outputs/WebViewer.h"
+#include "peers/NetNamespace.h"
 
 #include <QElapsedTimer>
 #include <QImage>
@@ -18,6 +19,8 @@
 #include <QTest>
 #include <QTimer>
 
+#include <cerrno>
+#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -108,6 +111,8 @@ private slots:
     void pacesEncoding();
     void dropsFramesWhileEncoding();
     void encodesNothingWithoutViewers();
+    void admitsOnlyTheLocalNetwork_data();
+    void admitsOnlyTheLocalNetwork();
     void reportsPortFailures_data();
     void reportsPortFailures();
     void restartsOnTheSamePort();
@@ -267,6 +272,60 @@ void WebViewerTest::encodesNothingWithoutViewers()
     }
     QCOMPARE(curl({QStringLiteral("http://127.0.0.1:%1/favicon.ico").arg(port)}), "Not found");
     QCOMPARE(viewer.encodedFramesForTesting(), 0);
+}
+
+void WebViewerTest::admitsOnlyTheLocalNetwork_data()
+{
+    QTest::addColumn<QString>("peer");
+    QTest::addColumn<bool>("answered");
+    QTest::newRow("private address") << QStringLiteral("192.168.77.2") << true;
+    QTest::newRow("public address, not on our subnet") << QStringLiteral("198.51.100.7") << false;
+}
+
+void WebViewerTest::admitsOnlyTheLocalNetwork()
+{
+    QFETCH(QString, peer);
+    QFETCH(bool, answered);
+    // A pretend host joined by a link of its own, each end with a single address and a route
+    // to the other, so the viewer's address is on none of this computer's subnets.
+    const QHostAddress ours(QStringLiteral("192.0.2.1"));
+    QString error;
+    const auto host =
+        NetNamespace::create(QStringLiteral("viewer"), ours, QHostAddress(peer), 32, &error);
+    QVERIFY2(host, qPrintable(error));
+    QVERIFY2(
+        NetNamespace::runIp({"route", "add", peer + "/32", "dev", host->localInterface()}, &error),
+        qPrintable(error));
+    QVERIFY2(
+        host->runIpInside({"route", "add", "192.0.2.1/32", "dev", host->peerInterface()}, &error),
+        qPrintable(error));
+
+    const int port = freePort();
+    WebViewer viewer;
+    QVERIFY(listen(viewer, port));
+    const int fd = host->socket(SOCK_STREAM);
+    QVERIFY(fd >= 0);
+    const timeval wait{5, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(quint16(port));
+    address.sin_addr.s_addr = htonl(ours.toIPv4Address());
+    QCOMPARE(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const QByteArray ask = "GET /favicon.ico HTTP/1.1\r\n\r\n";
+    ::send(fd, ask.constData(), std::size_t(ask.size()), MSG_NOSIGNAL);
+    QByteArray received;
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
+        received.append(buffer, count);
+    const int lastError = count < 0 ? errno : 0;
+    ::close(fd);
+    QVERIFY2(lastError == 0 || lastError == ECONNRESET, std::strerror(lastError)); // no time-out
+    if (answered)
+        QVERIFY2(received.startsWith("HTTP/1.1 404 Not Found\r\n"), received.constData());
+    else
+        QCOMPARE(received, QByteArray());
 }
 
 void WebViewerTest::reportsPortFailures_data()
@@ -431,7 +490,7 @@ void WebViewerTest::servesFiftyViewersAndDropsAStalledOne()
 
     // Dropped about 5 s after its send stalled (the stall begins once the kernel's buffers
     // between the two ends are full, well under a second at this rate).
-    QTRY_COMPARE_WITH_TIMEOUT(viewer.viewers(), 50, 9000);
+    QTRY_COMPARE_WITH_TIMEOUT(viewer.viewers(), 50, 10000);
     const qint64 droppedAfter = clock.elapsed();
     QVERIFY2(droppedAfter >= 4500, qPrintable(QString::number(droppedAfter)));
     const int encodedAtDrop = viewer.encodedFramesForTesting();

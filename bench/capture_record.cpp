@@ -1,18 +1,24 @@
 // Recording in real time: the test pattern camera captured, overlaid with a busy moment of a
-// show and recorded for a while at its own pace, as in a show. Reports the CPU time the whole process spends per
-// captured frame and the frames lost on the way (late capture, full pool, full recorder
-// queue). Not run by CTest. `bench_capture_record --seconds 60` sets the length of each run
-// (default 60).
+// show and recorded for a while at its own pace, as in a show. Reports the CPU time the whole
+// process spends per captured frame, the frames lost on the way (late capture, full pool,
+// full recorder queue) and the longest time a frame waited in the recorder's queue, with the
+// disk at full speed and with every sync slowed to 200 ms (a USB stick, a spinning disk);
+// `watched` adds a web viewer's work: the newest frame encoded as a JPEG at quality 75, at
+// most 25 a second, on a thread of its own. Not run by CTest. `bench_capture_record
+// --seconds 60` sets the length of each run (default 60).
 
 #include "base/Clock.h"
 #include "capture/CapturePipeline.h"
 #include "capture/Frame.h"
+#include "capture/FrameSink.h"
 #include "capture/Recorder.h"
 #include "capture/TestPatternSource.h"
 #include "overlay/OverlayContent.h"
 
+#include <QBuffer>
 #include <QDir>
 #include <QGuiApplication>
+#include <QImage>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
@@ -20,7 +26,10 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -38,22 +47,106 @@ double processCPUSeconds()
            double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
+enum class Disk { fast, slowSyncs };
+enum class Viewer { none, watched };
+
+// The web viewer's share of the work: it keeps the newest frame and encodes it when it is
+// free and 40 ms have passed since the last encode.
+class JpegWatcher final : public FrameSink {
+public:
+    JpegWatcher()
+        : thread_([this] { run(); })
+    {
+    }
+    ~JpegWatcher() override
+    {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+    void takeFrame(std::shared_ptr<const Frame> frame, double) override
+    {
+        const auto now = std::chrono::steady_clock::now();
+        {
+            std::lock_guard lock(mutex_);
+            if (waiting_ || busy_ || now - lastEncode_ < std::chrono::milliseconds(40))
+                return;
+            lastEncode_ = now;
+            waiting_ = std::move(frame);
+        }
+        wake_.notify_one();
+    }
+    int encoded() const { return encoded_; }
+
+private:
+    void run()
+    {
+        QByteArray bytes;
+        for (;;) {
+            std::shared_ptr<const Frame> frame;
+            {
+                std::unique_lock lock(mutex_);
+                wake_.wait(lock, [this] { return stopping_ || waiting_; });
+                if (stopping_)
+                    return;
+                frame = std::move(waiting_);
+                busy_ = true;
+            }
+            const QImage image(frame->pixels, frame->width, frame->height, frame->bytesPerLine,
+                               QImage::Format_RGB32);
+            bytes.clear();
+            QBuffer buffer(&bytes);
+            buffer.open(QIODevice::WriteOnly);
+            image.save(&buffer, "JPG", 75);
+            frame.reset();
+            ++encoded_;
+            std::lock_guard lock(mutex_);
+            busy_ = false;
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::shared_ptr<const Frame> waiting_;
+    bool busy_ = false;
+    bool stopping_ = false;
+    std::chrono::steady_clock::time_point lastEncode_{};
+    std::atomic<int> encoded_{0};
+    std::thread thread_;
+};
+
 struct CameraRun {
     int frames = 0;
     int dropped = 0;
-    int written = 0;
+    std::shared_ptr<Recorder> recorder;
 };
 
 // One camera as its engine runs it: a capture thread that waits for each picture, runs the
-// pipeline and hands the frame to the recorder.
-CameraRun runCamera(const QString& path, MovieCodec codec, int width, int height)
+// pipeline and hands the frame to the recorder. The recorder is handed back still running.
+CameraRun runCamera(const QString& path, MovieCodec codec, int width, int height, Disk disk,
+                    Viewer viewer)
 {
     Clock& clock = Clock::system();
     CapturePipeline pipeline(clock);
-    pipeline.setOverlay(std::make_shared<const OverlayContent>(busyShowOverlayContent(clock.wallNow())));
+    pipeline.setOverlay(
+        std::make_shared<const OverlayContent>(busyShowOverlayContent(clock.wallNow())));
     TestPatternSource camera(clock, width, height, 30);
-    auto recorder = std::make_shared<Recorder>(path, codec, false);
+    MovieWriter::SyncStep sync;
+    if (disk == Disk::slowSyncs)
+        sync = [](int fd) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            MovieWriter::syncData(fd);
+        };
+    auto recorder = std::make_shared<Recorder>(path, codec, false, sync);
     pipeline.setRecorder(recorder);
+    std::shared_ptr<JpegWatcher> watcher;
+    if (viewer == Viewer::watched) {
+        watcher = std::make_shared<JpegWatcher>();
+        pipeline.addSink(watcher);
+    }
     CameraRun run;
     const Instant end = addSeconds(clock.now(), secondsPerRun);
     while (clock.now() < end) {
@@ -63,15 +156,13 @@ CameraRun runCamera(const QString& path, MovieCodec codec, int width, int height
             ++run.frames;
     }
     pipeline.setRecorder(nullptr);
-    const auto outcome = recorder->finishAndWait();
     run.dropped = pipeline.stats().droppedFrames;
-    run.written = recorder->writtenFrames();
-    if (!outcome.movie)
-        run.dropped = run.frames;
+    run.recorder = std::move(recorder);
     return run;
 }
 
-void recordCameras(benchmark::State& state, MovieCodec codec, int cameras, int width, int height)
+void recordCameras(benchmark::State& state, MovieCodec codec, int cameras, int width, int height,
+                   Disk disk, Viewer viewer)
 {
     QTemporaryDir folder;
     for (auto _ : state) {
@@ -81,40 +172,64 @@ void recordCameras(benchmark::State& state, MovieCodec codec, int cameras, int w
         for (int i = 0; i < cameras; ++i)
             threads.emplace_back([&, i] {
                 runs[std::size_t(i)] = runCamera(
-                    QDir(folder.path()).filePath(QStringLiteral("Camera %1.mov").arg(i + 1)),
-                    codec, width, height);
+                    QDir(folder.path()).filePath(QStringLiteral("Camera %1.mov").arg(i + 1)), codec,
+                    width, height, disk, viewer);
             });
         for (auto& thread : threads)
             thread.join();
+        // Stopped: what is queued is written and the fragmented movie closed. The rewrite
+        // as an ordinary movie that follows is not the show's work and is not counted.
+        std::vector<std::future<Recorder::Outcome>> stops;
+        for (auto& run : runs) {
+            auto stopped = std::make_shared<std::promise<Recorder::Outcome>>();
+            stops.push_back(stopped->get_future());
+            run.recorder->finish([stopped](Recorder::Outcome o) { stopped->set_value(o); });
+        }
+        for (auto& stop : stops)
+            stop.wait();
         const double cpu = processCPUSeconds() - cpuBefore;
         int frames = 0;
         int dropped = 0;
         int written = 0;
-        for (const auto& run : runs) {
-            frames += run.frames;
-            dropped += run.dropped;
-            written += run.written;
+        double longestWait = 0;
+        for (std::size_t i = 0; i < runs.size(); ++i) {
+            frames += runs[i].frames;
+            dropped += runs[i].dropped;
+            written += runs[i].recorder->writtenFrames();
+            longestWait = std::max(longestWait, runs[i].recorder->longestQueueWait());
+            if (!stops[i].get().movie)
+                dropped += runs[i].frames;
         }
+        for (auto& run : runs)
+            run.recorder->waitUntilFinished(Seconds(600));
         state.counters["frames"] = frames;
         state.counters["written"] = written;
         state.counters["dropped"] = dropped;
         // Capture, overlay, conversion and encoding of one recorded frame.
         state.counters["cpu_ms_per_frame"] = written > 0 ? cpu * 1000 / written : 0;
         state.counters["cpu_cores_busy"] = cpu / secondsPerRun;
+        state.counters["longest_queue_wait_ms"] = longestWait * 1000;
     }
 }
 
 } // namespace
 
-BENCHMARK_CAPTURE(recordCameras, h264_1080p30, MovieCodec::h264, 1, 1920, 1080)
-    ->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
-BENCHMARK_CAPTURE(recordCameras, hevc_1080p30, MovieCodec::hevc, 1, 1920, 1080)
-    ->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
-BENCHMARK_CAPTURE(recordCameras, prores_proxy_1080p30, MovieCodec::proRes422Proxy, 1, 1920,
-                  1080)
-    ->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
-BENCHMARK_CAPTURE(recordCameras, h264_4x720p30, MovieCodec::h264, 4, 1280, 720)
-    ->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+#define RECORD(name, codec, cameras, width, height, disk, viewer)                                  \
+    BENCHMARK_CAPTURE(recordCameras, name, codec, cameras, width, height, disk, viewer)            \
+        ->Iterations(1)                                                                            \
+        ->UseRealTime()                                                                            \
+        ->Unit(benchmark::kSecond);
+
+RECORD(h264_1080p30, MovieCodec::h264, 1, 1920, 1080, Disk::fast, Viewer::none)
+RECORD(h264_1080p30_slow_syncs, MovieCodec::h264, 1, 1920, 1080, Disk::slowSyncs, Viewer::none)
+RECORD(hevc_1080p30, MovieCodec::hevc, 1, 1920, 1080, Disk::fast, Viewer::none)
+RECORD(hevc_1080p30_slow_syncs, MovieCodec::hevc, 1, 1920, 1080, Disk::slowSyncs, Viewer::none)
+RECORD(hevc_1080p30_watched, MovieCodec::hevc, 1, 1920, 1080, Disk::fast, Viewer::watched)
+RECORD(prores_proxy_1080p30, MovieCodec::proRes422Proxy, 1, 1920, 1080, Disk::fast, Viewer::none)
+RECORD(prores_proxy_1080p30_slow_syncs, MovieCodec::proRes422Proxy, 1, 1920, 1080, Disk::slowSyncs,
+       Viewer::none)
+RECORD(h264_4x720p30, MovieCodec::h264, 4, 1280, 720, Disk::fast, Viewer::none)
+RECORD(h264_4x720p30_slow_syncs, MovieCodec::h264, 4, 1280, 720, Disk::slowSyncs, Viewer::none)
 
 int main(int argc, char** argv)
 {

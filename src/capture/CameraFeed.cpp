@@ -24,16 +24,16 @@ void CameraFeed::apply(const Feed& feed, bool isAuthorized)
 {
     assertOnOwnThread(this);
     engine_.setMirrored(feed.isMirrored);
-    if (!isAuthorized)
-        return setState(FeedState::of(FeedState::Kind::noAccess));
-    if (!feed.deviceID)
-        return setState(FeedState::of(FeedState::Kind::unassigned));
+    if (!isAuthorized || !feed.deviceID) {
+        // No picture is captured, shown or recorded from a camera the feed may not use; the
+        // same camera is opened again when it may.
+        closeCamera();
+        return setState(
+            FeedState::of(isAuthorized ? FeedState::Kind::unassigned : FeedState::Kind::noAccess));
+    }
     if (!feed.isAvailable) {
         // The device is gone: its input is closed, and opened anew when it comes back.
-        if (configuredDevice_ && *configuredDevice_) {
-            ++configureGeneration_;
-            engine_.configure(std::nullopt, std::nullopt);
-        }
+        closeCamera();
         configuredDevice_.reset();
         return setState(
             FeedState::disconnected(feed.deviceName.value_or(QStringLiteral("The camera"))));
@@ -45,11 +45,22 @@ void CameraFeed::apply(const Feed& feed, bool isAuthorized)
     engine_.configure(feed.deviceID, std::nullopt, [this, generation](auto error) {
         if (generation != configureGeneration_)
             return; // a later apply superseded this one
-        if (error)
+        if (error) {
+            configuredDevice_.reset(); // tried again at the next apply
             setState(FeedState::failed(error->description()));
-        else if (state_.kind != FeedState::Kind::live)
+        } else if (state_.kind != FeedState::Kind::live) {
             setState(FeedState::of(FeedState::Kind::starting));
+        }
     });
+}
+
+void CameraFeed::closeCamera()
+{
+    if (configuredDevice_ && !*configuredDevice_)
+        return; // closed already
+    ++configureGeneration_;
+    configuredDevice_ = std::optional<QString>();
+    engine_.configure(std::nullopt, std::nullopt);
 }
 
 void CameraFeed::startRecording(const QString& path, MovieCodec codec)
@@ -61,15 +72,14 @@ void CameraFeed::startRecording(const QString& path, MovieCodec codec)
 void CameraFeed::stopRecording(std::vector<MovieChapter> chapters,
                                std::function<void(Recorder::Outcome)> done)
 {
+    assertOnOwnThread(this);
     engine_.stopRecording(std::move(chapters), std::move(done));
 }
 
 void CameraFeed::stop()
 {
     assertOnOwnThread(this);
-    ++configureGeneration_;
-    configuredDevice_ = std::optional<QString>();
-    engine_.configure(std::nullopt, std::nullopt);
+    closeCamera();
 }
 
 void CameraFeed::setState(FeedState state)

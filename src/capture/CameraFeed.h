@@ -61,6 +61,7 @@ Q_SIGNALS:
 
 private:
     void setState(FeedState state);
+    void closeCamera();
 
     QUuid id_;
     CaptureEngine engine_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QSize>
 #include <QString>
 
 #include <optional>
@@ -33,10 +34,19 @@ struct CameraMode {
     // the bus's isochronous bandwidth.
     static constexpr double kRawBytesPerSecond = 24'576'000.0 / 4;
 
-    // The mode to open, given the camera's current mode and all it offers: the current one,
-    // unless its raw pictures at their fastest rate would not fit and a compressed format
-    // is offered at the same size, which is taken instead.
-    static CameraMode choose(const CameraMode& active, const std::vector<CameraMode>& offered);
+    // The pictures of the largest size Orvane records.
+    static constexpr int kLargestWidth = 1920;
+    static constexpr int kLargestHeight = 1080;
+    // The rate a camera is asked to keep, where it can.
+    static constexpr double kWantedRate = 30;
+
+    // The mode to open from all a camera offers, whatever size it was left at: the largest
+    // picture up to 1920 x 1080 that keeps the camera's best rate up to 30 frames a second
+    // (1080p30 where the camera has it), raw where raw pictures fit on the bus (no decoding),
+    // else compressed. `wanted`, a size the settings ask for, wins where it is offered. None
+    // when nothing is offered.
+    static std::optional<CameraMode> choose(const std::vector<CameraMode>& offered,
+                                            std::optional<QSize> wanted = std::nullopt);
 };
 
 } // namespace orvane

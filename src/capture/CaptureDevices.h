@@ -42,13 +42,16 @@ public:
     void requestMicrophoneAccess();
 
     // Opens a Video4Linux2 camera or a sound source by identifier; nullptr when it cannot be
-    // found or opened.
-    static std::unique_ptr<VideoSource> openCamera(const QString& id, Clock& clock);
+    // found or opened. The camera opens in the mode CameraMode::choose() picks, at `size`
+    // where the camera offers it.
+    static std::unique_ptr<VideoSource> openCamera(const QString& id, Clock& clock,
+                                                   std::optional<QSize> size = std::nullopt);
     static std::unique_ptr<AudioSource> openMicrophone(const QString& id, Clock& clock);
 
     // Whether a node with these capabilities (VIDIOC_QUERYCAP) captures video.
     static bool capturesVideo(quint32 capabilities, quint32 deviceCapabilities);
-    // The modes a camera node offers, and the one it is set to.
+    // The modes a camera node offers (every pixel format at every size), and the one it is
+    // set to.
     struct NodeModes {
         CameraMode active;
         std::vector<CameraMode> offered;

@@ -2,8 +2,10 @@
 
 #include "base/Checks.h"
 #include "capture/AudioSource.h"
+#include "capture/CameraDecoder.h"
 #include "capture/CaptureLog.h"
 #include "capture/Frame.h"
+#include "capture/NewestBuffer.h"
 #include "capture/TestPatternSource.h"
 #include "capture/VideoSource.h"
 
@@ -24,6 +26,7 @@ extern "C" {
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/videodev2.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
@@ -111,6 +114,34 @@ std::vector<FrameRateRange> frameRates(int fd, quint32 fourcc, int width, int he
     return rates;
 }
 
+// The picture sizes a camera offers for one pixel format: each one it lists, or for a range
+// its largest and the common sizes inside it.
+std::vector<QSize> frameSizes(int fd, quint32 fourcc)
+{
+    std::vector<QSize> sizes;
+    v4l2_frmsizeenum size{};
+    size.pixel_format = fourcc;
+    for (size.index = 0; ioctlRetrying(fd, VIDIOC_ENUM_FRAMESIZES, &size) == 0; ++size.index) {
+        if (size.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
+            sizes.emplace_back(int(size.discrete.width), int(size.discrete.height));
+            continue;
+        }
+        const auto& s = size.stepwise;
+        const auto inside = [&s](int width, int height) {
+            return quint32(width) >= s.min_width && quint32(width) <= s.max_width &&
+                   quint32(height) >= s.min_height && quint32(height) <= s.max_height &&
+                   (s.step_width == 0 || (quint32(width) - s.min_width) % s.step_width == 0) &&
+                   (s.step_height == 0 || (quint32(height) - s.min_height) % s.step_height == 0);
+        };
+        sizes.emplace_back(int(s.max_width), int(s.max_height));
+        for (const QSize common : {QSize(1920, 1080), QSize(1280, 720), QSize(640, 480)})
+            if (inside(common.width(), common.height()) && common != sizes.front())
+                sizes.push_back(common);
+        break; // a range is the only entry
+    }
+    return sizes;
+}
+
 // The identifier of a node that survives a restart and another USB port where it can: its
 // name under /dev/v4l/by-id, else the node's own path.
 QString stableID(const QString& nodePath)
@@ -122,25 +153,46 @@ QString stableID(const QString& nodePath)
     return nodePath;
 }
 
-// A Video4Linux2 camera read through libavdevice, each picture decoded when compressed and
-// converted to BGRA once, straight into the frame's buffer.
+// The descriptor libavdevice opened for the camera at `path`, found among the process's open
+// files, so the capture thread can wait on it with poll(); -1 when it cannot be told.
+int openDescriptorOf(const QString& path)
+{
+    const QString target = QFileInfo(path).canonicalFilePath();
+    int found = -1;
+    const QDir descriptors(QStringLiteral("/proc/self/fd"));
+    for (const QString& name : descriptors.entryList(QDir::System | QDir::NoDotAndDotDot)) {
+        const QString link = QFile::symLinkTarget(descriptors.filePath(name));
+        bool number = false;
+        const int fd = name.toInt(&number);
+        if (number && link == target)
+            found = std::max(found, fd); // the newest of them
+    }
+    return found;
+}
+
+// A Video4Linux2 camera read through libavdevice: the newest picture the driver holds is
+// taken and the older ones are lost (see NewestBuffer), the camera's descriptor is waited on
+// with poll(), each picture is decoded when compressed (a damaged one is dropped and
+// counted) and converted to BGRA once, straight into the frame's buffer.
 class V4L2Camera final : public VideoSource {
 public:
     ~V4L2Camera() override
     {
         sws_freeContext(scaler_);
         av_packet_free(&packet_);
-        av_frame_free(&decoded_);
-        avcodec_free_context(&decoder_);
+        av_packet_free(&newer_);
+        decoder_.reset();
         avformat_close_input(&input_);
     }
 
-    static std::unique_ptr<V4L2Camera> open(const QString& path, Clock& clock)
+    static std::unique_ptr<V4L2Camera> open(const QString& path, Clock& clock,
+                                            std::optional<QSize> wanted)
     {
         const auto modes = CaptureDevices::queryModes(path);
         if (!modes)
             return nullptr;
-        const CameraMode chosen = CameraMode::choose(modes->active, modes->offered);
+        const CameraMode chosen =
+            CameraMode::choose(modes->offered, wanted).value_or(modes->active);
         auto camera = std::unique_ptr<V4L2Camera>(new V4L2Camera(clock));
         int result = camera->openMode(path, chosen);
         if (result == AVERROR(ENOSPC) && !chosen.compressed) {
@@ -158,58 +210,119 @@ public:
             qCWarning(lcCapture, "capture: could not open camera %s: %s", qPrintable(path), text);
             return nullptr;
         }
+        qCInfo(lcCapture, "capture: camera %s opened at %dx%d %s", qPrintable(path),
+               camera->width(), camera->height(), qPrintable(chosen.pixelFormat));
         return camera;
     }
 
-    int width() const override { return decoder_->width; }
-    int height() const override { return decoder_->height; }
+    int width() const override { return width_; }
+    int height() const override { return height_; }
     double frameDuration() const override { return frameDuration_; }
 
     Wait waitForFrame(Seconds limit) override
     {
+        captureThread_.check();
         const Instant until = clock_.now() + std::chrono::duration_cast<Instant::duration>(limit);
         for (;;) {
-            const int result = av_read_frame(input_, packet_);
-            if (result >= 0)
-                return Wait::frameReady;
-            if (result != AVERROR(EAGAIN))
+            switch (takeNewest()) {
+            case Taken::lost:
                 return Wait::lost;
-            if (clock_.now() >= until)
+            case Taken::picture:
+                if (decodeTaken())
+                    return Wait::frameReady;
+                continue; // damaged: dropped and counted; look for the next
+            case Taken::nothing:
+                break;
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                until - clock_.now());
+            if (left.count() <= 0)
                 return Wait::nothingYet;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            if (fd_ >= 0) {
+                pollfd ready{fd_, POLLIN, 0};
+                if (::poll(&ready, 1, int(left.count())) < 0 && errno != EINTR)
+                    return Wait::lost;
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
         }
     }
 
     std::optional<Instant> readFrame(Frame& frame) override
     {
+        captureThread_.check();
         frame.number = nextNumber_++;
-        std::optional<Instant> presentedAt;
+        const AVFrame& picture = decoder_->picture();
+        scaler_ = sws_getCachedContext(scaler_, picture.width, picture.height,
+                                       AVPixelFormat(picture.format), frame.width, frame.height,
+                                       AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+        if (scaler_) {
+            std::uint8_t* target[1] = {frame.pixels};
+            const int targetStride[1] = {frame.bytesPerLine};
+            sws_scale(scaler_, picture.data, picture.linesize, 0, picture.height, target,
+                      targetStride);
+        }
+        return presentedAt_;
+    }
+
+    void skipFrame() override {}
+
+    int takeLostFrames() override { return std::exchange(lost_, 0); }
+
+private:
+    enum class Taken { picture, nothing, lost };
+
+    explicit V4L2Camera(Clock& clock) : clock_(clock) {}
+
+    // Reads every picture the driver holds and keeps the newest in `packet_`; each older one
+    // goes straight back to the driver.
+    Taken takeNewest()
+    {
+        stamps_.clear();
+        bool any = false;
+        for (;;) {
+            const int result = av_read_frame(input_, newer_);
+            if (result == AVERROR(EAGAIN))
+                break;
+            if (result < 0)
+                return any ? Taken::picture : Taken::lost;
+            av_packet_unref(packet_);
+            std::swap(packet_, newer_);
+            stamps_.push_back(packet_->pts != AV_NOPTS_VALUE ? packet_->pts : 0);
+            any = true;
+        }
+        if (!any)
+            return Taken::nothing;
+        const auto choice = NewestBuffer::choose(stamps_, previousStamp_, frameDuration_);
+        lost_ += choice.lost;
+        if (packet_->pts != AV_NOPTS_VALUE)
+            previousStamp_ = packet_->pts;
+        return Taken::picture;
+    }
+
+    // Decodes the picture in `packet_`; whether it was whole.
+    bool decodeTaken()
+    {
+        presentedAt_.reset();
         if (packet_->pts != AV_NOPTS_VALUE) {
             // Kernel time stamps come converted to the wall clock, in microseconds.
             const double age = double(av_gettime() - packet_->pts) / 1e6;
-            presentedAt = addSeconds(clock_.now(), -age);
+            presentedAt_ = addSeconds(clock_.now(), -age);
         }
-        const int sent = avcodec_send_packet(decoder_, packet_);
+        const bool whole = decoder_->decode(packet_->data, packet_->size,
+                                            (packet_->flags & AV_PKT_FLAG_CORRUPT) != 0);
         av_packet_unref(packet_);
-        if (sent < 0 || avcodec_receive_frame(decoder_, decoded_) < 0) {
-            std::fill_n(frame.pixels, std::size_t(frame.bytesPerLine) * frame.height, 0);
-            return presentedAt;
+        if (whole && decoder_->picture().width == width_ &&
+            decoder_->picture().height == height_) {
+            damagedInARow_ = 0;
+            return true;
         }
-        scaler_ = sws_getCachedContext(scaler_, decoded_->width, decoded_->height,
-                                       AVPixelFormat(decoded_->format), frame.width, frame.height,
-                                       AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
-        std::uint8_t* target[1] = {frame.pixels};
-        const int targetStride[1] = {frame.bytesPerLine};
-        sws_scale(scaler_, decoded_->data, decoded_->linesize, 0, decoded_->height, target,
-                  targetStride);
-        av_frame_unref(decoded_);
-        return presentedAt;
+        ++lost_;
+        if (++damagedInARow_ == 1 || damagedInARow_ % 100 == 0)
+            qCWarning(lcCapture, "capture: dropped a damaged picture from the camera (%d in a row)",
+                      damagedInARow_);
+        return false;
     }
-
-    void skipFrame() override { av_packet_unref(packet_); }
-
-private:
-    explicit V4L2Camera(Clock& clock) : clock_(clock) {}
 
     int openMode(const QString& path, const CameraMode& mode)
     {
@@ -231,30 +344,38 @@ private:
         if (input_->nb_streams < 1)
             return AVERROR_STREAM_NOT_FOUND;
         const AVStream* stream = input_->streams[0];
-        const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
-        if (!codec)
+        decoder_ = CameraDecoder::open(*stream->codecpar);
+        if (!decoder_)
             return AVERROR_DECODER_NOT_FOUND;
-        decoder_ = avcodec_alloc_context3(codec);
-        avcodec_parameters_to_context(decoder_, stream->codecpar);
-        result = avcodec_open2(decoder_, codec, nullptr);
-        if (result < 0)
-            return result;
+        width_ = stream->codecpar->width;
+        height_ = stream->codecpar->height;
         const AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate
                                                                 : stream->r_frame_rate;
         frameDuration_ = rate.num > 0 ? av_q2d(av_inv_q(rate)) : 1.0 / 30;
         packet_ = av_packet_alloc();
-        decoded_ = av_frame_alloc();
+        newer_ = av_packet_alloc();
+        stamps_.reserve(64);
+        fd_ = openDescriptorOf(path);
         return 0;
     }
 
     Clock& clock_;
+    ThreadCheck captureThread_; // opened on the capture thread
     AVFormatContext* input_ = nullptr;
-    AVCodecContext* decoder_ = nullptr;
+    std::unique_ptr<CameraDecoder> decoder_;
     AVPacket* packet_ = nullptr;
-    AVFrame* decoded_ = nullptr;
+    AVPacket* newer_ = nullptr;
     SwsContext* scaler_ = nullptr;
+    int fd_ = -1;
+    int width_ = 0;
+    int height_ = 0;
     double frameDuration_ = 1.0 / 30;
     std::int64_t nextNumber_ = 0;
+    std::vector<std::int64_t> stamps_;
+    std::optional<std::int64_t> previousStamp_;
+    std::optional<Instant> presentedAt_;
+    int lost_ = 0;
+    int damagedInARow_ = 0;
 };
 
 // A PulseAudio (or PipeWire) source read through libavdevice, without blocking: 48 kHz
@@ -390,15 +511,21 @@ std::optional<CaptureDevices::NodeModes> CaptureDevices::queryModes(const QStrin
         mode.pixelFormat = QString::fromLatin1(name->name);
         mode.compressed = (description.flags & V4L2_FMT_FLAG_COMPRESSED) != 0;
         mode.bytesPerPixel = name->bytesPerPixel;
-        mode.width = int(current.fmt.pix.width);
-        mode.height = int(current.fmt.pix.height);
-        mode.rates = frameRates(fd.get(), description.pixelformat, mode.width, mode.height);
         if (description.pixelformat == current.fmt.pix.pixelformat) {
             modes.active = mode;
+            modes.active.width = int(current.fmt.pix.width);
+            modes.active.height = int(current.fmt.pix.height);
+            modes.active.rates = frameRates(fd.get(), description.pixelformat,
+                                            modes.active.width, modes.active.height);
             activeKnown = true;
         }
-        if (!mode.rates.empty())
-            modes.offered.push_back(mode);
+        for (const QSize& size : frameSizes(fd.get(), description.pixelformat)) {
+            mode.width = size.width();
+            mode.height = size.height();
+            mode.rates = frameRates(fd.get(), description.pixelformat, mode.width, mode.height);
+            if (!mode.rates.empty())
+                modes.offered.push_back(mode);
+        }
     }
     if (!activeKnown)
         return std::nullopt;
@@ -462,9 +589,10 @@ void CaptureDevices::requestMicrophoneAccess()
     refresh();
 }
 
-std::unique_ptr<VideoSource> CaptureDevices::openCamera(const QString& id, Clock& clock)
+std::unique_ptr<VideoSource> CaptureDevices::openCamera(const QString& id, Clock& clock,
+                                                        std::optional<QSize> size)
 {
-    return V4L2Camera::open(id, clock);
+    return V4L2Camera::open(id, clock, size);
 }
 
 std::unique_ptr<AudioSource> CaptureDevices::openMicrophone(const QString& id, Clock& clock)

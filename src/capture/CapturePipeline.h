@@ -4,6 +4,7 @@
 #include "base/Clock.h"
 #include "base/Latest.h"
 #include "capture/CaptureStats.h"
+#include "capture/Recorder.h"
 #include "overlay/OverlayContent.h"
 
 #include <atomic>
@@ -19,7 +20,6 @@ class AudioSource;
 class FramePool;
 class OverlayRenderer;
 class FrameSink;
-class Recorder;
 class VideoSource;
 struct AudioBuffer;
 struct Frame;
@@ -33,7 +33,16 @@ struct Frame;
 // last called bindCaptureThread()); the rest from any thread.
 class CapturePipeline {
 public:
-    static constexpr int kPoolFrames = 8;
+    // The frames each consumer may hold at once: the preview its newest, each frame sink
+    // (the web viewer, NDI) one it is working on and the newest waiting.
+    static constexpr int kPreviewFrames = 1;
+    static constexpr int kFramesPerSink = 2;
+    static constexpr int kSinks = 2;
+    // A camera's pool: the frame being captured, and enough for the recorder, the preview and
+    // the sinks at their busiest; made when the camera starts, never grown. A frame that
+    // finds it empty is lost and counted.
+    static constexpr int kPoolFrames =
+        1 + kPreviewFrames + kFramesPerSink * kSinks + Recorder::kHeldFrames;
 
     explicit CapturePipeline(Clock& clock);
     ~CapturePipeline();

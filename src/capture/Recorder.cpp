@@ -70,6 +70,7 @@ void Recorder::appendVideo(std::shared_ptr<const Frame> frame)
         if (!startTime_)
             startTime_ = secondsOf(frame->capturedAt);
         frames_.push_back(std::move(frame));
+        queuedAt_.push_back(std::chrono::steady_clock::now());
     }
     wake_.notify_one();
 }
@@ -169,6 +170,11 @@ void Recorder::run()
             if (!frames_.empty()) {
                 frame = std::move(frames_.front());
                 frames_.pop_front();
+                const double waited =
+                    secondsBetween(queuedAt_.front(), std::chrono::steady_clock::now());
+                queuedAt_.pop_front();
+                if (waited > longestQueueWait_)
+                    longestQueueWait_ = waited;
                 room_.notify_all();
             }
             audioScratch_.resize(ringCount_);

@@ -94,6 +94,8 @@ public:
     // frames faster than real time loses none; whether there is room.
     bool waitForRoomForTesting(Seconds limit = Seconds(60));
     int writtenFrames() const { return writtenFrames_.load(); }
+    // The longest any frame waited in the queue before the encoder took it, in seconds.
+    double longestQueueWait() const { return longestQueueWait_.load(); }
 
 private:
     void run();
@@ -108,6 +110,7 @@ private:
     std::condition_variable wake_;
     std::condition_variable room_;
     std::deque<std::shared_ptr<const Frame>> frames_;
+    std::deque<std::chrono::steady_clock::time_point> queuedAt_; // one for each frame
     // Sound waiting to be encoded: a ring of interleaved stereo samples made once.
     std::vector<float> ring_;
     std::size_t ringStart_ = 0;
@@ -136,6 +139,7 @@ private:
 
     std::atomic<int> droppedFrames_{0};
     std::atomic<int> writtenFrames_{0};
+    std::atomic<double> longestQueueWait_{0};
 
     // Recorder thread only.
     std::unique_ptr<MovieWriter> writer_;

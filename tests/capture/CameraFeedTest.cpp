@@ -38,6 +38,9 @@ private Q_SLOTS:
     void aLiveFeedShowsItsVideoSize();
     void applyingTheSameFeedTwiceConfiguresOnce();
     void anUnpluggedCameraResumesWhenItComesBack();
+    void theSameCameraComesBackFromEveryState_data();
+    void theSameCameraComesBackFromEveryState();
+    void aCameraThatFailedIsTriedAgain();
     void anExtraCameraRecordsNoSound();
     void theMainCameraRecordsItsMicrophone();
     void stoppingBeforeTheFirstFrameLeavesNoFile();
@@ -122,6 +125,53 @@ void CameraFeedTest::anUnpluggedCameraResumesWhenItComesBack()
     applied.isAvailable = true;
     camera.apply(applied, true);
     QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+}
+
+void CameraFeedTest::theSameCameraComesBackFromEveryState_data()
+{
+    QTest::addColumn<bool>("authorized");
+    QTest::addColumn<bool>("assigned");
+    QTest::addColumn<FeedState>("state");
+    QTest::newRow("access withdrawn") << false << true << FeedState::of(FeedState::Kind::noAccess);
+    QTest::newRow("camera unassigned")
+        << true << false << FeedState::of(FeedState::Kind::unassigned);
+}
+
+void CameraFeedTest::theSameCameraComesBackFromEveryState()
+{
+    QFETCH(bool, authorized);
+    QFETCH(bool, assigned);
+    QFETCH(FeedState, state);
+    const Feed applied = feed(TestPatternSource::kID, {}, true);
+    CameraFeed camera(applied.id);
+    useSmallTestPattern(camera.engine());
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(camera.engine().stats().framesPerSecond > 0, 10000);
+
+    Feed away = applied;
+    if (!assigned)
+        away.deviceID.reset();
+    camera.apply(away, authorized);
+    QCOMPARE(camera.state(), state);
+    // The camera is closed: nothing more is captured or recorded from it.
+    QTRY_COMPARE_WITH_TIMEOUT(camera.engine().stats().framesPerSecond, 0.0, 10000);
+
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state(), FeedState::of(FeedState::Kind::live), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(camera.engine().stats().framesPerSecond > 0, 10000);
+}
+
+void CameraFeedTest::aCameraThatFailedIsTriedAgain()
+{
+    const Feed applied = feed(QStringLiteral("/dev/null"), QStringLiteral("Null"), true);
+    CameraFeed camera(applied.id);
+    camera.apply(applied, true);
+    QTRY_COMPARE_WITH_TIMEOUT(camera.state().kind, FeedState::Kind::failed, 10000);
+    // Nothing holds the failed device as configured: the next apply opens it again.
+    QCOMPARE(camera.configuredDevice(), std::nullopt);
+    camera.apply(applied, true);
+    QCOMPARE(camera.configuredDevice(), std::optional<std::optional<QString>>(applied.deviceID));
 }
 
 void CameraFeedTest::anExtraCameraRecordsNoSound()

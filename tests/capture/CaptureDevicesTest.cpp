@@ -1,21 +1,35 @@
 #include "capture/CaptureDevices.h"
 
+#include "capture/CameraDecoder.h"
 #include "capture/CameraMode.h"
+#include "capture/NewestBuffer.h"
 #include "capture/TestPatternSource.h"
 
+#include <QBuffer>
 #include <QFile>
+#include <QImage>
+#include <QPainter>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <linux/videodev2.h>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 using namespace orvane;
 
 using Ranges = std::vector<FrameRateRange>;
+using Stamps = std::vector<std::int64_t>;
+Q_DECLARE_METATYPE(Stamps)
+Q_DECLARE_METATYPE(std::optional<std::int64_t>)
 Q_DECLARE_METATYPE(Ranges)
 Q_DECLARE_METATYPE(std::optional<FrameRateRange>)
 Q_DECLARE_METATYPE(orvane::CameraMode)
+Q_DECLARE_METATYPE(std::optional<orvane::CameraMode>)
+Q_DECLARE_METATYPE(std::optional<QSize>)
 
 namespace {
 
@@ -34,8 +48,12 @@ private Q_SLOTS:
     void onlyNodesThatCaptureVideoCount();
     void theFastestRangeWins_data();
     void theFastestRangeWins();
-    void compressedPicturesAreChosenWhenRawWouldNotFit_data();
-    void compressedPicturesAreChosenWhenRawWouldNotFit();
+    void theLargestSizeThatKeepsTheRateIsChosen_data();
+    void theLargestSizeThatKeepsTheRateIsChosen();
+    void theNewestPictureIsTakenAndTheRestCountedLost_data();
+    void theNewestPictureIsTakenAndTheRestCountedLost();
+    void aDamagedPictureIsRefused_data();
+    void aDamagedPictureIsRefused();
     void theTestPatternIsListedAfterRealCameras();
     void nodesThatAreNotCamerasAreLeftOut();
     void anUnknownCameraCannotBeOpened();
@@ -78,8 +96,8 @@ void CaptureDevicesTest::theFastestRangeWins_data()
     QTest::newRow("30 and 60") << Ranges{{1, 30}, {1, 60}} << std::optional(FrameRateRange{1, 60});
     QTest::newRow("60 first") << Ranges{{60, 60}, {30, 30}, {15, 15}}
                               << std::optional(FrameRateRange{60, 60});
-    QTest::newRow("a tie keeps the first") << Ranges{{5, 30}, {30, 30}}
-                                           << std::optional(FrameRateRange{5, 30});
+    QTest::newRow("a tie keeps the first")
+        << Ranges{{5, 30}, {30, 30}} << std::optional(FrameRateRange{5, 30});
     QTest::newRow("none") << Ranges{} << std::optional<FrameRateRange>();
 }
 
@@ -90,28 +108,150 @@ void CaptureDevicesTest::theFastestRangeWins()
     QCOMPARE(CameraMode::fastest(ranges), fastest);
 }
 
-void CaptureDevicesTest::compressedPicturesAreChosenWhenRawWouldNotFit_data()
+void CaptureDevicesTest::theLargestSizeThatKeepsTheRateIsChosen_data()
 {
-    QTest::addColumn<CameraMode>("active");
     QTest::addColumn<std::vector<CameraMode>>("offered");
-    QTest::addColumn<CameraMode>("chosen");
+    QTest::addColumn<std::optional<QSize>>("wanted");
+    QTest::addColumn<std::optional<CameraMode>>("chosen");
+    const auto rawSD = mode("yuyv422", false, 640, 480, 30);
     const auto rawSmall = mode("yuyv422", false, 320, 240, 30);
     const auto rawHD = mode("yuyv422", false, 1280, 720, 10);
+    const auto rawFullHD = mode("yuyv422", false, 1920, 1080, 5);
+    const auto mjpegSD = mode("mjpeg", true, 640, 480, 30, 0);
     const auto mjpegHD = mode("mjpeg", true, 1280, 720, 30, 0);
     const auto mjpegFullHD = mode("mjpeg", true, 1920, 1080, 30, 0);
-    QTest::newRow("small raw fits") << rawSmall << std::vector{rawSmall, mjpegHD} << rawSmall;
-    QTest::newRow("HD raw does not fit") << rawHD << std::vector{rawHD, mjpegHD} << mjpegHD;
-    QTest::newRow("no compressed format at that size")
-        << rawHD << std::vector{rawHD, mjpegFullHD} << rawHD;
-    QTest::newRow("already compressed") << mjpegHD << std::vector{rawHD, mjpegHD} << mjpegHD;
+    const auto mjpegFullHD60 = mode("mjpeg", true, 1920, 1080, 60, 0);
+    const auto mjpeg4K = mode("mjpeg", true, 3840, 2160, 30, 0);
+    const auto mjpeg4KSlow = mode("mjpeg", true, 3840, 2160, 15, 0);
+    const auto rawSlowCamera = mode("yuyv422", false, 320, 240, 15);
+    const auto rawTinySlow = mode("yuyv422", false, 160, 120, 15);
+    const auto rawSDSlow = mode("yuyv422", false, 640, 480, 5);
+    const auto mjpegSmall = mode("mjpeg", true, 320, 240, 30, 0);
+    const auto nv12FullHD = mode("nv12", false, 1920, 1080, 30, 1.5);
+    const std::optional<QSize> any;
+    using Modes = std::vector<CameraMode>;
+    QTest::newRow("plugged in at 640x480, offers 1080p30: 1080p30")
+        << Modes{rawSD, rawHD, rawFullHD, mjpegSD, mjpegHD, mjpegFullHD} << any
+        << std::optional(mjpegFullHD);
+    QTest::newRow("a larger size only at 5 fps: the largest at 30")
+        << Modes{rawSDSlow, rawSmall, rawFullHD} << any << std::optional(rawSmall);
+    QTest::newRow("raw beats compressed at the same size where it fits")
+        << Modes{mjpegSmall, rawSmall} << any << std::optional(rawSmall);
+    QTest::newRow("raw that does not fit at its rate: compressed")
+        << Modes{rawSD, mjpegSD} << any << std::optional(mjpegSD);
+    QTest::newRow("4K is not recorded: 1080p")
+        << Modes{mjpeg4K, mjpegFullHD, mjpegHD} << any << std::optional(mjpegFullHD);
+    QTest::newRow("only 4K: 4K rather than nothing")
+        << Modes{mjpeg4KSlow} << any << std::optional(mjpeg4KSlow);
+    QTest::newRow("60 fps keeps 30 too")
+        << Modes{mjpegFullHD60, mjpegHD} << any << std::optional(mjpegFullHD60);
+    QTest::newRow("a camera that tops out at 15 fps: its largest at 15")
+        << Modes{rawTinySlow, rawSlowCamera} << any << std::optional(rawSlowCamera);
+    QTest::newRow("raw that does not fit the bus is left out")
+        << Modes{nv12FullHD, mjpegHD} << any << std::optional(mjpegHD);
+    QTest::newRow("the settings ask for 720p")
+        << Modes{rawSD, mjpegHD, mjpegFullHD} << std::optional(QSize(1280, 720))
+        << std::optional(mjpegHD);
+    QTest::newRow("the settings ask for a size not offered")
+        << Modes{rawSD, mjpegHD} << std::optional(QSize(1024, 768)) << std::optional(mjpegHD);
+    QTest::newRow("nothing offered") << Modes{} << any << std::optional<CameraMode>();
 }
 
-void CaptureDevicesTest::compressedPicturesAreChosenWhenRawWouldNotFit()
+void CaptureDevicesTest::theLargestSizeThatKeepsTheRateIsChosen()
 {
-    QFETCH(CameraMode, active);
     QFETCH(std::vector<CameraMode>, offered);
-    QFETCH(CameraMode, chosen);
-    QCOMPARE(CameraMode::choose(active, offered), chosen);
+    QFETCH(std::optional<QSize>, wanted);
+    QFETCH(std::optional<CameraMode>, chosen);
+    QCOMPARE(CameraMode::choose(offered, wanted), chosen);
+}
+
+void CaptureDevicesTest::theNewestPictureIsTakenAndTheRestCountedLost_data()
+{
+    QTest::addColumn<Stamps>("stamps");
+    QTest::addColumn<std::optional<std::int64_t>>("previous");
+    QTest::addColumn<double>("frameDuration");
+    QTest::addColumn<int>("index");
+    QTest::addColumn<int>("lost");
+    const double fps30 = 1.0 / 30;
+    const std::optional<std::int64_t> first;
+    QTest::newRow("one picture, on time")
+        << Stamps{1'033'333} << std::optional<std::int64_t>(1'000'000) << fps30 << 0 << 0;
+    QTest::newRow("the very first picture") << Stamps{5'000'000} << first << fps30 << 0 << 0;
+    // The capture thread fell behind: the driver holds three; two are skipped, not queued.
+    QTest::newRow("three waiting") << Stamps{1'033'333, 1'066'667, 1'100'000}
+                                   << std::optional<std::int64_t>(1'000'000) << fps30 << 2 << 2;
+    QTest::newRow("the driver skipped two")
+        << Stamps{1'100'000} << std::optional<std::int64_t>(1'000'000) << fps30 << 0 << 2;
+    QTest::newRow("a gap between waiting pictures")
+        << Stamps{1'033'333, 1'133'333} << std::optional<std::int64_t>(1'000'000) << fps30 << 1
+        << 1 + 2;
+    QTest::newRow("jitter of a third of a frame is no loss")
+        << Stamps{1'045'000, 1'078'000} << std::optional<std::int64_t>(1'000'000) << fps30 << 1
+        << 1;
+    QTest::newRow("25 fps, a gap of one")
+        << Stamps{1'080'000} << std::optional<std::int64_t>(1'000'000) << 0.04 << 0 << 1;
+    QTest::newRow("stamps that go back say nothing")
+        << Stamps{900'000, 0} << std::optional<std::int64_t>(1'000'000) << fps30 << 1 << 1;
+    QTest::newRow("nothing waiting") << Stamps{} << first << fps30 << 0 << 0;
+}
+
+void CaptureDevicesTest::theNewestPictureIsTakenAndTheRestCountedLost()
+{
+    QFETCH(Stamps, stamps);
+    QFETCH(std::optional<std::int64_t>, previous);
+    QFETCH(double, frameDuration);
+    QFETCH(int, index);
+    QFETCH(int, lost);
+    const auto choice = NewestBuffer::choose(stamps, previous, frameDuration);
+    QCOMPARE(int(choice.index), index);
+    QCOMPARE(choice.lost, lost);
+}
+
+void CaptureDevicesTest::aDamagedPictureIsRefused_data()
+{
+    QImage image(320, 240, QImage::Format_RGB32);
+    image.fill(Qt::darkBlue);
+    QPainter(&image).fillRect(40, 40, 200, 120, Qt::yellow);
+    QByteArray jpeg;
+    QBuffer buffer(&jpeg);
+    buffer.open(QIODevice::WriteOnly);
+    QVERIFY(image.save(&buffer, "JPG", 75));
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<bool>("corrupt");
+    QTest::addColumn<bool>("decoded");
+    QTest::newRow("whole picture") << jpeg << false << true;
+    QTest::newRow("whole, padded with zeros by the camera")
+        << jpeg + QByteArray(512, '\0') << false << true;
+    QTest::newRow("flagged corrupt by the driver") << jpeg << true << false;
+    QTest::newRow("cut short by a lost transfer") << jpeg.left(jpeg.size() / 2) << false << false;
+    QTest::newRow("cut short, then padded")
+        << jpeg.left(jpeg.size() / 2) + QByteArray(512, '\0') << false << false;
+    QTest::newRow("the end marker alone is missing") << jpeg.chopped(2) << false << false;
+    QTest::newRow("the header is missing") << jpeg.mid(600) << false << false;
+    QTest::newRow("empty") << QByteArray() << false << false;
+    QTest::newRow("not a picture") << QByteArray(4000, 'x') << false << false;
+}
+
+void CaptureDevicesTest::aDamagedPictureIsRefused()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(bool, corrupt);
+    QFETCH(bool, decoded);
+    AVCodecParameters* format = avcodec_parameters_alloc();
+    format->codec_type = AVMEDIA_TYPE_VIDEO;
+    format->codec_id = AV_CODEC_ID_MJPEG;
+    format->width = 320;
+    format->height = 240;
+    auto decoder = CameraDecoder::open(*format);
+    avcodec_parameters_free(&format);
+    QVERIFY(decoder);
+    QCOMPARE(decoder->decode(reinterpret_cast<const std::uint8_t*>(bytes.constData()),
+                             int(bytes.size()), corrupt),
+             decoded);
+    if (decoded) {
+        QCOMPARE(decoder->picture().width, 320);
+        QCOMPARE(decoder->picture().height, 240);
+    }
 }
 
 void CaptureDevicesTest::theTestPatternIsListedAfterRealCameras()

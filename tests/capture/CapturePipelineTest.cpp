@@ -4,12 +4,14 @@
 #include "capture/AudioSource.h"
 #include "capture/Frame.h"
 #include "capture/FrameSink.h"
+#include "capture/Recorder.h"
 #include "capture/TestPatternSource.h"
 #include "capture/ToneSource.h"
 
 #include <QTest>
 
 #include <cstring>
+#include <deque>
 
 using namespace orvane;
 
@@ -45,6 +47,27 @@ public:
     }
 };
 
+// Holds on to the newest `count` frames it was given, as a consumer at its busiest does (the
+// web viewer: one being encoded and the newest waiting; the recorder: its full queue and the
+// one being encoded).
+class NewestSink final : public FrameSink {
+public:
+    explicit NewestSink(std::size_t count)
+        : count_(count)
+    {
+    }
+    std::deque<std::shared_ptr<const Frame>> frames;
+    void takeFrame(std::shared_ptr<const Frame> frame, double) override
+    {
+        frames.push_back(std::move(frame));
+        if (frames.size() > count_)
+            frames.pop_front();
+    }
+
+private:
+    std::size_t count_;
+};
+
 std::uint32_t pixel(const Frame& frame, int x, int y)
 {
     std::uint32_t value;
@@ -63,6 +86,7 @@ private Q_SLOTS:
     void frameRateCountsFramesInTheLastSecond();
     void lateWakeUpsAndFullPoolsAreCountedAsDrops();
     void theSameFrameReachesPreviewAndSinks();
+    void thePoolServesEveryConsumerAtOnce();
     void aSinkMayRemoveItselfWhileItIsCalled();
     void mirroringFlipsEachRow();
     void soundLevelsFollowTheGain_data();
@@ -156,12 +180,32 @@ void CapturePipelineTest::lateWakeUpsAndFullPoolsAreCountedAsDrops()
     }
     frame.reset();
     QCOMPARE(int(sink->frames.size()), CapturePipeline::kPoolFrames);
-    // It held two already, so six more fit and five of the eleven were lost.
+    // It held two already, so the rest of the pool fits and five more were lost.
     QCOMPARE(pipeline.stats().droppedFrames, 2 + 5);
     sink->frames.clear();
     clock.advance(1.0 / 30);
     QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
     QVERIFY(pipeline.captureFrame(source));
+}
+
+void CapturePipelineTest::thePoolServesEveryConsumerAtOnce()
+{
+    // A recording runs while the web viewer and NDI each hold their two frames and the
+    // preview its one: no picture may be lost for want of a buffer.
+    ManualClock clock;
+    CapturePipeline pipeline(clock);
+    TestPatternSource source(clock, 64, 36, 30, TestPatternSource::Pacing::stepped);
+    auto recorder = std::make_shared<NewestSink>(std::size_t(Recorder::kHeldFrames));
+    auto web = std::make_shared<NewestSink>(2);
+    auto ndi = std::make_shared<NewestSink>(2);
+    for (const auto& sink : {recorder, web, ndi})
+        pipeline.addSink(sink);
+    for (int i = 0; i < 100; ++i) {
+        QCOMPARE(source.waitForFrame(Seconds(0)), VideoSource::Wait::frameReady);
+        QVERIFY2(pipeline.captureFrame(source), qPrintable(QStringLiteral("frame %1").arg(i)));
+        clock.advance(1.0 / 30);
+    }
+    QCOMPARE(pipeline.stats().droppedFrames, 0);
 }
 
 void CapturePipelineTest::theSameFrameReachesPreviewAndSinks()

@@ -4,7 +4,7 @@
 #include "app/ShowInput.h"
 #include "base/ManualClock.h"
 #include "eos/EosConnection.h"
-#include "peers/NetNamespace.h"
+#include "support/NetNamespace.h"
 #include "peers/PretendConsole.h"
 #include "show/ShowData.h"
 

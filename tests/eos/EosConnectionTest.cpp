@@ -2,7 +2,7 @@
 // says. Real pretend consoles, on loopback or on pretend hosts in network namespaces.
 #include "eos/EosConnection.h"
 #include "base/ManualClock.h"
-#include "peers/NetNamespace.h"
+#include "support/NetNamespace.h"
 #include "peers/PretendConsole.h"
 
 #include <QSignalSpy>

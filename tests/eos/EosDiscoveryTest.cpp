@@ -3,7 +3,7 @@
 #include "base/ManualClock.h"
 #include "eos/EosDiscovery.h"
 #include "eos/EosProbe.h"
-#include "peers/NetNamespace.h"
+#include "support/NetNamespace.h"
 #include "peers/PretendConsole.h"
 
 #include <QElapsedTimer>

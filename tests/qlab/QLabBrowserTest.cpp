@@ -2,7 +2,7 @@
 // with services published by avahi-publish.
 
 #include "base/ManualClock.h"
-#include "peers/AvahiSandbox.h"
+#include "support/AvahiSandbox.h"
 #include "qlab/QLabBrowser.h"
 
 #include <QSignalSpy>

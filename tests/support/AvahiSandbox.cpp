@@ -1,4 +1,4 @@
-#include "peers/AvahiSandbox.h"
+#include "support/AvahiSandbox.h"
 
 #include <QDeadlineTimer>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "peers/NetNamespace.h"
+#include "support/NetNamespace.h"
 
 #include <QFile>
 #include <QProcess>

@@ -8,7 +8,7 @@
 #include "app/StatusReporter.h"
 #include "capture/TestPatternSource.h"
 #include "osc/OSCMessage.h"
-#include "peers/NetNamespace.h"
+#include "support/NetNamespace.h"
 
 #include <QFile>
 #include <QGuiApplication>

@@ -8,7 +8,7 @@
 #include "capture/TestPatternSource.h"
 #include "outputs/WebRequest.h"
 #include "outputs/WebViewer.h"
-#include "peers/NetNamespace.h"
+#include "support/NetNamespace.h"
 
 #include <QElapsedTimer>
 #include <QImage>

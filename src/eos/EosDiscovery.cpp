@@ -1,8 +1,8 @@
 #include "eos/EosDiscovery.h"
 
 #include "base/Checks.h"
-#include "eos/ArgumentText.h"
 #include "eos/EosProbe.h"
+#include "osc/OSCMessageText.h"
 
 #include <QHostAddress>
 #include <QLoggingCategory>
@@ -289,9 +289,9 @@ std::optional<DiscoveredConsole> EosDiscovery::consoleFromReply(const OSCMessage
     console.interfaceName = target.name;
     console.network = target.network;
     if (message.arguments.size() >= 2) {
-        console.deviceName = argumentText(message, 1);
-        console.consoleID = argumentText(message, 2);
-        console.version = argumentText(message, 3);
+        console.deviceName = oscArgumentText(message, 1);
+        console.consoleID = oscArgumentText(message, 2);
+        console.version = oscArgumentText(message, 3);
     }
     return console;
 }

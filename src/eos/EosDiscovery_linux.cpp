@@ -18,15 +18,6 @@ namespace {
 constexpr Seconds kResendInterval{0.5};
 constexpr Seconds kReceiveWait{0.2};
 
-sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port)
-{
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
-    result.sin_port = htons(port);
-    return result;
-}
-
 // A UDP socket that broadcasts by `target`'s interface only and has a port of its own; -1
 // when it cannot be made.
 int openDiscoverySocket(const ScanTarget& target, std::uint16_t& localPort)
@@ -45,7 +36,7 @@ int openDiscoverySocket(const ScanTarget& target, std::uint16_t& localPort)
               ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) == 0;
     if (ok && local.sin_port == 0) {
         // Tied to the device rather than to its address: any address, a port of our own.
-        const sockaddr_in any = socketAddress(INADDR_ANY, 0);
+        const sockaddr_in any = sockets::socketAddress(INADDR_ANY, 0);
         ok = ::bind(fd, reinterpret_cast<const sockaddr*>(&any), sizeof any) == 0 &&
              ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) == 0;
     }
@@ -76,8 +67,8 @@ std::vector<DiscoveredConsole> EosDiscovery::discover(const ScanTarget& target, 
 
     const QByteArray request = encodeOSC(
         OSCMessage{"/etc/discovery/request", {std::int32_t(localPort), std::string("Orvane")}});
-    const sockaddr_in destinations[] = {socketAddress(target.broadcastAddress(), port),
-                                        socketAddress(INADDR_BROADCAST, port)};
+    const sockaddr_in destinations[] = {sockets::socketAddress(target.broadcastAddress(), port),
+                                        sockets::socketAddress(INADDR_BROADCAST, port)};
     using SteadyClock = std::chrono::steady_clock;
     const auto start = SteadyClock::now();
     const auto end = start + std::chrono::duration_cast<SteadyClock::duration>(duration);

@@ -1,8 +1,8 @@
 #include "eos/EosProbe.h"
 
 #include "base/Checks.h"
-#include "eos/ArgumentText.h"
 #include "eos/NetworkSockets.h"
+#include "osc/OSCMessageText.h"
 
 #include <QSocketNotifier>
 
@@ -80,10 +80,10 @@ void EosProbe::handle(const OSCMessage& message)
         return;
     isEos_ = true;
     if (message.address == "/eos/out/show/name") {
-        console_.showName = argumentText(message, 0);
+        console_.showName = oscArgumentText(message, 0);
         hasShowName_ = true;
     } else if (message.address == "/eos/out/get/version") {
-        console_.version = argumentText(message, 0);
+        console_.version = oscArgumentText(message, 0);
     }
 }
 

@@ -4,6 +4,8 @@
 
 #include <QString>
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -11,13 +13,11 @@
 // probes that must leave by one interface. Any thread.
 namespace orvane::sockets {
 
+// An IPv4 socket address from an address and a port in host order.
+sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port);
+
 // The machine's IPv4 interfaces that scans cover: up, not loopback, not link-local.
 std::vector<ScanTarget> scanTargets();
-
-// The kind of interface `name` as `sysfsRoot` (normally /sys/class/net) describes it: Wi-Fi
-// when it has a wireless folder, wired for an Ethernet-type interface of a real device,
-// otherwise other.
-NetworkKind interfaceKind(const QString& name, const QString& sysfsRoot);
 
 // Ties `fd` to `target`'s interface so its traffic leaves by that interface only; where the
 // system refuses, binds it to the interface's address instead. Returns false when neither works.

@@ -26,6 +26,8 @@ bool isLinkLocal(std::uint32_t address)
     return (address & 0xFFFF0000u) == 0xA9FE0000u; // 169.254.0.0/16
 }
 
+} // namespace
+
 sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port)
 {
     sockaddr_in result{};
@@ -33,26 +35,6 @@ sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port)
     result.sin_addr.s_addr = htonl(address);
     result.sin_port = htons(port);
     return result;
-}
-
-} // namespace
-
-NetworkKind interfaceKind(const QString& name, const QString& sysfsRoot)
-{
-    const QDir folder(sysfsRoot + QLatin1Char('/') + name);
-    if (!folder.exists())
-        return NetworkKind::other;
-    if (QFileInfo::exists(folder.filePath(QStringLiteral("wireless"))) ||
-        QFileInfo::exists(folder.filePath(QStringLiteral("phy80211"))))
-        return NetworkKind::wifi;
-    QFile type(folder.filePath(QStringLiteral("type")));
-    if (!type.open(QIODevice::ReadOnly))
-        return NetworkKind::other;
-    // ARPHRD_ETHER is 1; virtual interfaces (veth, bridges, tunnels) have no device link.
-    const bool ethernet = type.readAll().trimmed() == "1";
-    if (ethernet && QFileInfo::exists(folder.filePath(QStringLiteral("device"))))
-        return NetworkKind::wired;
-    return NetworkKind::other;
 }
 
 std::vector<ScanTarget> scanTargets()
@@ -74,7 +56,7 @@ std::vector<ScanTarget> scanTargets()
             continue;
         target.name = QString::fromLocal8Bit(entry->ifa_name);
         target.index = int(::if_nametoindex(entry->ifa_name));
-        target.network = interfaceKind(target.name, QStringLiteral("/sys/class/net"));
+        target.network = networkKindOfInterface(target.name);
         targets.push_back(target);
     }
     ::freeifaddrs(list);

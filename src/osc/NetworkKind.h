@@ -42,6 +42,12 @@ inline QString shownName(NetworkKind kind)
     return {};
 }
 
+// The kind of the network interface `name`, read from the sysfs tree at `sysClassNet`: a
+// `wireless` folder or a `phy80211` link means Wi-Fi, an Ethernet-type interface of a real
+// device wired, anything else (loopback, veth, bridges, tunnels, a missing interface) other.
+NetworkKind networkKindOfInterface(const QString& name,
+                                   const QString& sysClassNet = QStringLiteral("/sys/class/net"));
+
 inline std::optional<NetworkKind> networkKindFromRawValue(QStringView text)
 {
     if (text == u"wired")

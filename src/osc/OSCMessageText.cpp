@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 
 namespace orvane {
 
@@ -54,9 +55,7 @@ void appendArgument(std::string& to, const OSCArgument& argument)
         const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), *number).ptr;
         to.append(buffer.data(), end);
     } else if (const auto* real = std::get_if<float>(&argument)) {
-        // Without a format, to_chars writes the shortest text that reads back to `*real`.
-        const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), *real).ptr;
-        to.append(buffer.data(), end);
+        to += oscFloatText(*real);
     } else if (const auto* text = std::get_if<std::string>(&argument)) {
         appendJsonString(to, *text);
     } else if (const auto* blob = std::get_if<QByteArray>(&argument)) {
@@ -70,6 +69,35 @@ bool printsText(const OSCArgument& argument)
 }
 
 } // namespace
+
+std::string oscFloatText(float value)
+{
+    // Without a format, to_chars writes the shortest text that reads back to `value`.
+    std::array<char, 32> buffer{};
+    const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value).ptr;
+    std::string text(buffer.data(), end);
+    if (std::isfinite(value) && text.find_first_of(".e") == std::string::npos)
+        text += ".0";
+    return text;
+}
+
+std::optional<QString> oscArgumentText(const OSCArgument& argument)
+{
+    if (const auto* number = std::get_if<std::int32_t>(&argument))
+        return QString::number(*number);
+    if (const auto* real = std::get_if<float>(&argument))
+        return QString::fromStdString(oscFloatText(*real));
+    if (const auto* text = std::get_if<std::string>(&argument))
+        return QString::fromStdString(*text);
+    return std::nullopt;
+}
+
+std::optional<QString> oscArgumentText(const OSCMessage& message, std::size_t index)
+{
+    if (index >= message.arguments.size())
+        return std::nullopt;
+    return oscArgumentText(message.arguments[index]);
+}
 
 std::string oscMessageText(const OSCMessage& message)
 {

@@ -69,11 +69,6 @@ private:
 // noAnswer, ...); anything unknown is `other` with the system's own text.
 OSCStream::Failure failureForSystemError(int errorNumber);
 
-// The kind of the network interface `name`, read from the sysfs tree at `sysClassNet`:
-// a `wireless` folder means Wi-Fi, type 1 with a device means wired, anything else other.
-NetworkKind networkKindOfInterface(const QString& name,
-                                   const QString& sysClassNet = QStringLiteral("/sys/class/net"));
-
 // The interface an outgoing connection to `address` restricted to `kind` should be bound
 // to: the one the route takes when it is of that kind, else the first of that kind that is
 // up. Empty when there is none.

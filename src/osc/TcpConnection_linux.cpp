@@ -138,19 +138,6 @@ OSCStream::Failure failureForSystemError(int errorNumber)
     return {Kind::other, systemText(errorNumber)};
 }
 
-NetworkKind networkKindOfInterface(const QString& name, const QString& sysClassNet)
-{
-    const QDir folder(sysClassNet + QLatin1Char('/') + name);
-    if (QFileInfo(folder.filePath(QStringLiteral("wireless"))).isDir())
-        return NetworkKind::wifi;
-    QFile type(folder.filePath(QStringLiteral("type")));
-    const bool isEthernet =
-        type.open(QIODevice::ReadOnly) && type.readAll().trimmed() == QByteArrayLiteral("1");
-    if (isEthernet && QFileInfo::exists(folder.filePath(QStringLiteral("device"))))
-        return NetworkKind::wired;
-    return NetworkKind::other;
-}
-
 std::optional<QString> interfaceForConnection(const QHostAddress& address, NetworkKind kind)
 {
     if (const auto source = routeSource(address)) {

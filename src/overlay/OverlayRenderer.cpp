@@ -844,6 +844,7 @@ void drawPanel(Surface& surface, Cache& cache, const Style& style, const Panel& 
 
 void OverlayRenderer::draw(const OverlayContent& content, QImage& frame, WallTime now)
 {
+    thread_.check();
     if (!content.isEnabled || frame.isNull())
         return;
     QPainter painter(&frame);
@@ -853,6 +854,7 @@ void OverlayRenderer::draw(const OverlayContent& content, QImage& frame, WallTim
 void OverlayRenderer::draw(const OverlayContent& content, QPainter& painter, QSizeF size,
                            WallTime now)
 {
+    thread_.check();
     if (!content.isEnabled)
         return;
     const auto arranged = arrange(content, size, now);

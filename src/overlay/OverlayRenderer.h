@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Checks.h"
 #include "base/Clock.h"
 #include "overlay/OverlayContent.h"
 #include "overlay/Panel.h"
@@ -86,6 +87,7 @@ public:
     class Cache; // what is kept between frames; opaque
 
 private:
+    ThreadCheck thread_; // the thread that made it draws with it
     std::unique_ptr<Cache> cache_;
 };
 

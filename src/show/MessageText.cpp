@@ -1,24 +1,12 @@
 #include "show/MessageText.h"
 
-#include <QStringList>
+#include "osc/OSCMessageText.h"
 
-#include <charconv>
-#include <cmath>
+#include <QStringList>
 
 namespace orvane {
 
 namespace {
-
-// The shortest text that reads back as the same 32-bit float, with ".0" on whole numbers.
-QString shortestFloatText(float value)
-{
-    char buffer[64];
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-    QString text = QString::fromLatin1(buffer, result.ptr - buffer);
-    if (std::isfinite(value) && !text.contains(u'.') && !text.contains(u'e'))
-        text += QStringLiteral(".0");
-    return text;
-}
 
 QString localeFloatText(float value, const QLocale& locale)
 {
@@ -38,16 +26,7 @@ QString localeFloatText(float value, const QLocale& locale)
 
 std::optional<QString> messageTextValue(const OSCMessage& message)
 {
-    if (message.arguments.empty())
-        return std::nullopt;
-    const OSCArgument& first = message.arguments.front();
-    if (const auto* number = std::get_if<std::int32_t>(&first))
-        return QString::number(*number);
-    if (const auto* number = std::get_if<float>(&first))
-        return shortestFloatText(*number);
-    if (const auto* text = std::get_if<std::string>(&first))
-        return QString::fromStdString(*text);
-    return std::nullopt;
+    return oscArgumentText(message, 0);
 }
 
 QString watchedValueText(const std::vector<OSCArgument>& arguments, const QLocale& locale)

@@ -1,6 +1,7 @@
 // Runs `orvane osc-monitor` as a technician would and checks what it prints.
 
 #include "osc/OSCMessage.h"
+#include "support/Golden.h"
 
 #include <QFile>
 #include <QProcess>
@@ -39,22 +40,11 @@ QByteArray bundle(const QByteArrayList& elements)
 // Compares `actual` with the golden file, or rewrites the file when ORVANE_REBASELINE=1.
 bool matchesGolden(const QByteArray& actual, const QString& name)
 {
-    const QString path = QStringLiteral(ORVANE_TEST_DATA "/expected/") + name;
-    QFile file(path);
-    if (qEnvironmentVariableIntValue("ORVANE_REBASELINE") == 1) {
-        if (!file.open(QIODevice::WriteOnly))
-            return false;
-        file.write(actual);
-        return true;
-    }
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    const QByteArray expected = file.readAll();
-    if (expected == actual)
-        return true;
-    qWarning().noquote() << "expected:\n" + QString::fromUtf8(expected)
-                         << "\nactual:\n" + QString::fromUtf8(actual);
-    return false;
+    const auto golden = orvane::testing::compareWithGolden(
+        actual, QStringLiteral(ORVANE_TEST_DATA "/expected/") + name);
+    if (!golden.matches)
+        qWarning().noquote() << golden.difference;
+    return golden.matches;
 }
 
 } // namespace

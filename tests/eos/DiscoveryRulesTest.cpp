@@ -49,8 +49,6 @@ private Q_SLOTS:
     void consoleFromReply_data();
     void consoleFromReply();
     void mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface();
-    void interfaceKind_data();
-    void interfaceKind();
 };
 
 void DiscoveryRulesTest::sweepAddresses_data()
@@ -197,45 +195,6 @@ void DiscoveryRulesTest::mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface()
     QCOMPARE(joined[1], repliedOnWifi); // the same console on another interface stays apart
     QCOMPARE(joined[1].shownName(), QStringLiteral("Ion"));
     QCOMPARE(joined[2], probedOnly);
-}
-
-void DiscoveryRulesTest::interfaceKind_data()
-{
-    QTest::addColumn<QStringList>("files"); // paths under the interface folder, "name=content"
-    QTest::addColumn<NetworkKind>("kind");
-
-    QTest::newRow("wireless folder") << QStringList{"type=1", "device/", "wireless/"}
-                                     << NetworkKind::wifi;
-    QTest::newRow("ethernet of a device") << QStringList{"type=1", "device/"} << NetworkKind::wired;
-    QTest::newRow("virtual ethernet (veth, bridge)") << QStringList{"type=1"}
-                                                     << NetworkKind::other;
-    QTest::newRow("tunnel of a device") << QStringList{"type=65534", "device/"}
-                                        << NetworkKind::other;
-    QTest::newRow("no type file") << QStringList{"device/"} << NetworkKind::other;
-}
-
-void DiscoveryRulesTest::interfaceKind()
-{
-    QFETCH(QStringList, files);
-    QFETCH(NetworkKind, kind);
-
-    QTemporaryDir root;
-    QVERIFY(root.isValid());
-    QDir folder(root.path());
-    QVERIFY(folder.mkdir(QStringLiteral("net0")));
-    folder.cd(QStringLiteral("net0"));
-    for (const QString& entry : files) {
-        if (entry.endsWith(QLatin1Char('/'))) {
-            QVERIFY(folder.mkdir(entry.chopped(1)));
-            continue;
-        }
-        const QStringList nameAndContent = entry.split(QLatin1Char('='));
-        QFile file(folder.filePath(nameAndContent[0]));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(nameAndContent[1].toLatin1() + '\n');
-    }
-    QCOMPARE(sockets::interfaceKind(QStringLiteral("net0"), root.path()), kind);
-    QCOMPARE(sockets::interfaceKind(QStringLiteral("missing0"), root.path()), NetworkKind::other);
 }
 
 QTEST_GUILESS_MAIN(DiscoveryRulesTest)

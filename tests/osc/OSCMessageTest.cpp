@@ -281,7 +281,7 @@ void OSCMessageTest::writesMonitorText_data()
                           << "/a ,iii 0 -2147483648 2147483647";
     QTest::newRow("floats shortest")
         << message("/a", {0.1f, 1.5f, 3.0f, -0.0f, 1e-45f, 3.4028235e38f})
-        << "/a ,ffffff 0.1 1.5 3 -0 1e-45 3.4028235e+38";
+        << "/a ,ffffff 0.1 1.5 3.0 -0.0 1e-45 3.4028235e+38";
     QTest::newRow("float not a number") << message("/a", {std::nanf("")}) << "/a ,f nan";
     QTest::newRow("json escapes") << message("/a", {"q\" b\\ t\t n\n c\x01 d\x7f"})
                                   << "/a ,s \"q\\\" b\\\\ t\\t n\\n c\\u0001 d\x7f\"";

@@ -143,8 +143,6 @@ private Q_SLOTS:
     void hostIsANameOrAnAddressOfEitherFamily_data();
     void hostIsANameOrAnAddressOfEitherFamily();
     void interfaceRestrictionUsesAnInterfaceOfThatKind();
-    void interfaceKindComesFromSysfs_data();
-    void interfaceKindComesFromSysfs();
 };
 
 void OSCStreamTest::refusedPortRetriesOnTheBackOffSchedule()
@@ -472,41 +470,6 @@ void OSCStreamTest::interfaceRestrictionUsesAnInterfaceOfThatKind()
     wifi.stream.connectTo(target);
     QTRY_COMPARE_WITH_TIMEOUT(wifi.stream.status(), retrying(FailureKind::unreachable, 1), kWaitMs);
     QCOMPARE(peer.sockets.size(), 1);
-}
-
-void OSCStreamTest::interfaceKindComesFromSysfs_data()
-{
-    QTest::addColumn<QStringList>("files");
-    QTest::addColumn<NetworkKind>("kind");
-    QTest::newRow("wireless folder")
-        << QStringList{"type=1", "device/", "wireless/"} << NetworkKind::wifi;
-    QTest::newRow("ethernet with a device")
-        << QStringList{"type=1", "device/"} << NetworkKind::wired;
-    QTest::newRow("ethernet without a device (veth, bridge)")
-        << QStringList{"type=1"} << NetworkKind::other;
-    QTest::newRow("loopback") << QStringList{"type=772"} << NetworkKind::other;
-    QTest::newRow("device but not ethernet")
-        << QStringList{"type=65534", "device/"} << NetworkKind::other;
-    QTest::newRow("nothing readable") << QStringList{} << NetworkKind::other;
-}
-
-void OSCStreamTest::interfaceKindComesFromSysfs()
-{
-    QFETCH(QStringList, files);
-    QFETCH(NetworkKind, kind);
-    QTemporaryDir root;
-    QDir folder(root.path());
-    QVERIFY(folder.mkpath(QStringLiteral("if0")));
-    for (const QString& entry : files) {
-        if (entry.endsWith(QLatin1Char('/'))) {
-            QVERIFY(folder.mkpath(QStringLiteral("if0/") + entry));
-            continue;
-        }
-        QFile file(folder.filePath(QStringLiteral("if0/") + entry.section(QLatin1Char('='), 0, 0)));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(entry.section(QLatin1Char('='), 1).toLatin1() + "\n");
-    }
-    QCOMPARE(networkKindOfInterface(QStringLiteral("if0"), root.path()), kind);
 }
 
 QTEST_GUILESS_MAIN(OSCStreamTest)

@@ -1,4 +1,5 @@
 #include "overlay/OverlayRenderer.h"
+#include "support/Golden.h"
 
 #include "overlay/OverlayFont.h"
 #include "overlay/OverlayPicture.h"
@@ -363,7 +364,7 @@ private slots:
             busy ? busyShowOverlayContent(kNow) : sampleOverlayContent(kNow);
         const QImage picture = OverlayPicture::render(content, size, kNow);
         const QString path = QStringLiteral(ORVANE_TEST_DATA "/expected/") + name;
-        if (qEnvironmentVariableIntValue("ORVANE_REBASELINE") == 1) {
+        if (testing::isRebaselining()) {
             QVERIFY(picture.save(path, "PNG"));
             return;
         }

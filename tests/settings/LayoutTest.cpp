@@ -1,4 +1,5 @@
 #include "settings/LayoutPreset.h"
+#include "support/Golden.h"
 #include "settings/OverlayLayout.h"
 #include "settings/OverlayLook.h"
 
@@ -80,15 +81,9 @@ void LayoutTest::defaultLayoutHasItsExactText()
 {
     const QByteArray text =
         QJsonDocument(OverlayLayout::defaultLayout().toJson()).toJson(QJsonDocument::Indented);
-    const QString path = QStringLiteral(ORVANE_TEST_DATA "/expected/default-layout.json");
-    if (qEnvironmentVariableIsSet("ORVANE_REBASELINE")) {
-        QFile out(path);
-        QVERIFY(out.open(QIODevice::WriteOnly));
-        out.write(text);
-    }
-    QFile expected(path);
-    QVERIFY2(expected.open(QIODevice::ReadOnly), qPrintable(path));
-    QCOMPARE(QString::fromUtf8(text), QString::fromUtf8(expected.readAll()));
+    const auto golden = testing::compareWithGolden(
+        text, QStringLiteral(ORVANE_TEST_DATA "/expected/default-layout.json"));
+    QVERIFY2(golden.matches, qPrintable(golden.difference));
 }
 
 void LayoutTest::placementFallsBackToTheDefault()

@@ -1,4 +1,5 @@
 #include "show/DemoShow.h"
+#include "support/Golden.h"
 
 #include "base/ManualClock.h"
 #include "show/ShowData.h"
@@ -120,20 +121,9 @@ void DemoShowTest::playsOneWholeLoopOfTheScript()
     clock.advance(0.01);
     demo.stop();
 
-    const QString path = goldenPath("demo_loop.txt");
     const QString actual = trace.lines.join(u'\n') + u'\n';
-    if (qEnvironmentVariableIsSet("ORVANE_REBASELINE")) {
-        QFile out(path);
-        QVERIFY(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        out.write(actual.toUtf8());
-    }
-    QFile golden(path);
-    QVERIFY2(golden.open(QIODevice::ReadOnly), qPrintable(path));
-    const QStringList expected = QString::fromUtf8(golden.readAll()).split(u'\n');
-    const QStringList got = actual.split(u'\n');
-    for (qsizetype i = 0; i < std::min(expected.size(), got.size()); ++i)
-        QCOMPARE(got[i], expected[i]);
-    QCOMPARE(got.size(), expected.size());
+    const auto golden = testing::compareWithGolden(actual.toUtf8(), goldenPath("demo_loop.txt"));
+    QVERIFY2(golden.matches, qPrintable(golden.difference));
 
     // The moments the script promises, read from the trace itself.
     QVERIFY(!trace.lines[1].contains(u"previous"));

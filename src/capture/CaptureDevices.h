@@ -30,9 +30,16 @@ public:
     explicit CaptureDevices(QString deviceFolder = QStringLiteral("/dev"),
                             QObject* parent = nullptr);
 
+    // The cameras, those Orvane may not open included (named from sysfs), then the test
+    // pattern.
     const std::vector<CaptureSource>& cameras() const { return cameras_; }
     const std::vector<CaptureSource>& microphones() const { return microphones_; }
+    // Denied when no camera of this computer may be opened (their nodes answer EACCES: the
+    // user is not in the "video" group); the test pattern is never denied.
     Authorization cameraAuthorization() const { return cameraAuthorization_; }
+    // Whether Orvane may open this one camera: each device is judged by itself, so one node
+    // that answers EACCES leaves the others, and the test pattern, usable.
+    Authorization cameraAuthorization(const QString& id) const;
     Authorization microphoneAuthorization() const { return microphoneAuthorization_; }
 
     // Lists the devices again; lists are replaced, and their signals sent, only on change.
@@ -69,6 +76,7 @@ private:
 
     QString deviceFolder_;
     std::vector<CaptureSource> cameras_;
+    std::vector<QString> deniedCameras_; // identifiers
     std::vector<CaptureSource> microphones_;
     Authorization cameraAuthorization_ = Authorization::notDetermined;
     Authorization microphoneAuthorization_ = Authorization::notDetermined;

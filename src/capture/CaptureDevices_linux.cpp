@@ -412,6 +412,7 @@ public:
 
     Read read(AudioBuffer& into) override
     {
+        captureThread_.check();
         const int result = av_read_frame(input_, packet_);
         if (result == AVERROR(EAGAIN))
             return Read::nothing;
@@ -436,6 +437,7 @@ private:
     explicit PulseMicrophone(Clock& clock) : clock_(clock) {}
 
     Clock& clock_;
+    ThreadCheck captureThread_; // opened on the capture thread
     AVFormatContext* input_ = nullptr;
     AVPacket* packet_ = nullptr;
 };
@@ -532,11 +534,27 @@ std::optional<CaptureDevices::NodeModes> CaptureDevices::queryModes(const QStrin
     return modes;
 }
 
+// The name the driver gives the node at `path` and whether it is the main node of its device
+// (a UVC camera also has a metadata node), read from sysfs, which needs no access to the node.
+std::pair<QString, bool> sysfsName(const QString& path)
+{
+    const QString folder =
+        QStringLiteral("/sys/class/video4linux/") + QFileInfo(path).fileName() + QLatin1Char('/');
+    QFile name(folder + QStringLiteral("name"));
+    QFile index(folder + QStringLiteral("index"));
+    const QString text = name.open(QIODevice::ReadOnly)
+                             ? QString::fromUtf8(name.readAll()).trimmed()
+                             : QFileInfo(path).fileName();
+    const bool main = !index.open(QIODevice::ReadOnly) || index.readAll().trimmed() == "0";
+    return {text, main};
+}
+
 void CaptureDevices::refresh()
 {
     assertOnOwnThread(this);
     std::vector<CaptureSource> cameras;
-    bool denied = false;
+    std::vector<QString> deniedCameras;
+    int opened = 0;
     QStringList nodes = QDir(deviceFolder_).entryList({QStringLiteral("video*")}, QDir::System |
                                                                                       QDir::Files);
     nodes = nodes.filter(QRegularExpression(QStringLiteral("^video[0-9]+$")));
@@ -547,18 +565,29 @@ void CaptureDevices::refresh()
         const QString path = deviceFolder_ + QLatin1Char('/') + node;
         FileDescriptor fd(::open(QFile::encodeName(path).constData(), O_RDWR | O_NONBLOCK));
         if (fd.get() < 0) {
-            denied = denied || errno == EACCES;
+            if (errno != EACCES)
+                continue;
+            // Listed, so its feed says "no access" rather than "disconnected".
+            const auto [name, main] = sysfsName(path);
+            if (!main)
+                continue;
+            deniedCameras.push_back(stableID(path));
+            cameras.push_back({deniedCameras.back(), name});
             continue;
         }
         v4l2_capability capability{};
         if (ioctlRetrying(fd.get(), VIDIOC_QUERYCAP, &capability) < 0 ||
             !capturesVideo(capability.capabilities, capability.device_caps))
             continue;
+        ++opened;
         cameras.push_back({stableID(path), QString::fromUtf8(reinterpret_cast<const char*>(
                                                capability.card))});
     }
     cameras.push_back(TestPatternSource::source());
-    const auto cameraAuthorization = denied ? Authorization::denied : Authorization::authorized;
+    const auto cameraAuthorization = !deniedCameras.empty() && opened == 0
+                                         ? Authorization::denied
+                                         : Authorization::authorized;
+    deniedCameras_ = std::move(deniedCameras);
     auto microphones = listMicrophones();
 
     if (cameras != cameras_) {
@@ -577,6 +606,14 @@ void CaptureDevices::refresh()
         microphoneAuthorization_ = Authorization::authorized;
         Q_EMIT microphoneAuthorizationChanged();
     }
+}
+
+CaptureDevices::Authorization CaptureDevices::cameraAuthorization(const QString& id) const
+{
+    assertOnOwnThread(this);
+    return std::find(deniedCameras_.begin(), deniedCameras_.end(), id) != deniedCameras_.end()
+               ? Authorization::denied
+               : Authorization::authorized;
 }
 
 void CaptureDevices::requestCameraAccess()

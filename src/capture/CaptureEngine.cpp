@@ -172,11 +172,13 @@ void CaptureEngine::clearOverlay()
 
 void CaptureEngine::addSink(std::shared_ptr<FrameSink> sink)
 {
+    assertOnOwnThread(this);
     pipeline_->addSink(std::move(sink));
 }
 
 void CaptureEngine::removeSink(const FrameSink* sink)
 {
+    assertOnOwnThread(this);
     pipeline_->removeSink(sink);
 }
 

@@ -32,6 +32,7 @@ FramePool::FramePool(int width, int height, int count)
 
 std::shared_ptr<Frame> FramePool::acquire()
 {
+    captureThread_.check();
     std::uint8_t* buffer = nullptr;
     {
         std::lock_guard lock(slots_->mutex);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Checks.h"
 #include "capture/Frame.h"
 
 #include <memory>
@@ -28,6 +29,7 @@ public:
 
 private:
     struct Slots;
+    ThreadCheck captureThread_; // the thread that made it acquires
     int width_;
     int height_;
     std::shared_ptr<Slots> slots_;

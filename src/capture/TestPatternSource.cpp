@@ -51,6 +51,7 @@ TestPatternSource::TestPatternSource(Clock& clock, int width, int height, double
 
 VideoSource::Wait TestPatternSource::waitForFrame(Seconds limit)
 {
+    captureThread_.check();
     Instant now = clock_.now();
     if (now < nextDue_) {
         if (pacing_ == Pacing::stepped)
@@ -75,6 +76,7 @@ VideoSource::Wait TestPatternSource::waitForFrame(Seconds limit)
 
 std::optional<Instant> TestPatternSource::readFrame(Frame& frame)
 {
+    captureThread_.check();
     const Instant presentedAt = nextDue_;
     frame.number = nextNumber_;
     paint(frame, nextNumber_);
@@ -85,12 +87,14 @@ std::optional<Instant> TestPatternSource::readFrame(Frame& frame)
 
 void TestPatternSource::skipFrame()
 {
+    captureThread_.check();
     ++nextNumber_;
     nextDue_ += std::chrono::duration_cast<Instant::duration>(Seconds(frameDuration_));
 }
 
 int TestPatternSource::takeLostFrames()
 {
+    captureThread_.check();
     return std::exchange(lost_, 0);
 }
 

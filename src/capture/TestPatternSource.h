@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Checks.h"
 #include "capture/CaptureSource.h"
 #include "capture/VideoSource.h"
 
@@ -36,6 +37,7 @@ public:
 
 private:
     Clock& clock_;
+    ThreadCheck captureThread_; // the thread that made it
     int width_;
     int height_;
     double frameDuration_;

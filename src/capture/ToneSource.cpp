@@ -21,6 +21,7 @@ ToneSource::ToneSource(Clock& clock, double frequency, float amplitude)
 
 AudioSource::Read ToneSource::read(AudioBuffer& into)
 {
+    captureThread_.check();
     const auto due = std::int64_t(secondsBetween(start_, clock_.now()) * kRate);
     if (due - produced_ < kChunk)
         return Read::nothing;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Checks.h"
 #include "capture/AudioSource.h"
 
 #include <QString>
@@ -21,6 +22,7 @@ public:
 
 private:
     Clock& clock_;
+    ThreadCheck captureThread_; // the thread that made it
     double frequency_;
     float amplitude_;
     Instant start_;

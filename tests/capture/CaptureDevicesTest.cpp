@@ -13,7 +13,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <linux/capability.h>
 #include <linux/videodev2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -57,6 +60,7 @@ private Q_SLOTS:
     void theTestPatternIsListedAfterRealCameras();
     void nodesThatAreNotCamerasAreLeftOut();
     void anUnknownCameraCannotBeOpened();
+    void aDeniedNodeDeniesOnlyItself();
 };
 
 void CaptureDevicesTest::onlyNodesThatCaptureVideoCount_data()
@@ -286,6 +290,56 @@ void CaptureDevicesTest::anUnknownCameraCannotBeOpened()
                                         Clock::system()));
     QVERIFY(!CaptureDevices::openCamera(QStringLiteral("/dev/null"), Clock::system()));
     QVERIFY(!CaptureDevices::openMicrophone(QStringLiteral("no-such-source"), Clock::system()));
+}
+
+namespace {
+
+// Takes away root's right to open any file whatever its mode, while it lives.
+class WithoutFileAccessOverride {
+public:
+    WithoutFileAccessOverride()
+    {
+        header_.version = _LINUX_CAPABILITY_VERSION_3;
+        ::syscall(SYS_capget, &header_, saved_);
+        __user_cap_data_struct reduced[2] = {saved_[0], saved_[1]};
+        reduced[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+        ::syscall(SYS_capset, &header_, reduced);
+    }
+    ~WithoutFileAccessOverride() { ::syscall(SYS_capset, &header_, saved_); }
+
+private:
+    __user_cap_header_struct header_{};
+    __user_cap_data_struct saved_[2]{};
+};
+
+} // namespace
+
+void CaptureDevicesTest::aDeniedNodeDeniesOnlyItself()
+{
+    // Numbers no real node has, so sysfs knows nothing of them.
+    QTemporaryDir folder;
+    QFile denied(folder.filePath(QStringLiteral("video97")));
+    QVERIFY(denied.open(QIODevice::WriteOnly));
+    denied.close();
+    QVERIFY(denied.setPermissions({}));
+    QFile other(folder.filePath(QStringLiteral("video98")));
+    QVERIFY(other.open(QIODevice::WriteOnly));
+    other.close();
+    WithoutFileAccessOverride unprivileged;
+    {
+        QFile probe(denied.fileName());
+        if (probe.open(QIODevice::ReadOnly))
+            QSKIP("this process may open any file (running with privileges it cannot drop)");
+    }
+    CaptureDevices devices(folder.path());
+    const QString deniedID = denied.fileName();
+    QCOMPARE(devices.cameras(), (std::vector<CaptureSource>{{deniedID, QStringLiteral("video97")},
+                                                            TestPatternSource::source()}));
+    QCOMPARE(devices.cameraAuthorization(deniedID), CaptureDevices::Authorization::denied);
+    QCOMPARE(devices.cameraAuthorization(TestPatternSource::kID),
+             CaptureDevices::Authorization::authorized);
+    // No camera of this computer can be opened: the user must be given access.
+    QCOMPARE(devices.cameraAuthorization(), CaptureDevices::Authorization::denied);
 }
 
 QTEST_GUILESS_MAIN(CaptureDevicesTest)

@@ -357,7 +357,9 @@ void RecorderTest::stoppingIsQuickAndTheMovieIsFinishedAfter()
     // A fragment about every second: four or five, not one per picture.
     const auto fragments = boxesAtStop.count(QStringLiteral("moof"));
     QVERIFY2(fragments >= 4 && fragments <= 6, qPrintable(boxesAtStop.join(QLatin1Char(' '))));
-    QVERIFY2(syncs >= fragments - 1 && syncs <= fragments + 2,
+    // Frames come faster than real time here, so syncs asked for while one runs are folded
+    // into the next: at least one for a fragment and the last, never one per picture.
+    QVERIFY2(syncs >= 2 && syncs <= fragments + 1,
              qPrintable(QStringLiteral("%1 syncs").arg(syncs.load())));
 
     // After it, an ordinary movie with its chapters under the same name.

@@ -494,6 +494,7 @@ void QLabClientTest::leavesWhenTheSettingsChange()
     QCOMPARE(client.advice(), QString());
     QCOMPARE(client.workspaceName(), std::nullopt);
     QTRY_COMPARE_WITH_TIMEOUT(qlab_->connectionCount(), 0, kWaitMs);
+    QCOMPARE(qlab_->requestCount("/workspace/W2/disconnect"), 1);
 }
 
 void QLabClientTest::leavesWhenQLabClosesTheWorkspace()

@@ -30,14 +30,22 @@ template <class TimePoint> typename TimePoint::rep ticksBetween(TimePoint from, 
     return to > from ? std::numeric_limits<Rep>::max() : std::numeric_limits<Rep>::min();
 }
 
-} // namespace clockdetail
-
-// The seconds from `from` to `to`. Time points any distance apart give a finite answer.
 template <class TimePoint> double secondsBetween(TimePoint from, TimePoint to)
 {
     using Duration = typename TimePoint::duration;
-    return std::chrono::duration_cast<Seconds>(Duration(clockdetail::ticksBetween(from, to)))
-        .count();
+    return std::chrono::duration_cast<Seconds>(Duration(ticksBetween(from, to))).count();
+}
+
+} // namespace clockdetail
+
+// The seconds from `from` to `to`. Time points any distance apart give a finite answer.
+inline double secondsBetween(Instant from, Instant to)
+{
+    return clockdetail::secondsBetween(from, to);
+}
+inline double secondsBetween(WallTime from, WallTime to)
+{
+    return clockdetail::secondsBetween(from, to);
 }
 
 // `at` moved by `seconds`. The result saturates at the ends of the time point's range, so any

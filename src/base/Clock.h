@@ -3,7 +3,9 @@
 #include <QDateTime>
 
 #include <chrono>
+#include <cmath>
 #include <functional>
+#include <limits>
 #include <memory>
 
 namespace orvane {
@@ -15,18 +17,57 @@ using Instant = std::chrono::steady_clock::time_point;
 // A wall-clock instant: dates shown to people and time stamps sampled from the show.
 using WallTime = std::chrono::system_clock::time_point;
 
+namespace clockdetail {
+
+// to - from in the time points' own ticks, saturated instead of overflowing.
+template <class TimePoint> typename TimePoint::rep ticksBetween(TimePoint from, TimePoint to)
+{
+    using Rep = typename TimePoint::rep;
+    Rep ticks = 0;
+    if (!__builtin_sub_overflow(to.time_since_epoch().count(), from.time_since_epoch().count(),
+                                &ticks))
+        return ticks;
+    return to > from ? std::numeric_limits<Rep>::max() : std::numeric_limits<Rep>::min();
+}
+
+template <class TimePoint> double secondsBetween(TimePoint from, TimePoint to)
+{
+    using Duration = typename TimePoint::duration;
+    return std::chrono::duration_cast<Seconds>(Duration(ticksBetween(from, to))).count();
+}
+
+} // namespace clockdetail
+
+// The seconds from `from` to `to`. Time points any distance apart give a finite answer.
 inline double secondsBetween(Instant from, Instant to)
 {
-    return std::chrono::duration_cast<Seconds>(to - from).count();
+    return clockdetail::secondsBetween(from, to);
 }
 inline double secondsBetween(WallTime from, WallTime to)
 {
-    return std::chrono::duration_cast<Seconds>(to - from).count();
+    return clockdetail::secondsBetween(from, to);
 }
-template <class TimePoint>
-TimePoint addSeconds(TimePoint at, double seconds)
+
+// `at` moved by `seconds`. The result saturates at the ends of the time point's range, so any
+// number (a cue time from the network, a fade of 1e300 s, infinity) is safe; NaN moves nothing.
+template <class TimePoint> TimePoint addSeconds(TimePoint at, double seconds)
 {
-    return at + std::chrono::duration_cast<typename TimePoint::duration>(Seconds(seconds));
+    using Rep = typename TimePoint::rep;
+    using Period = typename TimePoint::period;
+    static_assert(std::numeric_limits<Rep>::is_integer);
+    if (std::isnan(seconds))
+        return at;
+    const double ticks = seconds * double(Period::den) / double(Period::num);
+    // Both limits are powers of two, so the comparisons are exact.
+    constexpr double kLimit = -double(std::numeric_limits<Rep>::min());
+    if (ticks >= kLimit)
+        return TimePoint::max();
+    if (ticks <= -kLimit)
+        return TimePoint::min();
+    Rep moved = 0;
+    if (__builtin_add_overflow(at.time_since_epoch().count(), static_cast<Rep>(ticks), &moved))
+        return ticks > 0 ? TimePoint::max() : TimePoint::min();
+    return TimePoint(typename TimePoint::duration(moved));
 }
 
 // A wall-clock instant as a QDateTime (UTC), to the millisecond.
@@ -64,7 +105,10 @@ public:
 // Lives on the thread that uses it.
 class Timer {
 public:
-    explicit Timer(Clock& clock) : clock_(&clock) {}
+    explicit Timer(Clock& clock)
+        : clock_(&clock)
+    {
+    }
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 

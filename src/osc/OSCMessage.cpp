@@ -149,6 +149,19 @@ public:
         return at;
     }
 
+    // Moves past a blob whose bytes are all there.
+    bool skipBlob()
+    {
+        const unsigned char* header = take(4);
+        if (header == nullptr)
+            return false;
+        const std::size_t length = readBigEndian32(header);
+        if (cursor_ > size_ || size_ - cursor_ < length)
+            return false;
+        cursor_ += (length + 3) & ~std::size_t(3);
+        return true;
+    }
+
     std::optional<QByteArray> readBlob()
     {
         const unsigned char* header = take(4);
@@ -169,34 +182,47 @@ private:
     std::size_t cursor_ = 0;
 };
 
-bool readArgument(Reader& reader, char tag, std::vector<OSCArgument>& into)
+// Reads the argument a tag stands for at the cursor. Without `into` it only checks that the
+// argument is there and moves past it, allocating nothing.
+bool readArgument(Reader& reader, char tag, std::vector<OSCArgument>* into)
 {
     switch (tag) {
     case 'i':
         if (const auto* at = reader.take(4)) {
-            into.emplace_back(static_cast<std::int32_t>(readBigEndian32(at)));
+            if (into)
+                into->emplace_back(static_cast<std::int32_t>(readBigEndian32(at)));
             return true;
         }
         return false;
     case 'f':
         if (const auto* at = reader.take(4)) {
-            float value;
-            const std::uint32_t bits = readBigEndian32(at);
-            std::memcpy(&value, &bits, sizeof value);
-            into.emplace_back(value);
+            if (into) {
+                float value;
+                const std::uint32_t bits = readBigEndian32(at);
+                std::memcpy(&value, &bits, sizeof value);
+                into->emplace_back(value);
+            }
             return true;
         }
         return false;
     case 's':
-    case 'S':
+    case 'S': {
+        if (!into) {
+            const unsigned char* text = nullptr;
+            std::size_t length = 0;
+            return reader.readRawString(text, length);
+        }
         if (auto text = reader.readString()) {
-            into.emplace_back(std::move(*text));
+            into->emplace_back(std::move(*text));
             return true;
         }
         return false;
+    }
     case 'b':
+        if (!into)
+            return reader.skipBlob();
         if (auto blob = reader.readBlob()) {
-            into.emplace_back(std::move(*blob));
+            into->emplace_back(std::move(*blob));
             return true;
         }
         return false;
@@ -204,28 +230,34 @@ bool readArgument(Reader& reader, char tag, std::vector<OSCArgument>& into)
     case 't':
         // A 64-bit integer or a time tag keeps only its low half.
         if (const auto* at = reader.take(8)) {
-            into.emplace_back(static_cast<std::int32_t>(readBigEndian64(at) & 0xFFFFFFFFu));
+            if (into)
+                into->emplace_back(static_cast<std::int32_t>(readBigEndian64(at) & 0xFFFFFFFFu));
             return true;
         }
         return false;
     case 'd':
         if (const auto* at = reader.take(8)) {
-            double value;
-            const std::uint64_t bits = readBigEndian64(at);
-            std::memcpy(&value, &bits, sizeof value);
-            into.emplace_back(static_cast<float>(value));
+            if (into) {
+                double value;
+                const std::uint64_t bits = readBigEndian64(at);
+                std::memcpy(&value, &bits, sizeof value);
+                into->emplace_back(static_cast<float>(value));
+            }
             return true;
         }
         return false;
     case 'T':
-        into.emplace_back(true);
+        if (into)
+            into->emplace_back(true);
         return true;
     case 'F':
-        into.emplace_back(false);
+        if (into)
+            into->emplace_back(false);
         return true;
     case 'N':
     case 'I':
-        into.emplace_back(OSCNull{});
+        if (into)
+            into->emplace_back(OSCNull{});
         return true;
     default:
         return false;
@@ -348,9 +380,16 @@ std::optional<OSCMessage> decodeOSCMessage(QByteArrayView bytes)
     std::size_t tagCount = 0;
     if (!reader.readRawString(tags, tagCount) || tagCount == 0 || tags[0] != ',')
         return std::nullopt;
+    // Every argument is checked before any is stored: a tag string of a million 'i's with no
+    // payload behind it is turned away without reserving room for a million arguments.
+    Reader check = reader;
+    for (std::size_t i = 1; i < tagCount; ++i) {
+        if (!readArgument(check, static_cast<char>(tags[i]), nullptr))
+            return std::nullopt;
+    }
     message.arguments.reserve(tagCount - 1);
     for (std::size_t i = 1; i < tagCount; ++i) {
-        if (!readArgument(reader, static_cast<char>(tags[i]), message.arguments))
+        if (!readArgument(reader, static_cast<char>(tags[i]), &message.arguments))
             return std::nullopt;
     }
     return message;

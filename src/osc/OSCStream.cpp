@@ -177,9 +177,9 @@ void OSCStream::tearDown()
     connectTimer_.stop();
     if (!connection_)
         return;
-    // The connection may be the caller further up the stack: close it now, free it later.
-    connection_->close();
-    connection_->deleteLater();
+    // The connection may be the caller further up the stack: it closes and frees itself
+    // later, after the peer has read what was written ("/disconnect", a last message).
+    connection_->closeGracefully();
     connection_ = nullptr;
 }
 

@@ -39,8 +39,16 @@ public:
     // Writes all of `bytes`, queueing what the socket does not take at once. False when the
     // connection is not established.
     bool write(QByteArrayView bytes);
-    // Stops everything and closes the socket; no handler is called afterwards.
+    // Stops everything and closes the socket at once; no handler is called afterwards.
     void close();
+    // Hands the connection over to be closed gently, so the peer reads every byte written: what
+    // is queued is sent, our side is shut down, and what the peer still sends is read and
+    // dropped until it closes too (at most kLingerTimeout). A socket closed with unread input
+    // would send a reset instead and could lose the last message. No handler is called
+    // afterwards; the object deletes itself when done.
+    void closeGracefully();
+
+    static constexpr int kLingerTimeoutMs = 2000;
 
 private:
     void hostFound(const QHostInfo& info);
@@ -48,6 +56,8 @@ private:
     void connectFinished();
     void readAvailable();
     void flush();
+    void drain();
+    void finishGracefulClose();
     void closeSocket();
     void reportFailure(const OSCStream::Failure& failure);
 
@@ -60,6 +70,8 @@ private:
     int fd_ = -1;
     bool isConnected_ = false;
     bool isClosed_ = false;
+    bool isLingering_ = false;
+    bool isWriteShutDown_ = false;
     QSocketNotifier* readNotifier_ = nullptr;
     QSocketNotifier* writeNotifier_ = nullptr;
     QByteArray pending_;
@@ -73,5 +85,11 @@ OSCStream::Failure failureForSystemError(int errorNumber);
 // to: the one the route takes when it is of that kind, else the first of that kind that is
 // up. Empty when there is none.
 std::optional<QString> interfaceForConnection(const QHostAddress& address, NetworkKind kind);
+
+// Binds socket `fd` to the device `name` as SO_BINDTODEVICE does: 0, or -1 with errno set.
+using BindToDevice = int (*)(int fd, const QByteArray& name);
+// Puts `bind` in place of the system call (nullptr: the system call again), so a test can
+// refuse it as a kernel does for a process without the capability.
+void setBindToDeviceForTesting(BindToDevice bind);
 
 } // namespace orvane

@@ -6,6 +6,7 @@
 #include <QHostInfo>
 #include <QLoggingCategory>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -106,6 +107,49 @@ std::optional<QString> interfaceWithAddress(const QHostAddress& address)
     return name;
 }
 
+// The first address of `family` on the interface `name`.
+std::optional<QHostAddress> addressOfInterface(const QString& name, int family)
+{
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0)
+        return std::nullopt;
+    std::optional<QHostAddress> address;
+    const QByteArray wanted = name.toLocal8Bit();
+    for (ifaddrs* entry = list; entry && !address; entry = entry->ifa_next) {
+        if (entry->ifa_addr && entry->ifa_addr->sa_family == family && wanted == entry->ifa_name)
+            address = QHostAddress(entry->ifa_addr);
+    }
+    ::freeifaddrs(list);
+    return address;
+}
+
+int systemBindToDevice(int fd, const QByteArray& name)
+{
+    return ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.constData(), socklen_t(name.size()));
+}
+
+BindToDevice bindToDevice = systemBindToDevice;
+
+// Keeps the connection on the interface `name`: bound to the device, or, where the kernel
+// refuses that (no CAP_NET_RAW), bound to the interface's own address, which makes the route
+// leave through it. 0, or the error number.
+int bindToInterface(int fd, const QString& name, int family)
+{
+    if (bindToDevice(fd, name.toLocal8Bit()) == 0)
+        return 0;
+    const int refused = errno;
+    const auto address = addressOfInterface(name, family);
+    if (!address)
+        return refused;
+    sockaddr_storage local;
+    const socklen_t length = toSocketAddress(*address, 0, local);
+    if (length == 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&local), length) != 0)
+        return length == 0 ? refused : errno;
+    qCDebug(lcTcp) << "osc: bound to the address of" << name << "as binding to the device was"
+                   << "refused:" << systemText(refused);
+    return 0;
+}
+
 bool isUp(const QString& name)
 {
     QFile flags(QStringLiteral("/sys/class/net/%1/flags").arg(name));
@@ -136,6 +180,11 @@ OSCStream::Failure failureForSystemError(int errorNumber)
         return {Kind::closedByPeer, {}};
     }
     return {Kind::other, systemText(errorNumber)};
+}
+
+void setBindToDeviceForTesting(BindToDevice bind)
+{
+    bindToDevice = bind ? bind : systemBindToDevice;
 }
 
 std::optional<QString> interfaceForConnection(const QHostAddress& address, NetworkKind kind)
@@ -235,10 +284,8 @@ void TcpConnection::connectToNextAddress()
     if (!optionsSet)
         qCWarning(lcTcp) << "osc: TCP options not set:" << systemText(errno);
     if (device) {
-        const QByteArray name = device->toLocal8Bit();
-        if (::setsockopt(fd_, SOL_SOCKET, SO_BINDTODEVICE, name.constData(),
-                         socklen_t(name.size())) != 0) {
-            lastError_ = errno;
+        if (const int error = bindToInterface(fd_, *device, to.ss_family); error != 0) {
+            lastError_ = error;
             connectToNextAddress();
             return;
         }
@@ -286,6 +333,10 @@ void TcpConnection::connectFinished()
 
 void TcpConnection::readAvailable()
 {
+    if (isLingering_) {
+        drain();
+        return;
+    }
     // One read per wake-up: a flooding peer cannot starve the event loop.
     static thread_local QByteArray buffer(kReadBytes, Qt::Uninitialized);
     const ssize_t count = ::recv(fd_, buffer.data(), kReadBytes, 0);
@@ -329,11 +380,51 @@ void TcpConnection::flush()
         pending_.remove(0, qsizetype(count));
     }
     writeNotifier_->setEnabled(!pending_.isEmpty());
+    if (isLingering_ && pending_.isEmpty() && !isWriteShutDown_) {
+        // Everything is with the kernel: it sends it, then our FIN.
+        isWriteShutDown_ = true;
+        ::shutdown(fd_, SHUT_WR);
+    }
+}
+
+void TcpConnection::closeGracefully()
+{
+    if (!isConnected_ || isClosed_) {
+        close();
+        deleteLater();
+        return;
+    }
+    isClosed_ = true;
+    isLingering_ = true;
+    QTimer::singleShot(kLingerTimeoutMs, this, &TcpConnection::finishGracefulClose);
+    flush();
+}
+
+// Reads and drops what the peer still sends, until it closes its side.
+void TcpConnection::drain()
+{
+    static thread_local QByteArray buffer(kReadBytes, Qt::Uninitialized);
+    const ssize_t count = ::recv(fd_, buffer.data(), kReadBytes, 0);
+    if (count > 0)
+        return;
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return;
+    finishGracefulClose();
+}
+
+void TcpConnection::finishGracefulClose()
+{
+    if (!isLingering_)
+        return;
+    isLingering_ = false;
+    closeSocket();
+    deleteLater();
 }
 
 void TcpConnection::close()
 {
     isClosed_ = true;
+    isLingering_ = false;
     if (lookupId_ >= 0) {
         QHostInfo::abortHostLookup(lookupId_);
         lookupId_ = -1;

@@ -35,6 +35,18 @@ QByteArray slipFrame(const QByteArray& packet)
     return framed;
 }
 
+// A cue dictionary cut down to the keys QLab puts in a shallow cue list.
+QJsonObject shallowKeys(const QJsonObject& cue)
+{
+    QJsonObject kept;
+    for (const char* key :
+         {"uniqueID", "number", "name", "listName", "type", "colorName", "flagged", "armed"}) {
+        if (cue.contains(QLatin1String(key)))
+            kept.insert(QLatin1String(key), cue.value(QLatin1String(key)));
+    }
+    return kept;
+}
+
 QString textOf(const OSCArgument& argument)
 {
     if (const auto* text = std::get_if<std::string>(&argument))
@@ -92,6 +104,13 @@ void PretendQLab::quit()
 void PretendQLab::releaseCueValues()
 {
     holdsCueValues_ = false;
+    for (const auto& send : std::exchange(heldReplies_, {}))
+        send();
+}
+
+void PretendQLab::releaseConnectAnswers()
+{
+    holdsConnectAnswers_ = false;
     for (const auto& send : std::exchange(heldReplies_, {}))
         send();
 }
@@ -302,8 +321,11 @@ void PretendQLab::handleWorkspace(Connection& connection, const OSCMessage& mess
     if (method == u"runningOrPausedCues" || method == u"runningOrPausedCues/shallow") {
         QJsonArray list;
         for (const QString& cueID : workspace->runningOrder) {
-            if (const Cue* cue = findCue(*workspace, cueID))
-                list.append(describe(*workspace, *cue));
+            if (const Cue* cue = findCue(*workspace, cueID)) {
+                const QJsonObject entry = describe(*workspace, *cue);
+                const bool shallow = shallowKeysOnly_ && method.endsWith(u"/shallow");
+                list.append(shallow ? shallowKeys(entry) : entry);
+            }
         }
         reply(connection, address, QStringLiteral("ok"), list, id);
         return;
@@ -337,6 +359,15 @@ void PretendQLab::handleWorkspace(Connection& connection, const OSCMessage& mess
 void PretendQLab::reply(Connection& connection, const QString& address, const QString& status,
                         const QJsonValue& data, const std::optional<QString>& workspaceID)
 {
+    if (holdsConnectAnswers_ && address.endsWith(u"/connect")) {
+        heldReplies_.push_back([=, this, socket = connection.socket] {
+            for (auto& c : connections_) {
+                if (c->socket == socket)
+                    reply(*c, address, status, data, workspaceID);
+            }
+        });
+        return;
+    }
     QJsonObject envelope;
     if (workspaceID)
         envelope.insert(QStringLiteral("workspace_id"), *workspaceID);

@@ -67,11 +67,17 @@ public:
     // Whether QLab writes numbers and Booleans as JSON strings in its replies (QLab does so for
     // some keys); off by default.
     void setWritesNumbersAsText(bool asText) { numbersAsText_ = asText; }
+    // Whether "runningOrPausedCues/shallow" holds only the keys of QLab's own shallow cue
+    // dictionaries (no parent, pause state, elapsed time or duration); off by default.
+    void setListsShallowKeysOnly(bool only) { shallowKeysOnly_ = only; }
 
     // Holds back the answers to "valuesForKeys" until releaseCueValues(), as a busy QLab
     // would, so a test can see what a client does while it waits.
     void setHoldsCueValues(bool holds) { holdsCueValues_ = holds; }
     void releaseCueValues();
+    // Holds back the answers to "/workspace/ID/connect" the same way.
+    void setHoldsConnectAnswers(bool holds) { holdsConnectAnswers_ = holds; }
+    void releaseConnectAnswers();
 
     // Every request address received, in order, and how many times one was received.
     const QStringList& requests() const { return requests_; }
@@ -122,6 +128,8 @@ private:
     QStringList requests_;
     std::map<QString, std::vector<OSCArgument>> lastArguments_;
     bool numbersAsText_ = false;
+    bool shallowKeysOnly_ = false;
+    bool holdsConnectAnswers_ = false;
     bool holdsCueValues_ = false;
     std::vector<std::function<void()>> heldReplies_;
 };

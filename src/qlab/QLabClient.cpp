@@ -7,6 +7,8 @@
 #include <QJsonObject>
 #include <QLoggingCategory>
 
+#include <algorithm>
+
 namespace orvane {
 
 Q_LOGGING_CATEGORY(lcQLab, "orvane.qlab")
@@ -29,7 +31,7 @@ const QStringList& parentKeys()
 
 const QStringList& timecodeKeys()
 {
-    static const QStringList keys{"uniqueID",  "type",      "displayName", "actionElapsed",
+    static const QStringList keys{"uniqueID", "type",      "displayName", "actionElapsed",
                                   "isPaused", "startTime", "framerate",   "outputType"};
     return keys;
 }
@@ -58,7 +60,11 @@ std::optional<QString> cueOfValuesReply(const QString& address)
 } // namespace
 
 QLabClient::QLabClient(Clock& clock, QObject* parent)
-    : QObject(parent), clock_(clock), stream_(clock, this), pollTask_(clock), refreshTask_(clock)
+    : QObject(parent)
+    , clock_(clock)
+    , stream_(clock, this)
+    , pollTask_(clock)
+    , refreshTask_(clock)
 {
     // The keep-alive message changes from tick to tick, so the stream calls back for it.
     stream_.setKeepAlive(std::nullopt, [this] { keepAliveTick(); });
@@ -79,8 +85,10 @@ void QLabClient::apply(const Settings& settings)
     const bool enabledChanges = settings.isEnabled != settings_.isEnabled;
     settings_ = settings;
     leaveWorkspace();
-    const QString host = settings.host.trimmed();
-    if (!settings.isEnabled || host.isEmpty()) {
+    // A blank host is QLab on this computer, as in the settings window.
+    const QString trimmed = settings.host.trimmed();
+    const QString host = trimmed.isEmpty() ? Settings().host : trimmed;
+    if (!settings.isEnabled) {
         stream_.disconnect();
         if (!workspaces_.empty()) {
             workspaces_.clear();
@@ -280,6 +288,14 @@ void QLabClient::handleWorkspaces(const QLabReply& reply)
     }
     if (state_ == State::connected || state_ == State::passcodeRequired)
         return;
+    // A keep-alive's list that overtakes the answer to our "/connect" asks nothing again.
+    const bool stillOpen = joining_ && std::any_of(workspaces_.begin(), workspaces_.end(),
+                                                   [&](const QLabWorkspace& workspace) {
+                                                       return workspace.id == *joining_;
+                                                   });
+    if (stillOpen)
+        return;
+    joining_.reset();
     if (workspaces_.empty()) {
         workspaceID_.reset();
         setWorkspaceName(std::nullopt);
@@ -289,11 +305,11 @@ void QLabClient::handleWorkspaces(const QLabReply& reply)
     const QString preferred = settings_.preferredWorkspace.trimmed();
     auto chosen = workspaces_.begin();
     if (!preferred.isEmpty()) {
-        const auto match = std::find_if(workspaces_.begin(), workspaces_.end(),
-                                        [&](const QLabWorkspace& workspace) {
-                                            return workspace.id == preferred ||
-                                                   workspace.name.contains(preferred, Qt::CaseInsensitive);
-                                        });
+        const auto match = std::find_if(
+            workspaces_.begin(), workspaces_.end(), [&](const QLabWorkspace& workspace) {
+                return workspace.id == preferred ||
+                       workspace.name.contains(preferred, Qt::CaseInsensitive);
+            });
         if (match != workspaces_.end())
             chosen = match;
     }
@@ -302,11 +318,14 @@ void QLabClient::handleWorkspaces(const QLabReply& reply)
     std::vector<OSCArgument> arguments;
     if (!settings_.passcode.isEmpty())
         arguments.emplace_back(settings_.passcode.toStdString());
+    if (isReady())
+        joining_ = workspaceID_;
     send(workspacePath(QStringLiteral("/connect")), std::move(arguments));
 }
 
 void QLabClient::handleConnectReply(const QLabReply& reply)
 {
+    joining_.reset();
     if (state_ == State::connected)
         return;
     const QString answer = reply.data.isString() ? reply.data.toString() : QString();
@@ -361,7 +380,8 @@ void QLabClient::requestRunningCues()
 
 void QLabClient::requestValues(const QString& cueID, const QStringList& keys)
 {
-    const QByteArray json = QJsonDocument(QJsonArray::fromStringList(keys)).toJson(QJsonDocument::Compact);
+    const QByteArray json =
+        QJsonDocument(QJsonArray::fromStringList(keys)).toJson(QJsonDocument::Compact);
     send(workspacePath(QStringLiteral("/cue_id/") + cueID + QStringLiteral("/valuesForKeys")),
          {json.toStdString()});
 }
@@ -377,6 +397,7 @@ void QLabClient::handleRunningCues(const QLabReply& reply)
         const auto first = firstSeen_.find(cue.id);
         cue.startedAt = first == firstSeen_.end() ? now : first->second;
         seen.emplace(cue.id, *cue.startedAt);
+        keepExactElapsed(cue);
         if (cue.isTimecode()) {
             const TimecodeDetails& details = timecodeDetails_[cue.id];
             if (!cue.timecodeStart)
@@ -405,6 +426,22 @@ void QLabClient::handleRunningCues(const QLabReply& reply)
         requestValues(timecode->id, timecodeKeys());
     }
     publishCues();
+}
+
+// QLab's shallow list has no elapsed times: a cue that its own values timed keeps that exact
+// time until they time it again. Timing it from when the list first showed it would set a
+// running timecode back by the delay before it was seen, at every refresh of the list.
+void QLabClient::keepExactElapsed(QLabCue& cue) const
+{
+    if (cue.actionElapsed || !firstSeen_.count(cue.id))
+        return;
+    const auto before = std::find_if(rawCues_.begin(), rawCues_.end(),
+                                     [&](const QLabCue& old) { return old.id == cue.id; });
+    if (before == rawCues_.end() || !before->actionElapsed)
+        return;
+    cue.actionElapsed = before->actionElapsed;
+    cue.sampledAt = before->sampledAt;
+    cue.isPaused = before->isPaused;
 }
 
 void QLabClient::handleCueValues(const QString& cueID, const QLabReply& reply)
@@ -455,7 +492,8 @@ void QLabClient::publishCues()
             continue;
         const auto known = knownCues_.find(*cue.parentID);
         if (known != knownCues_.end())
-            cue.parentName = known->second.name.isEmpty() ? known->second.number : known->second.name;
+            cue.parentName =
+                known->second.name.isEmpty() ? known->second.number : known->second.name;
     }
     if (cues != runningCues_) {
         runningCues_ = std::move(cues);
@@ -488,6 +526,7 @@ void QLabClient::leaveWorkspace()
 void QLabClient::forgetWorkspace()
 {
     workspaceID_.reset();
+    joining_.reset();
     setWorkspaceName(std::nullopt);
     rawCues_.clear();
     firstSeen_.clear();

@@ -51,7 +51,8 @@ public:
     explicit QLabClient(Clock& clock = Clock::system(), QObject* parent = nullptr);
     ~QLabClient() override;
 
-    // Stores the settings; when enabled with a host, (re)joins from "/workspaces".
+    // Stores the settings; when enabled, (re)joins from "/workspaces" at the host, or at this
+    // computer when the host is blank.
     void apply(const Settings& settings);
     const Settings& settings() const { return settings_; }
 
@@ -74,7 +75,10 @@ public:
     std::optional<ShowTime> showTime(WallTime now) const;
 
     // Called after runningCues() changed (the application logs cue starts from it).
-    void setOnRunningCuesChanged(std::function<void()> call) { onRunningCuesChanged_ = std::move(call); }
+    void setOnRunningCuesChanged(std::function<void()> call)
+    {
+        onRunningCuesChanged_ = std::move(call);
+    }
 
     // The delay between an update or event from QLab and the refresh of the running list.
     static constexpr Seconds kRefreshDelay{0.1};
@@ -96,6 +100,7 @@ private:
     void handleConnectReply(const QLabReply& reply);
     void handleRunningCues(const QLabReply& reply);
     void handleCueValues(const QString& cueID, const QLabReply& reply);
+    void keepExactElapsed(QLabCue& cue) const;
     void keepAliveTick();
     void pollTick();
     void subscribe();
@@ -134,6 +139,8 @@ private:
     std::function<void()> onRunningCuesChanged_;
 
     std::optional<QString> workspaceID_;
+    // The workspace whose "/connect" awaits its answer.
+    std::optional<QString> joining_;
     int keepAliveCount_ = 0;
     int pollCount_ = 0;
     std::map<QString, WallTime> firstSeen_;

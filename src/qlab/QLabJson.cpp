@@ -8,13 +8,19 @@ namespace orvane::qlabjson {
 
 std::optional<double> number(const QJsonValue& value)
 {
-    if (value.isDouble())
-        return value.toDouble();
-    if (!value.isString())
+    double parsed = 0;
+    if (value.isDouble()) {
+        parsed = value.toDouble();
+    } else if (value.isString()) {
+        // The text conversion also takes "nan" and "inf", which no cue time can be.
+        bool ok = false;
+        parsed = value.toString().trimmed().toDouble(&ok);
+        if (!ok)
+            return std::nullopt;
+    } else {
         return std::nullopt;
-    bool ok = false;
-    const double parsed = value.toString().trimmed().toDouble(&ok);
-    if (!ok)
+    }
+    if (!std::isfinite(parsed))
         return std::nullopt;
     return parsed;
 }

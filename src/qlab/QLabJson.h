@@ -11,7 +11,7 @@
 // Used only inside the qlab library. Any thread.
 namespace orvane::qlabjson {
 
-// A JSON number, or a string that parses as a decimal number.
+// A finite JSON number, or a string that parses as a finite decimal number.
 std::optional<double> number(const QJsonValue& value);
 // A number truncated toward zero; absent when not finite or outside the 64-bit range.
 std::optional<std::int64_t> wholeNumber(const QJsonValue& value);

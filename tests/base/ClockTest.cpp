@@ -4,6 +4,9 @@
 #include <QElapsedTimer>
 #include <QTest>
 
+#include <cmath>
+#include <limits>
+
 using namespace orvane;
 
 class ClockTest : public QObject {
@@ -14,6 +17,8 @@ private Q_SLOTS:
     void repeatingTimerMayStopItselfAndCallsMayReschedule();
     void destroyingTheClockFirstLeavesHandlesHarmless();
     void systemClockTimerFiresOnTheEventLoop();
+    void timeArithmeticSaturates_data();
+    void timeArithmeticSaturates();
 };
 
 void ClockTest::manualClockRunsCallsInDeadlineOrderAtTheirDeadline()
@@ -114,6 +119,48 @@ void ClockTest::systemClockTimerFiresOnTheEventLoop()
     QTRY_VERIFY_WITH_TIMEOUT(fired, 2000);
     QVERIFY(elapsed.elapsed() >= 19);
     QVERIFY(timer.isActive());
+}
+
+// Cue times come from the network: a fade of "99999999999" seconds must not overflow.
+void ClockTest::timeArithmeticSaturates_data()
+{
+    QTest::addColumn<double>("seconds");
+    QTest::addColumn<int>("end"); // -1: the earliest time point, 1: the latest, 0: neither
+
+    const double inf = std::numeric_limits<double>::infinity();
+    QTest::newRow("a second and a half") << 1.5 << 0;
+    QTest::newRow("ten minutes back") << -600.0 << 0;
+    QTest::newRow("a cue time of 99999999999") << 99999999999.0 << 1;
+    QTest::newRow("99999999999 back") << -99999999999.0 << -1;
+    QTest::newRow("just past the range") << 9.3e9 << 1;
+    QTest::newRow("1e300") << 1e300 << 1;
+    QTest::newRow("infinity") << inf << 1;
+    QTest::newRow("minus infinity") << -inf << -1;
+    QTest::newRow("NaN moves nothing") << std::nan("") << 0;
+}
+
+void ClockTest::timeArithmeticSaturates()
+{
+    QFETCH(double, seconds);
+    QFETCH(int, end);
+    ManualClock clock;
+    for (const WallTime at : {clock.wallNow(), WallTime::max(), WallTime::min()}) {
+        const WallTime moved = addSeconds(at, seconds);
+        if (end > 0)
+            QCOMPARE(moved, WallTime::max());
+        if (end < 0)
+            QCOMPARE(moved, WallTime::min());
+        const double back = secondsBetween(at, moved);
+        QVERIFY(std::isfinite(back));
+        if (end == 0 && at == clock.wallNow())
+            QCOMPARE(back, std::isnan(seconds) ? 0.0 : seconds);
+    }
+    const Instant now = clock.now();
+    QCOMPARE(end, addSeconds(now, seconds) == Instant::max()   ? 1
+                  : addSeconds(now, seconds) == Instant::min() ? -1
+                                                               : 0);
+    QVERIFY(secondsBetween(Instant::min(), Instant::max()) > 9e9);
+    QVERIFY(secondsBetween(Instant::max(), Instant::min()) < -9e9);
 }
 
 QTEST_GUILESS_MAIN(ClockTest)

@@ -8,11 +8,53 @@
 #include <QProcess>
 #include <QUdpSocket>
 
+#include <atomic>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
+#include <new>
 
 using namespace orvane;
 using namespace orvane::wire;
+
+namespace {
+
+// The largest single request to operator new since the last reset: the decoder must never ask
+// for more than the packet could hold.
+std::atomic<std::size_t> largestAllocation{0};
+
+void* allocateCounted(std::size_t size) noexcept
+{
+    std::size_t seen = largestAllocation.load(std::memory_order_relaxed);
+    while (size > seen && !largestAllocation.compare_exchange_weak(seen, size)) {
+    }
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    if (void* memory = allocateCounted(size))
+        return memory;
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return allocateCounted(size);
+}
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept
+{
+    std::free(memory);
+}
 
 namespace {
 
@@ -78,6 +120,8 @@ class OSCMessageTest : public QObject {
 private Q_SLOTS:
     void decodesOneMessage_data();
     void decodesOneMessage();
+    void rejectsWithoutAllocatingMoreThanIsThere_data();
+    void rejectsWithoutAllocatingMoreThanIsThere();
     void decodesPackets_data();
     void decodesPackets();
     void encodes_data();
@@ -178,6 +222,37 @@ void OSCMessageTest::decodesOneMessage()
         QCOMPARE(*decoded, expected.front());
     // A lone message decodes the same way as a packet.
     QCOMPARE(decodeOSCPacket(bytes), expected);
+}
+
+// A 4 MiB frame is allowed on a stream; what it claims to hold must not be allocated before
+// the claim is checked.
+void OSCMessageTest::rejectsWithoutAllocatingMoreThanIsThere_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    constexpr qsizetype kFrame = 4 * 1024 * 1024;
+    const QByteArray a = str("/a");
+    const auto tags = [&](char tag, const QByteArray& last = {}) {
+        return a + str("," + QByteArray(kFrame - 16, tag) + last);
+    };
+    QTest::newRow("4 MiB of ints without payload") << tags('i');
+    QTest::newRow("4 MiB of strings without payload") << tags('s');
+    QTest::newRow("4 MiB of doubles without payload") << tags('d');
+    QTest::newRow("4 MiB of trues and an unknown tag") << tags('T', "x");
+    QTest::newRow("ints one word short") << a + str(",iiii") + be32(1) + be32(2) + be32(3);
+    QTest::newRow("a blob that claims 1 GiB") << a + str(",b") + be32(1u << 30) + be32(0);
+    QTest::newRow("trues, then a string without its zero")
+        << a + str("," + QByteArray(4096, 'T') + "s") + QByteArray("open", 4);
+}
+
+void OSCMessageTest::rejectsWithoutAllocatingMoreThanIsThere()
+{
+    QFETCH(QByteArray, bytes);
+    largestAllocation = 0;
+    const bool decoded = decodeOSCMessage(bytes).has_value();
+    const std::size_t largest = largestAllocation;
+    QVERIFY(!decoded);
+    QVERIFY2(largest <= std::size_t(bytes.size()),
+             qPrintable(QStringLiteral("asked for %1 bytes").arg(largest)));
 }
 
 void OSCMessageTest::decodesPackets_data()

@@ -42,7 +42,6 @@ private Q_SLOTS:
     void slipDecodesFrames();
     void lengthPrefixedDecodesFrames_data();
     void lengthPrefixedDecodesFrames();
-    void slipSplitBetweenEscapeAndItsByteYieldsAfterSecondChunk();
     void slipDropsRunawayFrameAtTheEndOfTheChunkThatExceeds();
     void impossibleLengthIsOutOfStepAtOnce();
     void textWithoutFramesIsOutOfStepPastTheLimit_data();
@@ -137,13 +136,6 @@ void OSCStreamDecoderTest::lengthPrefixedDecodesFrames()
         QCOMPARE(decodeInPieces(decoder, wire, chunk), packets);
         QVERIFY(!decoder.isOutOfStep());
     }
-}
-
-void OSCStreamDecoderTest::slipSplitBetweenEscapeAndItsByteYieldsAfterSecondChunk()
-{
-    OSCStreamDecoder decoder(OSCFraming::slip);
-    QCOMPARE(decoder.decode(bytes({0xC0, 0x01, 0xDB})), QByteArrayList{});
-    QCOMPARE(decoder.decode(bytes({0xDC, 0x02, 0xC0})), QByteArrayList{bytes({0x01, 0xC0, 0x02})});
 }
 
 void OSCStreamDecoderTest::slipDropsRunawayFrameAtTheEndOfTheChunkThatExceeds()

@@ -1,9 +1,9 @@
 // The QLab client against the pretend QLab on loopback: joining, passcodes, the keep-alive and
 // poll rules on a manual clock, group names, a running timecode, and QLab going away.
 
+#include "qlab/QLabClient.h"
 #include "base/ManualClock.h"
 #include "peers/PretendQLab.h"
-#include "qlab/QLabClient.h"
 
 #include <QProcess>
 #include <QSignalSpy>
@@ -51,6 +51,9 @@ private slots:
     void pollsAndRefreshesOnEvents();
     void namesTheGroupAfterOneLookup();
     void followsATimecodeCue();
+    void timecodeNeverStepsBackAtAListRefresh();
+    void listBeforeTheConnectAnswerAsksOnce();
+    void blankHostIsThisComputer();
     void comesBackAfterQLabQuits();
     void leavesWhenTheSettingsChange();
     void leavesWhenQLabClosesTheWorkspace();
@@ -118,7 +121,8 @@ void QLabClientTest::joinsOnceAWorkspaceOpens()
     client.apply(settingsFor());
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::noWorkspace, kWaitMs);
     QCOMPARE(client.statusText(), QStringLiteral("No Workspace Open"));
-    QCOMPARE(client.advice(), QStringLiteral("Open a workspace in QLab and Orvane will connect to it."));
+    QCOMPARE(client.advice(),
+             QStringLiteral("Open a workspace in QLab and Orvane will connect to it."));
     QCOMPARE(qlab_->requestCount("/workspaces"), 1);
 
     // Every keep-alive tick asks again while nothing is open.
@@ -176,8 +180,9 @@ void QLabClientTest::asksForThePasscodeUntilItIsRight()
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::passcodeRequired, kWaitMs);
     QCOMPARE(qlab_->lastArguments("/workspace/W1/connect").size(), std::size_t(0));
     QCOMPARE(client.statusText(), QStringLiteral("Passcode Required"));
-    QCOMPARE(client.advice(), QStringLiteral("This workspace needs an OSC passcode. Enter it below; "
-                                             "it's set in QLab's Workspace Settings › Network."));
+    QCOMPARE(client.advice(),
+             QStringLiteral("This workspace needs an OSC passcode. Enter it below; "
+                            "it's set in QLab's Workspace Settings › Network."));
     // The keep-alive's list does not try again with the same passcode.
     clock_->advance(5);
     QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspaces"), 2, kWaitMs);
@@ -204,10 +209,14 @@ void QLabClientTest::choosesThePreferredWorkspace_data()
 {
     QTest::addColumn<QString>("preferred");
     QTest::addColumn<QString>("joined");
-    QTest::newRow("no preference: the first") << "" << "W1";
-    QTest::newRow("by identity") << "W2" << "W2";
-    QTest::newRow("by part of the name, any case") << "  macb " << "W2";
-    QTest::newRow("no match: the first") << "Lear" << "W1";
+    QTest::newRow("no preference: the first") << ""
+                                              << "W1";
+    QTest::newRow("by identity") << "W2"
+                                 << "W2";
+    QTest::newRow("by part of the name, any case") << "  macb "
+                                                   << "W2";
+    QTest::newRow("no match: the first") << "Lear"
+                                         << "W1";
 }
 
 void QLabClientTest::choosesThePreferredWorkspace()
@@ -220,8 +229,8 @@ void QLabClientTest::choosesThePreferredWorkspace()
     client.apply(settingsFor({}, preferred));
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::connected, kWaitMs);
     QCOMPARE(qlab_->requestCount("/workspace/" + joined + "/connect"), 1);
-    QCOMPARE(qlab_->requestCount("/workspace/" + QString(joined == "W1" ? "W2" : "W1") + "/connect"),
-             0);
+    QCOMPARE(
+        qlab_->requestCount("/workspace/" + QString(joined == "W1" ? "W2" : "W1") + "/connect"), 0);
 }
 
 void QLabClientTest::pollsAndRefreshesOnEvents()
@@ -339,9 +348,8 @@ void QLabClientTest::followsATimecodeCue()
         clock_->advance(1);
         QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount(values), asked + second, kWaitMs);
     }
-    QTRY_VERIFY_WITH_TIMEOUT(client.timecodeCue()->actionElapsed &&
-                                 *client.timecodeCue()->actionElapsed > 1.9,
-                             kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        client.timecodeCue()->actionElapsed && *client.timecodeCue()->actionElapsed > 1.9, kWaitMs);
     time = client.showTime(clock_->wallNow());
     QVERIFY(time);
     QCOMPARE(time->start, 3600.0);
@@ -358,6 +366,72 @@ void QLabClientTest::followsATimecodeCue()
     time = client.showTime(clock_->wallNow());
     const double held = time->secondsAt(clock_->wallNow());
     QCOMPARE(time->secondsAt(addSeconds(clock_->wallNow(), 10)), held);
+}
+
+// QLab's shallow list carries no elapsed times, so each refresh must keep the exact time the
+// Timecode cue's own values gave, never fall back to when the cue was first seen.
+void QLabClientTest::timecodeNeverStepsBackAtAListRefresh()
+{
+    addShow();
+    qlab_->setListsShallowKeysOnly(true);
+    QLabClient client(*clock_);
+    join(client);
+    qlab_->startCue("W1", "T1");
+    const WallTime started = clock_->wallNow();
+    QTest::qWait(100);
+    clock_->advance(QLabClient::kRefreshDelay); // first seen 0.1 s (3 frames) after it started
+    QTRY_VERIFY_WITH_TIMEOUT(client.timecodeCue() && client.timecodeCue()->actionElapsed, kWaitMs);
+
+    const QString list = QStringLiteral("/workspace/W1/runningOrPausedCues/shallow");
+    const int refreshes = qlab_->requestCount(list);
+    double shown = 0;
+    for (int step = 1; step <= 60; ++step) { // 12 s: two full refreshes
+        clock_->advance(0.2);
+        QTest::qWait(step % 5 == 0 ? 50 : 0); // the answers to each second's asks
+        const WallTime now = clock_->wallNow();
+        const auto time = client.showTime(now);
+        QVERIFY(time);
+        const double seconds = time->secondsAt(now);
+        QVERIFY2(seconds >= shown, qPrintable(QStringLiteral("at %1 s: %2 after %3")
+                                                  .arg(step * 0.2)
+                                                  .arg(seconds, 0, 'f', 3)
+                                                  .arg(shown, 0, 'f', 3)));
+        QCOMPARE(seconds, 3600 + secondsBetween(started, now));
+        shown = seconds;
+    }
+    QCOMPARE(qlab_->requestCount(list), refreshes + 2);
+}
+
+// A keep-alive's "/workspaces" answered before the answer to "/connect" must not join twice.
+void QLabClientTest::listBeforeTheConnectAnswerAsksOnce()
+{
+    qlab_->openWorkspace("W1", "Hamlet.qlab5");
+    qlab_->setHoldsConnectAnswers(true);
+    QLabClient client(*clock_);
+    client.apply(settingsFor());
+    QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspace/W1/connect"), 1, kWaitMs);
+    clock_->advance(5);
+    QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspaces"), 2, kWaitMs);
+    QTest::qWait(100); // the list's answer
+    QCOMPARE(qlab_->requestCount("/workspace/W1/connect"), 1);
+    QCOMPARE(client.state(), QLabClient::State::connecting);
+
+    qlab_->releaseConnectAnswers();
+    QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/updates"), 1, kWaitMs);
+    QCOMPARE(client.state(), QLabClient::State::connected);
+}
+
+// The settings window writes a blank host for QLab on this computer; the client agrees, so
+// "Connecting…" is never shown for a link that goes nowhere.
+void QLabClientTest::blankHostIsThisComputer()
+{
+    qlab_->openWorkspace("W1", "Hamlet.qlab5");
+    QLabClient client(*clock_);
+    auto settings = settingsFor();
+    settings.host = QStringLiteral("  ");
+    client.apply(settings);
+    QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::connected, kWaitMs);
+    QCOMPARE(client.statusText(), QStringLiteral("Connected"));
 }
 
 void QLabClientTest::comesBackAfterQLabQuits()
@@ -420,6 +494,7 @@ void QLabClientTest::leavesWhenTheSettingsChange()
     QCOMPARE(client.advice(), QString());
     QCOMPARE(client.workspaceName(), std::nullopt);
     QTRY_COMPARE_WITH_TIMEOUT(qlab_->connectionCount(), 0, kWaitMs);
+    QCOMPARE(qlab_->requestCount("/workspace/W2/disconnect"), 1);
 }
 
 void QLabClientTest::leavesWhenQLabClosesTheWorkspace()
@@ -441,9 +516,8 @@ void QLabClientTest::reportsLinkFailures_data()
     QTest::addColumn<int>("port"); // -1: a listener that answers in plain text
     QTest::addColumn<QString>("status");
     QTest::addColumn<QString>("advice");
-    QTest::newRow("port out of range")
-        << "127.0.0.1" << 0 << "Not Connected"
-        << "Choose a port between 1 and 65535. QLab uses 53000.";
+    QTest::newRow("port out of range") << "127.0.0.1" << 0 << "Not Connected"
+                                       << "Choose a port between 1 and 65535. QLab uses 53000.";
     QTest::newRow("unknown host") << "no-such-qlab.invalid" << 53000 << "Not Connected"
                                   << "Check the host name or address.";
     QTest::newRow("not QLab") << "127.0.0.1" << -1 << "Not Connected"

@@ -82,10 +82,10 @@ void QLabMessagesTest::classifiesMessages_data()
         << reply("/reply/workspaces",
                  {std::int32_t(1), std::string(R"({"address":"/workspaces","status":"ok"})")})
         << std::optional<QLabMessage>();
-    QTest::newRow("reply without arguments") << reply("/reply/workspaces", {})
-                                             << std::optional<QLabMessage>();
-    QTest::newRow("reply that is not JSON") << reply("/reply/workspaces", {std::string("ok")})
-                                            << std::optional<QLabMessage>();
+    QTest::newRow("reply without arguments")
+        << reply("/reply/workspaces", {}) << std::optional<QLabMessage>();
+    QTest::newRow("reply that is not JSON")
+        << reply("/reply/workspaces", {std::string("ok")}) << std::optional<QLabMessage>();
     QTest::newRow("reply that is a JSON array")
         << reply("/reply/workspaces", {std::string("[1,2]")}) << std::optional<QLabMessage>();
     QTest::newRow("reply without status")
@@ -107,12 +107,12 @@ void QLabMessagesTest::classifiesMessages_data()
         << std::optional(qlabEvent(Kind::playbackPositionChanged, "W1"));
     QTest::newRow("disconnect") << reply("/update/workspace/W1/disconnect", {})
                                 << std::optional(qlabEvent(Kind::disconnect, "W1"));
-    QTest::newRow("cue update without a cue") << reply("/update/workspace/W1/cue_id", {})
-                                              << std::optional<QLabMessage>();
-    QTest::newRow("unknown update") << reply("/update/workspace/W1/settings/light", {})
-                                    << std::optional<QLabMessage>();
-    QTest::newRow("update without a workspace") << reply("/update/workspace/", {})
-                                                << std::optional<QLabMessage>();
+    QTest::newRow("cue update without a cue")
+        << reply("/update/workspace/W1/cue_id", {}) << std::optional<QLabMessage>();
+    QTest::newRow("unknown update")
+        << reply("/update/workspace/W1/settings/light", {}) << std::optional<QLabMessage>();
+    QTest::newRow("update without a workspace")
+        << reply("/update/workspace/", {}) << std::optional<QLabMessage>();
     QTest::newRow("other address") << reply("/eos/out/ping", {}) << std::optional<QLabMessage>();
 }
 
@@ -131,7 +131,8 @@ void QLabMessagesTest::decodesWorkspaces()
         {"uniqueID":"C0DE","displayName":""},
         {"displayName":"no identity"},
         "junk"
-    ])").array();
+    ])")
+                          .array();
     const auto workspaces = QLabWorkspace::decodeList(data);
     QVERIFY(workspaces);
     const std::vector<QLabWorkspace> expected{{"8A9B", "Hamlet.qlab5"},
@@ -169,6 +170,13 @@ void QLabMessagesTest::decodesCues_data()
     QTest::newRow("empty parent and unparsable elapsed")
         << QByteArray(R"({"uniqueID":"A4","parent":"","actionElapsed":"soon","isPaused":"maybe"})")
         << true << "" << false << none << none << noText << noText;
+    QTest::newRow("nan, inf and out-of-range numbers are not numbers")
+        << QByteArray(R"({"uniqueID":"A6","actionElapsed":"nan","currentDuration":"-inf",)"
+                      R"("framerate":"inf"})")
+        << true << "" << false << none << none << noText << noText;
+    QTest::newRow("1e999 as text is not a number")
+        << QByteArray(R"({"uniqueID":"A7","actionElapsed":" 1e999 ","duration":"+INF"})") << true
+        << "" << false << none << none << noText << noText;
     QTest::newRow("timecode start from its display name")
         << QByteArray(R"({"uniqueID":"T1","type":"Timecode","displayName":"TC 01:00:00:00"})")
         << true << "" << false << none << none << noText << std::optional<QString>("01:00:00:00");
@@ -236,8 +244,8 @@ void QLabMessagesTest::runningTimecode_data()
                       R"("actionElapsed":4,"isPaused":true,"framerate":1})")
         << 1.5 << true << 0.0 << 4.0 << 25.0;
     QTest::newRow("start from the display name")
-        << QByteArray(R"({"uniqueID":"T","type":"timecode","displayName":"TC 01:00:00:00"})")
-        << 0.0 << true << 3600.0 << 0.0 << 25.0;
+        << QByteArray(R"({"uniqueID":"T","type":"timecode","displayName":"TC 01:00:00:00"})") << 0.0
+        << true << 3600.0 << 0.0 << 25.0;
     QTest::newRow("not a timecode cue")
         << QByteArray(R"({"uniqueID":"A","type":"Audio","startTime":"01:00:00:00"})") << 0.0
         << false << 0.0 << 0.0 << 0.0;

@@ -88,15 +88,21 @@ int runApplication(const RunOptions& options)
             return;
         }
         const auto quitWhenFinished = [&model] {
-            const auto check = std::make_shared<std::function<void()>>();
-            *check = [&model, check] {
+            // Polled until every movie is finished; the timer belongs to the application, so
+            // nothing outlives it.
+            auto* poll = new QTimer(QCoreApplication::instance());
+            poll->setInterval(50);
+            const auto tryQuit = [&model, poll] {
                 if (model.recording().finishingCount() > 0)
-                    return QTimer::singleShot(50, *check);
+                    return;
+                poll->stop();
                 model.settings().flush();
                 printLine(QStringLiteral("Orvane stopped."));
                 QCoreApplication::quit();
             };
-            (*check)();
+            QObject::connect(poll, &QTimer::timeout, tryQuit);
+            poll->start();
+            tryQuit();
         };
         if (model.isRecording()) {
             printLine(QStringLiteral("Finishing the recording before quitting…"));

@@ -19,9 +19,14 @@ const QString kCueItself = QStringLiteral("1");
 // A part number as the parts list keys it: no part, "0" and "1" all name the cue itself.
 QString partKey(const std::optional<QString>& part)
 {
-    if (!part || *part == u"0")
+    if (!part)
         return kCueItself;
-    return *part;
+    // "03" and "3" are the same part; a part 0 is the cue itself.
+    bool isNumber = false;
+    const qlonglong number = part->toLongLong(&isNumber);
+    if (!isNumber)
+        return *part;
+    return number == 0 ? kCueItself : QString::number(number);
 }
 
 // Part numbers in numeric order; anything that is not a whole number after all numbers.

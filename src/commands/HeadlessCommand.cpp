@@ -3,6 +3,7 @@
 // through the web page, and on SIGINT or SIGTERM finishes every recording before it exits.
 
 #include "commands/Command.h"
+#include "commands/CommandSupport.h"
 #include "commands/Headless.h"
 
 #include "app/AppModel.h"
@@ -12,25 +13,13 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
-#include <QSocketNotifier>
 #include <QTimer>
 
-#include <csignal>
 #include <cstdio>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace orvane {
 
 namespace {
-
-int signalPipe[2] = {-1, -1};
-
-void onSignal(int number)
-{
-    const char byte = char(number);
-    [[maybe_unused]] const auto written = ::write(signalPipe[1], &byte, 1);
-}
 
 void printLine(const QString& text)
 {
@@ -52,17 +41,6 @@ std::unique_ptr<AppSettings> openSettings(const RunOptions& options)
 
 int runApplication(const RunOptions& options)
 {
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) != 0) {
-        std::perror("orvane: socketpair");
-        return 1;
-    }
-    struct sigaction action {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-
     AppModel model(openSettings(options), options);
     StatusReporter reporter(model);
     QObject::connect(&reporter, &StatusReporter::line, &reporter, &printLine);
@@ -71,10 +49,7 @@ int runApplication(const RunOptions& options)
     // quits at once (the movie written so far stays readable).
     int signalCount = 0;
     qint64 firstSignalAt = 0;
-    QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&notifier, &QSocketNotifier::activated, [&] {
-        char byte = 0;
-        [[maybe_unused]] const auto got = ::read(signalPipe[0], &byte, 1);
+    const bool watchesSignals = onInterrupt(model, [&] {
         // A signal sent to the whole process group arrives twice at once: only a second
         // one that comes later means "now".
         const qint64 now = QDateTime::currentMSecsSinceEpoch();
@@ -111,14 +86,15 @@ int runApplication(const RunOptions& options)
             quitWhenFinished();
         }
     });
+    if (!watchesSignals) {
+        std::perror("orvane: socketpair");
+        return 1;
+    }
 
     printLine(QStringLiteral("Orvane is running headless. Recordings go to “%1”.")
                   .arg(model.recordingsFolder()));
     model.start();
-    const int code = QCoreApplication::exec();
-    ::close(signalPipe[0]);
-    ::close(signalPipe[1]);
-    return code;
+    return QCoreApplication::exec();
 }
 
 namespace {

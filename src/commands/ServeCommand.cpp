@@ -3,48 +3,25 @@
 // application.
 
 #include "commands/Command.h"
+#include "commands/CommandSupport.h"
 
+#include "app/OverlayFeed.h"
+#include "app/ShowInput.h"
 #include "capture/CaptureEngine.h"
 #include "capture/TestPatternSource.h"
 #include "outputs/Outputs.h"
-#include "app/OverlayAssembly.h"
-#include "overlay/OverlayContent.h"
 #include "show/DemoShow.h"
 #include "show/ShowData.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QSocketNotifier>
 #include <QTimer>
 
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace orvane {
 
 namespace {
-
-// Ctrl+C and SIGTERM end the event loop through a pipe, since a signal handler may only write.
-int quitPipe[2] = {-1, -1};
-
-void quitOnSignal(int)
-{
-    const char byte = 0;
-    [[maybe_unused]] const auto written = ::write(quitPipe[1], &byte, 1);
-}
-
-void quitOnInterrupt()
-{
-    if (::pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return;
-    auto* notifier =
-        new QSocketNotifier(quitPipe[0], QSocketNotifier::Read, QCoreApplication::instance());
-    QObject::connect(notifier, &QSocketNotifier::activated, [] { QCoreApplication::quit(); });
-    std::signal(SIGINT, quitOnSignal);
-    std::signal(SIGTERM, quitOnSignal);
-}
 
 void printStatus(const Outputs& outputs)
 {
@@ -78,30 +55,16 @@ int run(const QStringList& arguments)
                                      QStringLiteral("The NDI source name (default Orvane)."),
                                      QStringLiteral("NAME"), QStringLiteral("Orvane"));
     const QCommandLineOption noNDI(QStringLiteral("no-ndi"), QStringLiteral("Do not send NDI."));
-    const QCommandLineOption size(QStringLiteral("size"),
-                                  QStringLiteral("Picture size (default 1920x1080)."),
-                                  QStringLiteral("WxH"), QStringLiteral("1920x1080"));
-    const QCommandLineOption fps(QStringLiteral("fps"),
-                                 QStringLiteral("Frames per second (default 30)."),
-                                 QStringLiteral("N"), QStringLiteral("30"));
     const QCommandLineOption seconds(QStringLiteral("seconds"),
                                      QStringLiteral("Stop after N seconds (default: never)."),
                                      QStringLiteral("N"));
-    parser.addOptions({port, ndiName, noNDI, size, fps, seconds});
+    parser.addOptions({port, ndiName, noNDI, seconds});
+    const TestPatternOptions patternOptions = addTestPatternOptions(parser);
     parser.process(QStringList{QStringLiteral("orvane serve")} + arguments);
 
-    CaptureEngine::TestPatternFormat format;
-    const QStringList dimensions = parser.value(size).split(QLatin1Char('x'));
-    bool ok = dimensions.size() == 2;
+    const auto format = testPatternFormat(parser, patternOptions);
+    bool ok = format.has_value();
     bool part = false;
-    if (ok) {
-        format.width = dimensions[0].toInt(&ok);
-        format.height = dimensions[1].toInt(&part);
-        ok = ok && part && format.width >= 16 && format.height >= 16 && format.width % 2 == 0 &&
-             format.height % 2 == 0;
-    }
-    format.framesPerSecond = parser.value(fps).toDouble(&part);
-    ok = ok && part && format.framesPerSecond > 0 && format.framesPerSecond <= 240;
     const int webPort = parser.value(port).toInt(&part);
     ok = ok && part;
     double stopAfter = 0;
@@ -116,36 +79,19 @@ int run(const QStringList& arguments)
     }
 
     CaptureEngine engine;
-    engine.setTestPatternFormat(format);
+    engine.setTestPatternFormat(*format);
     Outputs outputs;
     engine.addSink(outputs.sink());
 
-    // The demo show plays through the show data, and every change becomes a new overlay.
+    // The demo show plays through the one door into the show data, and the overlay feed turns
+    // every change into new content for the camera, as in the application.
     ShowData show;
-    DemoShow demo([&show](const OSCMessage& message) { show.handle(message, DemoShow::kSender); });
-    OverlaySources sources;
-    sources.cameraLabel = QStringLiteral("Test Pattern");
-    const auto refreshOverlay = [&] {
-        sources.demoShowTime = demo.showTime();
-        sources.showName = show.showName();
-        sources.activeCue = show.activeCue();
-        sources.pendingCue = show.pendingCue();
-        sources.isHearingEos = show.isHearingEos();
-        sources.activeParts = show.activeParts();
-        sources.activeCueClock = show.activeCueClock();
-        sources.runningPart = show.runningPart();
-        sources.fields = show.fields();
-        sources.gatheredAt = Clock::system().wallNow();
-        engine.setOverlay(assembleOverlayContent(sources), sources.cameraLabel);
-    };
-    for (const auto signal :
-         {&ShowData::activeCueChanged, &ShowData::pendingCueChanged, &ShowData::activePartsChanged,
-          &ShowData::activeCueClockChanged, &ShowData::fieldsChanged,
-          &ShowData::isHearingEosChanged, &ShowData::showNameChanged})
-        QObject::connect(&show, signal, &engine, refreshOverlay);
-    QObject::connect(&demo, &DemoShow::showTimeChanged, &engine, refreshOverlay);
+    ShowInput input(show);
+    DemoShow demo(input.demoDelivery());
+    OverlayFeed feed(show);
+    feed.setDemoShow(&demo);
+    feed.addCamera(engine, QStringLiteral("Test Pattern"));
     demo.start();
-    refreshOverlay();
 
     QObject::connect(&outputs, &Outputs::webStateChanged, [&] { printStatus(outputs); });
     QObject::connect(&outputs, &Outputs::webViewersChanged, [](int viewers) {
@@ -175,7 +121,7 @@ int run(const QStringList& arguments)
     });
     outputs.apply({!parser.isSet(noNDI), parser.value(ndiName), true, webPort});
 
-    quitOnInterrupt();
+    onInterrupt(engine, [] { QCoreApplication::quit(); });
     if (stopAfter > 0)
         QTimer::singleShot(int(stopAfter * 1000), [] { QCoreApplication::quit(); });
     const int exitCode = QCoreApplication::exec();

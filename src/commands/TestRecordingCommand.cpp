@@ -2,6 +2,7 @@
 // watch what a recording looks like and a test can check it.
 
 #include "commands/Command.h"
+#include "commands/CommandSupport.h"
 
 #include "app/OverlayFeed.h"
 #include "app/ShowInput.h"
@@ -49,39 +50,21 @@ int run(const QStringList& arguments)
     const QCommandLineOption codec(QStringLiteral("codec"),
                                    QStringLiteral("hevc, h264 or prores (default h264)."),
                                    QStringLiteral("codec"), QStringLiteral("h264"));
-    const QCommandLineOption size(QStringLiteral("size"),
-                                  QStringLiteral("Picture size (default 1920x1080)."),
-                                  QStringLiteral("WxH"), QStringLiteral("1920x1080"));
-    const QCommandLineOption fps(QStringLiteral("fps"),
-                                 QStringLiteral("Frames per second (default 30)."),
-                                 QStringLiteral("N"), QStringLiteral("30"));
     const QCommandLineOption out(QStringLiteral("out"),
                                  QStringLiteral("Folder for the movie (default the recordings "
                                                 "folder)."),
                                  QStringLiteral("DIR"));
     const QCommandLineOption sound(QStringLiteral("sound"),
                                    QStringLiteral("Record a 1 kHz test tone as the sound."));
-    parser.addOptions({seconds, codec, size, fps, out, sound});
+    parser.addOptions({seconds, codec, out, sound});
+    const TestPatternOptions patternOptions = addTestPatternOptions(parser);
     parser.process(QStringList{QStringLiteral("orvane test-recording")} + arguments);
 
     bool ok = false;
     const double duration = parser.value(seconds).toDouble(&ok);
     const auto chosenCodec = codecNamed(parser.value(codec));
-    const QStringList dimensions = parser.value(size).split(QLatin1Char('x'));
-    CaptureEngine::TestPatternFormat format;
-    bool sizeOK = dimensions.size() == 2;
-    if (sizeOK) {
-        bool widthOK = false;
-        bool heightOK = false;
-        format.width = dimensions[0].toInt(&widthOK);
-        format.height = dimensions[1].toInt(&heightOK);
-        sizeOK = widthOK && heightOK && format.width >= 16 && format.height >= 16 &&
-                 format.width % 2 == 0 && format.height % 2 == 0;
-    }
-    bool fpsOK = false;
-    format.framesPerSecond = parser.value(fps).toDouble(&fpsOK);
-    if (!ok || duration <= 0 || !chosenCodec || !sizeOK || !fpsOK ||
-        format.framesPerSecond <= 0 || format.framesPerSecond > 240) {
+    const auto format = testPatternFormat(parser, patternOptions);
+    if (!ok || duration <= 0 || !chosenCodec || !format) {
         std::fprintf(stderr, "orvane test-recording: check --seconds, --codec, --size and --fps "
                              "(see --help)\n");
         return 2;
@@ -101,7 +84,7 @@ int run(const QStringList& arguments)
         QStringLiteral(".mov"));
 
     CaptureEngine engine;
-    engine.setTestPatternFormat(format);
+    engine.setTestPatternFormat(*format);
 
     // The demo show plays through the one door into the show data, and the overlay feed turns
     // every change into new content for the camera, as in the application: cues, fades,
@@ -142,15 +125,14 @@ int run(const QStringList& arguments)
         stopTimer.start(int(duration * 1000));
     });
     engine.startRecording(path, *chosenCodec, parser.isSet(sound));
-    engine.configure(TestPatternSource::kID,
-                     parser.isSet(sound) ? std::optional(ToneSource::kID) : std::nullopt,
-                     [&](std::optional<CaptureError> error) {
-                         if (!error)
-                             return;
-                         std::fprintf(stderr, "orvane test-recording: %s\n",
-                                      qPrintable(error->description()));
-                         QCoreApplication::exit(1);
-                     });
+    engine.configure(
+        TestPatternSource::kID, parser.isSet(sound) ? std::optional(ToneSource::kID) : std::nullopt,
+        [&](std::optional<CaptureError> error) {
+            if (!error)
+                return;
+            std::fprintf(stderr, "orvane test-recording: %s\n", qPrintable(error->description()));
+            QCoreApplication::exit(1);
+        });
     return QCoreApplication::exec();
 }
 

@@ -1,9 +1,9 @@
 // The QLab browser against a real Avahi daemon on a private bus in its own network namespace,
 // with services published by avahi-publish.
 
+#include "qlab/QLabBrowser.h"
 #include "base/ManualClock.h"
 #include "support/AvahiSandbox.h"
-#include "qlab/QLabBrowser.h"
 
 #include <QSignalSpy>
 #include <QTest>

@@ -163,8 +163,6 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
 
     QTest::newRow("gain as text") << QByteArray(R"({"audioGain":"1.5"})") << "audioGain"
                                   << QVariant(1.0);
-    QTest::newRow("gain as whole number")
-        << QByteArray(R"({"audioGain":2})") << "audioGain" << QVariant(2.0);
     QTest::newRow("listener port as text")
         << QByteArray(R"({"oscPort":"9000"})") << "oscPort" << QVariant(8001);
     QTest::newRow("listener port with fraction")
@@ -183,8 +181,6 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
         << QByteArray(R"({"overlayScale":1000})") << "overlayScale" << QVariant(2.0);
     QTest::newRow("scale 0") << QByteArray(R"({"overlayScale":0})") << "overlayScale"
                              << QVariant(0.5);
-    QTest::newRow("scale in range")
-        << QByteArray(R"({"overlayScale":1.25})") << "overlayScale" << QVariant(1.25);
     QTest::newRow("image file name")
         << QByteArray(R"({"watermarkImageFile":"Watermark.png"})") << "watermarkImageFile"
         << QVariant::fromValue(OptionalText("Watermark.png"));

@@ -48,31 +48,26 @@ private slots:
         QTest::addColumn<int>("clipLeft");
         QTest::addColumn<int>("clipRight");
         const QColor panel = QColor::fromRgbF(0.04f, 0.04f, 0.04f, 0.7f);
-        QTest::newRow("panel") << QImage::Format_RGB32 << QRect(10, 8, 101, 57) << 12.0 << panel
-                               << INT_MIN << INT_MAX;
-        QTest::newRow("odd width for the tail")
-            << QImage::Format_RGB32 << QRect(3, 3, 7, 30) << 2.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("fractional radius") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 5.33
-                                           << QColor(255, 255, 255, 15) << INT_MIN << INT_MAX;
-        QTest::newRow("square corners") << QImage::Format_RGB32 << QRect(4, 4, 80, 36) << 0.0
-                                        << QColor(200, 30, 40, 128) << INT_MIN << INT_MAX;
-        QTest::newRow("radius above half the height")
-            << QImage::Format_RGB32 << QRect(4, 4, 80, 20) << 30.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("cut on the right") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0
-                                          << QColor(217, 217, 217, 77) << INT_MIN << 47;
-        QTest::newRow("cut inside the corner") << QImage::Format_RGB32 << QRect(4, 4, 100, 36)
-                                               << 8.0 << QColor(217, 217, 217, 77) << INT_MIN << 8;
-        QTest::newRow("cut on the left") << QImage::Format_RGB32 << QRect(4, 4, 100, 36) << 8.0
-                                         << QColor(255, 255, 255, 15) << 47 << INT_MAX;
-        QTest::newRow("partly outside the frame") << QImage::Format_RGB32 << QRect(-20, 90, 80, 60)
-                                                  << 12.0 << panel << INT_MIN << INT_MAX;
-        QTest::newRow("opaque") << QImage::Format_RGB32 << QRect(10, 10, 50, 50) << 10.0
-                                << QColor(255, 59, 48) << INT_MIN << INT_MAX;
-        QTest::newRow("ARGB32") << QImage::Format_ARGB32 << QRect(10, 8, 101, 57) << 12.0 << panel
-                                << INT_MIN << INT_MAX;
-        QTest::newRow("ARGB32 premultiplied")
-            << QImage::Format_ARGB32_Premultiplied << QRect(10, 8, 101, 57) << 12.0 << panel
-            << INT_MIN << INT_MAX;
+        const QColor track(217, 217, 217, 77);
+        const QColor faint(255, 255, 255, 15);
+        const auto row = [](const char* name, QRect rect, double radius, QColor color,
+                            int clipLeft = INT_MIN, int clipRight = INT_MAX,
+                            QImage::Format format = QImage::Format_RGB32) {
+            QTest::newRow(name) << format << rect << radius << color << clipLeft << clipRight;
+        };
+        row("panel", QRect(10, 8, 101, 57), 12.0, panel);
+        row("odd width for the tail", QRect(3, 3, 7, 30), 2.0, panel);
+        row("fractional radius", QRect(4, 4, 80, 36), 5.33, faint);
+        row("square corners", QRect(4, 4, 80, 36), 0.0, QColor(200, 30, 40, 128));
+        row("radius above half the height", QRect(4, 4, 80, 20), 30.0, panel);
+        row("cut on the right", QRect(4, 4, 100, 36), 8.0, track, INT_MIN, 47);
+        row("cut inside the corner", QRect(4, 4, 100, 36), 8.0, track, INT_MIN, 8);
+        row("cut on the left", QRect(4, 4, 100, 36), 8.0, faint, 47);
+        row("partly outside the frame", QRect(-20, 90, 80, 60), 12.0, panel);
+        row("opaque", QRect(10, 10, 50, 50), 10.0, QColor(255, 59, 48));
+        row("ARGB32", QRect(10, 8, 101, 57), 12.0, panel, INT_MIN, INT_MAX, QImage::Format_ARGB32);
+        row("ARGB32 premultiplied", QRect(10, 8, 101, 57), 12.0, panel, INT_MIN, INT_MAX,
+            QImage::Format_ARGB32_Premultiplied);
     }
     void fillMatchesPainter()
     {

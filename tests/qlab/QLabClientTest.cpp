@@ -53,7 +53,6 @@ private slots:
     void followsATimecodeCue();
     void timecodeNeverStepsBackAtAListRefresh();
     void listBeforeTheConnectAnswerAsksOnce();
-    void blankHostIsThisComputer();
     void comesBackAfterQLabQuits();
     void leavesWhenTheSettingsChange();
     void leavesWhenQLabClosesTheWorkspace();
@@ -114,11 +113,15 @@ void QLabClientTest::addShow()
     qlab_->addCue("W1", {"T1", "3", "", "Timecode", "L1", std::nullopt, "01:00:00;00", 6, 1});
 }
 
+// The settings window writes a blank host for QLab on this computer; the client agrees, so
+// "Connecting…" is never shown for a link that goes nowhere.
 void QLabClientTest::joinsOnceAWorkspaceOpens()
 {
     QLabClient client(*clock_);
     QCOMPARE(client.statusText(), QStringLiteral("Off"));
-    client.apply(settingsFor());
+    auto settings = settingsFor();
+    settings.host = QStringLiteral("  ");
+    client.apply(settings);
     QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::noWorkspace, kWaitMs);
     QCOMPARE(client.statusText(), QStringLiteral("No Workspace Open"));
     QCOMPARE(client.advice(),
@@ -158,17 +161,13 @@ void QLabClientTest::keepAliveThumpsAndRefreshesTheList()
     QLabClient client(*clock_);
     join(client);
     qlab_->clearRequests();
-    QStringList keepAlives;
+    // Every sixth tick lists the workspaces instead of thumping.
     for (int tick = 1; tick <= 12; ++tick) {
         clock_->advance(5);
-        const QString expected =
-            tick % 6 == 0 ? QStringLiteral("/workspaces") : QStringLiteral("/workspace/W1/thump");
-        QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount(expected),
-                                  int(keepAlives.count(expected)) + 1, kWaitMs);
-        keepAlives.append(expected);
+        QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspaces"), tick / 6, kWaitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/workspace/W1/thump"), tick - tick / 6,
+                                  kWaitMs);
     }
-    QCOMPARE(qlab_->requestCount("/workspaces"), 2);
-    QCOMPARE(qlab_->requestCount("/workspace/W1/thump"), 10);
     QCOMPARE(client.state(), QLabClient::State::connected);
 }
 
@@ -419,19 +418,6 @@ void QLabClientTest::listBeforeTheConnectAnswerAsksOnce()
     qlab_->releaseConnectAnswers();
     QTRY_COMPARE_WITH_TIMEOUT(qlab_->requestCount("/updates"), 1, kWaitMs);
     QCOMPARE(client.state(), QLabClient::State::connected);
-}
-
-// The settings window writes a blank host for QLab on this computer; the client agrees, so
-// "Connecting…" is never shown for a link that goes nowhere.
-void QLabClientTest::blankHostIsThisComputer()
-{
-    qlab_->openWorkspace("W1", "Hamlet.qlab5");
-    QLabClient client(*clock_);
-    auto settings = settingsFor();
-    settings.host = QStringLiteral("  ");
-    client.apply(settings);
-    QTRY_COMPARE_WITH_TIMEOUT(client.state(), QLabClient::State::connected, kWaitMs);
-    QCOMPARE(client.statusText(), QStringLiteral("Connected"));
 }
 
 void QLabClientTest::comesBackAfterQLabQuits()

@@ -177,9 +177,6 @@ void QLabMessagesTest::decodesCues_data()
     QTest::newRow("1e999 as text is not a number")
         << QByteArray(R"({"uniqueID":"A7","actionElapsed":" 1e999 ","duration":"+INF"})") << true
         << "" << false << none << none << noText << noText;
-    QTest::newRow("timecode start from its display name")
-        << QByteArray(R"({"uniqueID":"T1","type":"Timecode","displayName":"TC 01:00:00:00"})")
-        << true << "" << false << none << none << noText << std::optional<QString>("01:00:00:00");
     QTest::newRow("start time key wins over the display name")
         << QByteArray(R"({"uniqueID":"T2","type":"Timecode","startTime":"10:00:00;00",)"
                       R"("displayName":"TC 01:00:00:00"})")

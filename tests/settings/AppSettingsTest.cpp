@@ -52,6 +52,59 @@ QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+// A value of the property's type that differs from `current`.
+QVariant differentValue(const QVariant& current)
+{
+    if (holdsType<bool>(current))
+        return !current.toBool();
+    if (holdsType<double>(current))
+        return current.toDouble() + 0.25;
+    if (holdsType<int>(current))
+        return current.toInt() + 1;
+    if (holdsType<QString>(current))
+        return current.toString() + QStringLiteral(" (changed)");
+    if (holdsType<std::optional<QString>>(current)) {
+        const auto text = current.value<std::optional<QString>>();
+        return QVariant::fromValue(std::optional<QString>(text.value_or(QString()) + "changed"));
+    }
+    if (holdsType<QList<ExtraCamera>>(current)) {
+        auto cameras = current.value<QList<ExtraCamera>>();
+        cameras.append(ExtraCamera{QUuid::createUuid(), QStringLiteral("/dev/video2"), std::nullopt,
+                                   QStringLiteral("Wing Cam"), true});
+        return QVariant::fromValue(cameras);
+    }
+    if (holdsType<OverlayLayout>(current)) {
+        auto layout = current.value<OverlayLayout>();
+        layout.setPlacement(OverlayWidget::qlab, {0.5, 0.125, 0.5, 0.0});
+        return QVariant::fromValue(layout);
+    }
+    if (holdsType<QList<LayoutPreset>>(current)) {
+        auto presets = current.value<QList<LayoutPreset>>();
+        presets.append(LayoutPreset{QUuid::createUuid(), QStringLiteral("Stream"), {}});
+        return QVariant::fromValue(presets);
+    }
+    if (holdsType<QList<WatchedAddress>>(current)) {
+        auto watched = current.value<QList<WatchedAddress>>();
+        watched.append(
+            WatchedAddress{QUuid::createUuid(), QStringLiteral("Fog"), QStringLiteral("/fog/*")});
+        return QVariant::fromValue(watched);
+    }
+    if (holdsType<OSCFraming>(current)) {
+        const bool slip = current.value<OSCFraming>() == OSCFraming::slip;
+        return QVariant::fromValue(slip ? OSCFraming::lengthPrefixed : OSCFraming::slip);
+    }
+    if (holdsType<std::optional<NetworkKind>>(current)) {
+        const auto kind = current.value<std::optional<NetworkKind>>();
+        const NetworkKind next = kind == NetworkKind::wifi ? NetworkKind::wired : NetworkKind::wifi;
+        return QVariant::fromValue(std::optional<NetworkKind>(next));
+    }
+    if (holdsType<RecordingCodec>(current)) {
+        const bool prores = current.value<RecordingCodec>() == RecordingCodec::proRes422Proxy;
+        return QVariant::fromValue(prores ? RecordingCodec::h264 : RecordingCodec::proRes422Proxy);
+    }
+    qFatal("no different value for a property of type %s", current.metaType().name());
+}
+
 // Every property's value, by key.
 QVariantMap allValues(const AppSettings& settings)
 {
@@ -110,8 +163,6 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
 
     QTest::newRow("gain as text") << QByteArray(R"({"audioGain":"1.5"})") << "audioGain"
                                   << QVariant(1.0);
-    QTest::newRow("gain as whole number")
-        << QByteArray(R"({"audioGain":2})") << "audioGain" << QVariant(2.0);
     QTest::newRow("listener port as text")
         << QByteArray(R"({"oscPort":"9000"})") << "oscPort" << QVariant(8001);
     QTest::newRow("listener port with fraction")
@@ -130,8 +181,6 @@ void AppSettingsTest::storedValuesAreReadOrFallBack_data()
         << QByteArray(R"({"overlayScale":1000})") << "overlayScale" << QVariant(2.0);
     QTest::newRow("scale 0") << QByteArray(R"({"overlayScale":0})") << "overlayScale"
                              << QVariant(0.5);
-    QTest::newRow("scale in range")
-        << QByteArray(R"({"overlayScale":1.25})") << "overlayScale" << QVariant(1.25);
     QTest::newRow("image file name")
         << QByteArray(R"({"watermarkImageFile":"Watermark.png"})") << "watermarkImageFile"
         << QVariant::fromValue(OptionalText("Watermark.png"));
@@ -447,7 +496,6 @@ void AppSettingsTest::presetsAreSavedAndAppliedByName()
     QCOMPARE(settings.watermarkText(), QStringLiteral("Rehearsal"));
 
     QVERIFY(!settings.applyLayoutPreset(QStringLiteral("Act 3")));
-    QVERIFY(!settings.applyLayoutPreset(QStringLiteral("   ")));
     QCOMPARE(scaleChanged.count(), 1);
 
     // What was applied and saved is what the next start reads.

@@ -27,11 +27,6 @@ bool isKeyRow(const QString& line)
     return row.match(line).hasMatch();
 }
 
-template <class T> bool holdsType(const QVariant& value)
-{
-    return value.metaType() == QMetaType::fromType<T>();
-}
-
 QString quoted(const QString& text)
 {
     return u'"' + text + u'"';

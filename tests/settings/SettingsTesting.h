@@ -37,6 +37,11 @@ inline QJsonObject storedObject(const AppSettings::Location& location)
     return QJsonDocument::fromJson(file.readAll()).object();
 }
 
+template <class T> bool holdsType(const QVariant& value)
+{
+    return value.metaType() == QMetaType::fromType<T>();
+}
+
 // The properties that are settings, in declaration order.
 inline QList<QMetaProperty> settingProperties()
 {
@@ -46,8 +51,5 @@ inline QList<QMetaProperty> settingProperties()
         properties.append(meta.property(at));
     return properties;
 }
-
-// A value of the property's type that differs from `current`.
-QVariant differentValue(const QVariant& current);
 
 } // namespace orvane::testing

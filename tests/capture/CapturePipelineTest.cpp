@@ -34,34 +34,24 @@ public:
     void skipFrame() override {}
 };
 
-// Keeps every frame it is given, as a slow consumer would.
-class KeepingSink final : public FrameSink {
-public:
-    std::vector<std::shared_ptr<const Frame>> frames;
-    std::function<void()> duringCall;
-    void takeFrame(std::shared_ptr<const Frame> frame, double) override
-    {
-        frames.push_back(std::move(frame));
-        if (duringCall)
-            duringCall();
-    }
-};
-
 // Holds on to the newest `count` frames it was given, as a consumer at its busiest does (the
 // web viewer: one being encoded and the newest waiting; the recorder: its full queue and the
-// one being encoded).
-class NewestSink final : public FrameSink {
+// one being encoded); by default to all of them, as a slow consumer would.
+class KeepingSink final : public FrameSink {
 public:
-    explicit NewestSink(std::size_t count)
+    explicit KeepingSink(std::size_t count = SIZE_MAX)
         : count_(count)
     {
     }
     std::deque<std::shared_ptr<const Frame>> frames;
+    std::function<void()> duringCall;
     void takeFrame(std::shared_ptr<const Frame> frame, double) override
     {
         frames.push_back(std::move(frame));
         if (frames.size() > count_)
             frames.pop_front();
+        if (duringCall)
+            duringCall();
     }
 
 private:
@@ -182,9 +172,9 @@ void CapturePipelineTest::thePoolServesEveryConsumerAtOnce()
     ManualClock clock;
     CapturePipeline pipeline(clock);
     TestPatternSource source(clock, 64, 36, 30, TestPatternSource::Pacing::stepped);
-    auto recorder = std::make_shared<NewestSink>(std::size_t(Recorder::kHeldFrames));
-    auto web = std::make_shared<NewestSink>(2);
-    auto ndi = std::make_shared<NewestSink>(2);
+    auto recorder = std::make_shared<KeepingSink>(std::size_t(Recorder::kHeldFrames));
+    auto web = std::make_shared<KeepingSink>(2);
+    auto ndi = std::make_shared<KeepingSink>(2);
     for (const auto& sink : {recorder, web, ndi})
         pipeline.addSink(sink);
     for (int i = 0; i < 100; ++i) {

@@ -34,20 +34,23 @@ public:
     void skipFrame() override {}
 };
 
-// Holds on to the newest `count` frames it was given, as a consumer at its busiest does (the
-// web viewer: one being encoded and the newest waiting; the recorder: its full queue and the
-// one being encoded); by default to all of them, as a slow consumer would.
+// Holds on to the newest `count` of every `every`th frame it is given, as a consumer at its
+// busiest does (the recorder: its full queue and the one being encoded; the web viewer, slower
+// than the camera: frames of its own, one being encoded and one waiting); by default to all
+// of them, as a slow consumer would.
 class KeepingSink final : public FrameSink {
 public:
-    explicit KeepingSink(std::size_t count = SIZE_MAX)
+    explicit KeepingSink(std::size_t count = SIZE_MAX, int every = 1)
         : count_(count)
+        , every_(every)
     {
     }
     std::deque<std::shared_ptr<const Frame>> frames;
     std::function<void()> duringCall;
     void takeFrame(std::shared_ptr<const Frame> frame, double) override
     {
-        frames.push_back(std::move(frame));
+        if (given_++ % every_ == 0)
+            frames.push_back(std::move(frame));
         if (frames.size() > count_)
             frames.pop_front();
         if (duringCall)
@@ -56,6 +59,8 @@ public:
 
 private:
     std::size_t count_;
+    int every_;
+    int given_ = 0;
 };
 
 std::uint32_t pixel(const Frame& frame, int x, int y)
@@ -167,14 +172,14 @@ void CapturePipelineTest::lateWakeUpsAndFullPoolsAreCountedAsDrops()
 
 void CapturePipelineTest::thePoolServesEveryConsumerAtOnce()
 {
-    // A recording runs while the web viewer and NDI each hold their two frames and the
-    // preview its one: no picture may be lost for want of a buffer.
+    // A recording runs while the web viewer and NDI each hold two frames of their own and the
+    // preview its one: no picture may be lost for want of a buffer (a pool of 8 lost some).
     ManualClock clock;
     CapturePipeline pipeline(clock);
     TestPatternSource source(clock, 64, 36, 30, TestPatternSource::Pacing::stepped);
     auto recorder = std::make_shared<KeepingSink>(std::size_t(Recorder::kHeldFrames));
-    auto web = std::make_shared<KeepingSink>(2);
-    auto ndi = std::make_shared<KeepingSink>(2);
+    auto web = std::make_shared<KeepingSink>(2, 7);
+    auto ndi = std::make_shared<KeepingSink>(2, 11);
     for (const auto& sink : {recorder, web, ndi})
         pipeline.addSink(sink);
     for (int i = 0; i < 100; ++i) {

@@ -69,9 +69,6 @@ void CameraFeedTest::stateFollowsTheFeed_data()
     QTest::newRow("no access") << testPattern << false << FeedState::of(FeedState::Kind::noAccess);
     QTest::newRow("no camera chosen")
         << feed({}, {}, false) << true << FeedState::of(FeedState::Kind::unassigned);
-    QTest::newRow("unplugged, name known")
-        << feed(QStringLiteral("/dev/v4l/by-id/usb-cam"), QStringLiteral("Stage Left"), false)
-        << true << FeedState::disconnected(QStringLiteral("Stage Left"));
     QTest::newRow("unplugged, no name")
         << feed(QStringLiteral("/dev/v4l/by-id/usb-cam"), {}, false) << true
         << FeedState::disconnected(QStringLiteral("The camera"));

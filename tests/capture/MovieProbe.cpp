@@ -39,51 +39,36 @@ std::optional<ProbedMovie> probeMovie(const QString& path)
     ffprobe.start(QStringLiteral("ffprobe"),
                   {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-count_frames"),
                    QStringLiteral("-show_streams"), QStringLiteral("-show_format"),
-                   QStringLiteral("-of"), QStringLiteral("json"), path});
+                   QStringLiteral("-show_chapters"), QStringLiteral("-of"), QStringLiteral("json"),
+                   path});
     if (!ffprobe.waitForFinished(60000) || ffprobe.exitCode() != 0)
         return std::nullopt;
     const auto json = QJsonDocument::fromJson(ffprobe.readAllStandardOutput()).object();
+    auto number = [](const QJsonObject& o, const char* key) {
+        return o.value(QLatin1String(key)).toString().toDouble();
+    };
     ProbedMovie movie;
     const auto format = json.value(QStringLiteral("format")).toObject();
     movie.formatName = format.value(QStringLiteral("format_name")).toString();
-    movie.duration = format.value(QStringLiteral("duration")).toString().toDouble();
+    movie.duration = number(format, "duration");
     for (const auto& value : json.value(QStringLiteral("streams")).toArray()) {
         const auto s = value.toObject();
-        ProbedStream stream;
-        stream.type = s.value(QStringLiteral("codec_type")).toString();
-        stream.codec = s.value(QStringLiteral("codec_name")).toString();
-        stream.profile = s.value(QStringLiteral("profile")).toString();
-        stream.width = s.value(QStringLiteral("width")).toInt();
-        stream.height = s.value(QStringLiteral("height")).toInt();
-        stream.frameRate = rational(s.value(QStringLiteral("r_frame_rate")).toString());
-        stream.duration = s.value(QStringLiteral("duration")).toString().toDouble();
-        stream.frameCount = s.value(QStringLiteral("nb_read_frames")).toString().toInt();
-        stream.sampleRate = s.value(QStringLiteral("sample_rate")).toString().toInt();
-        stream.channels = s.value(QStringLiteral("channels")).toInt();
-        stream.bitRate = s.value(QStringLiteral("bit_rate")).toString().toDouble();
-        movie.streams.push_back(stream);
+        movie.streams.push_back(
+            {s.value(QStringLiteral("codec_type")).toString(),
+             s.value(QStringLiteral("codec_name")).toString(),
+             s.value(QStringLiteral("profile")).toString(),
+             s.value(QStringLiteral("width")).toInt(), s.value(QStringLiteral("height")).toInt(),
+             rational(s.value(QStringLiteral("r_frame_rate")).toString()), number(s, "duration"),
+             int(number(s, "nb_read_frames")), int(number(s, "sample_rate")),
+             s.value(QStringLiteral("channels")).toInt()});
     }
-    return movie;
-}
-
-std::optional<std::vector<ProbedChapter>> probeChapters(const QString& path)
-{
-    QProcess ffprobe;
-    ffprobe.start(QStringLiteral("ffprobe"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_chapters"),
-                   QStringLiteral("-of"), QStringLiteral("json"), path});
-    if (!ffprobe.waitForFinished(60000) || ffprobe.exitCode() != 0)
-        return std::nullopt;
-    const auto json = QJsonDocument::fromJson(ffprobe.readAllStandardOutput()).object();
-    std::vector<ProbedChapter> chapters;
     for (const auto& value : json.value(QStringLiteral("chapters")).toArray()) {
         const auto c = value.toObject();
-        chapters.push_back(
-            {c.value(QStringLiteral("start_time")).toString().toDouble(),
-             c.value(QStringLiteral("end_time")).toString().toDouble(),
+        movie.chapters.push_back(
+            {number(c, "start_time"), number(c, "end_time"),
              c.value(QStringLiteral("tags")).toObject().value(QStringLiteral("title")).toString()});
     }
-    return chapters;
+    return movie;
 }
 
 QStringList topLevelBoxes(const QString& path)

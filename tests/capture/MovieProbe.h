@@ -18,29 +18,26 @@ struct ProbedStream {
     int frameCount = 0;
     int sampleRate = 0;
     int channels = 0;
-    double bitRate = 0;
 };
 
-struct ProbedMovie {
-    QString formatName;
-    double duration = 0;
-    std::vector<ProbedStream> streams;
-
-    const ProbedStream* stream(const QString& type) const;
-    int count(const QString& type) const;
-};
-
-// One chapter as `ffprobe -show_chapters` reports it.
 struct ProbedChapter {
     double start = 0;
     double end = 0;
     QString title;
 };
 
+struct ProbedMovie {
+    QString formatName;
+    double duration = 0;
+    std::vector<ProbedStream> streams;
+    std::vector<ProbedChapter> chapters;
+
+    const ProbedStream* stream(const QString& type) const;
+    int count(const QString& type) const;
+};
+
 // Runs ffprobe on `path`; none when it cannot read the file.
 std::optional<ProbedMovie> probeMovie(const QString& path);
-// The chapters ffprobe finds in `path`; none when it cannot read the file.
-std::optional<std::vector<ProbedChapter>> probeChapters(const QString& path);
 // The types of the top-level boxes of a QuickTime file, in order ("ftyp", "moov", "moof"...).
 QStringList topLevelBoxes(const QString& path);
 // Decodes picture number `index` of the movie's video as 32-bit BGRA at its own size.

@@ -65,6 +65,8 @@ void MessageValuesTest::parsesCueText_data()
         cue("1", "14", "2", "Chase", "4", 30));
     row("part as its own piece", "1/14 p2 Chase 4 30%", cue("1", "14", "2", "Chase", "4", 30));
     row("Part as its own piece", "1/14 Part3 Chase 4 30%", cue("1", "14", "3", "Chase", "4", 30));
+    row("part word in lower case", "1/14 part3 Chase 4",
+        cue("1", "14", "3", "Chase", "4", noPercent));
     row("PART in capitals is a label", "1/14 PART3 Chase",
         cue("1", "14", noPart, "PART3 Chase", "", noPercent));
     row("part piece only right after the token", "1/14 Chase p2 4",

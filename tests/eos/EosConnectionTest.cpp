@@ -2,8 +2,8 @@
 // says. Real pretend consoles, on loopback or on pretend hosts in network namespaces.
 #include "eos/EosConnection.h"
 #include "base/ManualClock.h"
-#include "support/NetNamespace.h"
 #include "peers/PretendConsole.h"
+#include "support/NetNamespace.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -68,11 +68,33 @@ struct Link {
     {
         return QTest::qWaitFor([&] { return !connection.discovery().isScanning(); }, 10000);
     }
+    // Moves `clock` on, which starts a scan when one is due, and lets that scan finish.
+    bool scanAfter(ManualClock& clock, double seconds)
+    {
+        clock.advance(seconds);
+        return waitForScan();
+    }
 
     EosConnection connection;
     EosConnection::Configuration kept;
     int adoptions = 0;
 };
+
+// A /24 with this namespace at `local` and a pretend host holding `peers`, or null.
+std::unique_ptr<NetNamespace> network(const char* name, const char* local,
+                                      std::initializer_list<const char*> peers)
+{
+    QString error;
+    auto made = NetNamespace::create(QString::fromLatin1(name), address(local),
+                                     address(*peers.begin()), 24, &error);
+    for (auto peer = peers.begin() + 1; made && peer != peers.end(); ++peer) {
+        if (!made->addPeerAddress(address(*peer), 24, &error))
+            made.reset();
+    }
+    if (!made)
+        qWarning("network %s: %s", name, qPrintable(error));
+    return made;
+}
 
 } // namespace
 
@@ -84,11 +106,9 @@ private Q_SLOTS:
     void describe();
     void connectsToTheTypedAddress_data();
     void connectsToTheTypedAddress();
-    void hostOfSpacesStopsTheLink();
     void adoptsTheOnlyConsoleAndFollowsItsNewAddress();
     void twoConsolesNeedAStoredIdentity();
     void forgottenConsoleReturnsOnlyBySearchNow();
-    void switchingOffDropsAPendingPairing();
     void adoptionNeverConnectsToTheOldAddress();
     void searchSweepsAtMostEvery120Seconds();
 
@@ -119,18 +139,19 @@ std::unique_ptr<PretendConsole> EosConnectionTest::startConsole(NetNamespace* ho
 
 void EosConnectionTest::describe_data()
 {
-    QTest::addColumn<bool>("configured");
-    QTest::addColumn<bool>("enabled");
-    QTest::addColumn<bool>("autoConnect");
+    QTest::addColumn<QString>("link"); // "none" (never configured), "off", "auto" or "manual"
     QTest::addColumn<QString>("host");
     QTest::addColumn<OSCStream::Status>("status");
     QTest::addColumn<bool>("isScanning");
     QTest::addColumn<int>("found"); // -1: no scan has finished
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("advice");
-
+    const auto row = [](const char* name, const char* link, const char* host,
+                        OSCStream::Status status, bool isScanning, int found, const char* text,
+                        QString advice = {}) {
+        QTest::newRow(name) << link << host << status << isScanning << found << text << advice;
+    };
     const OSCStream::Status idle;
-    const OSCStream::Status connecting{OSCStream::Status::Kind::connecting, {}, 0};
     const OSCStream::Status ready{OSCStream::Status::Kind::ready, {}, 0};
     const auto retrying = [](Kind kind, const QString& text = {}) {
         return OSCStream::Status{OSCStream::Status::Kind::retrying, {kind, text}, 3};
@@ -138,75 +159,43 @@ void EosConnectionTest::describe_data()
     const QString sameNetwork = QStringLiteral(
         "Check that the console is on and connected to the same network as this computer.");
 
-    QTest::newRow("never configured")
-        << false << false << false << "" << idle << false << -1 << "Off"
-        << "";
-    QTest::newRow("off, even with a live stream")
-        << true << false << true << "10.0.0.5" << ready << true << 2 << "Off"
-        << "";
-    QTest::newRow("no host, scanning")
-        << true << true << true << "" << idle << true << 3 << "Searching…"
-        << "";
-    QTest::newRow("spaces, automatic, before the first scan")
-        << true << true << true << "   " << idle << false << -1 << "Searching…"
-        << "";
-    QTest::newRow("no host, consoles found")
-        << true << true << true << "" << idle << false << 3 << "3 consoles found"
-        << "";
-    QTest::newRow("no host, one console found")
-        << true << true << false << "" << idle << false << 1 << "1 consoles found"
-        << "";
-    QTest::newRow("no host, nothing found")
-        << true << true << true << "" << idle << false << 0 << "No console found"
-        << "";
-    QTest::newRow("no host, automatic off")
-        << true << true << false << " " << idle << false << -1 << "No console address"
-        << "";
-    QTest::newRow("connecting") << true << true << false << "10.0.0.5" << connecting << false << -1
-                                << "Connecting…"
-                                << "";
-    QTest::newRow("host wins over a running scan")
-        << true << true << true << "10.0.0.5" << ready << true << 0 << "Connected"
-        << "";
-    QTest::newRow("refused")
-        << true << true << false << "10.0.0.5" << retrying(Kind::refused) << false << -1
-        << "Connection refused"
-        << "The console is there but isn't accepting OSC. Turn on Third Party OSC in Setup › "
-           "Device Settings › Network › Interface Protocols, and check the port.";
-    QTest::newRow("no answer") << true << true << false << "10.0.0.5" << retrying(Kind::noAnswer)
-                               << false << -1 << "No answer" << sameNetwork;
-    QTest::newRow("unreachable") << true << true << false << "10.0.0.5"
-                                 << retrying(Kind::unreachable) << false << -1
-                                 << "Network unreachable" << sameNetwork;
-    QTest::newRow("unknown host") << true << true << false << "ion.local"
-                                  << retrying(Kind::unknownHost) << false << -1
-                                  << "Address not found"
-                                  << "Check the console's address.";
-    QTest::newRow("closed") << true << true << false << "10.0.0.5" << retrying(Kind::closedByPeer)
-                            << false << -1 << "Connection closed"
-                            << "";
-    QTest::newRow("went quiet") << true << true << false << "10.0.0.5" << retrying(Kind::wentQuiet)
-                                << false << -1 << "Stopped responding"
-                                << "The console stopped answering. Orvane will keep trying.";
-    QTest::newRow("invalid port") << true << true << false << "10.0.0.5"
-                                  << retrying(Kind::invalidPort) << false << -1 << "Invalid port"
-                                  << "Choose a port between 1 and 65535.";
-    QTest::newRow("wrong protocol")
-        << true << true << false << "10.0.0.5" << retrying(Kind::wrongProtocol) << false << -1
-        << "Wrong protocol"
-        << "The console is sending a different OSC format. Use OSC 1.1 with port 3037, or OSC "
-           "1.0 with port 3032.";
-    QTest::newRow("other failure: the system's text")
-        << true << true << false << "10.0.0.5" << retrying(Kind::other, "Too many open files")
-        << false << -1 << "Too many open files"
-        << "";
+    row("never configured", "none", "", idle, false, -1, "Off");
+    row("off, even with a live stream", "off", "10.0.0.5", ready, true, 2, "Off");
+    row("no host, scanning", "auto", "", idle, true, 3, "Searching…");
+    row("spaces, automatic, before the first scan", "auto", "   ", idle, false, -1, "Searching…");
+    row("no host, consoles found", "auto", "", idle, false, 3, "3 consoles found");
+    row("no host, one console found", "manual", "", idle, false, 1, "1 consoles found");
+    row("no host, nothing found", "auto", "", idle, false, 0, "No console found");
+    row("no host, automatic off", "manual", " ", idle, false, -1, "No console address");
+    row("connecting", "manual", "10.0.0.5", {OSCStream::Status::Kind::connecting, {}, 0}, false, -1,
+        "Connecting…");
+    row("host wins over a running scan", "auto", "10.0.0.5", ready, true, 0, "Connected");
+    row("refused", "manual", "10.0.0.5", retrying(Kind::refused), false, -1, "Connection refused",
+        "The console is there but isn't accepting OSC. Turn on Third Party OSC in Setup › Device "
+        "Settings › Network › Interface Protocols, and check the port.");
+    row("no answer", "manual", "10.0.0.5", retrying(Kind::noAnswer), false, -1, "No answer",
+        sameNetwork);
+    row("unreachable", "manual", "10.0.0.5", retrying(Kind::unreachable), false, -1,
+        "Network unreachable", sameNetwork);
+    row("unknown host", "manual", "ion.local", retrying(Kind::unknownHost), false, -1,
+        "Address not found", "Check the console's address.");
+    row("closed", "manual", "10.0.0.5", retrying(Kind::closedByPeer), false, -1,
+        "Connection closed");
+    row("went quiet", "manual", "10.0.0.5", retrying(Kind::wentQuiet), false, -1,
+        "Stopped responding", "The console stopped answering. Orvane will keep trying.");
+    row("invalid port", "manual", "10.0.0.5", retrying(Kind::invalidPort), false, -1,
+        "Invalid port", "Choose a port between 1 and 65535.");
+    row("wrong protocol", "manual", "10.0.0.5", retrying(Kind::wrongProtocol), false, -1,
+        "Wrong protocol",
+        "The console is sending a different OSC format. Use OSC 1.1 with port 3037, or OSC 1.0 "
+        "with port 3032.");
+    row("other failure: the system's text", "manual", "10.0.0.5",
+        retrying(Kind::other, "Too many open files"), false, -1, "Too many open files");
 }
 
 void EosConnectionTest::describe()
 {
-    QFETCH(bool, configured);
-    QFETCH(bool, enabled);
-    QFETCH(bool, autoConnect);
+    QFETCH(QString, link);
     QFETCH(QString, host);
     QFETCH(OSCStream::Status, status);
     QFETCH(bool, isScanning);
@@ -215,9 +204,9 @@ void EosConnectionTest::describe()
     QFETCH(QString, advice);
 
     std::optional<EosConnection::Configuration> configuration;
-    if (configured)
-        configuration = EosConnection::Configuration{enabled, autoConnect,      host,
-                                                     3037,    OSCFraming::slip, std::nullopt};
+    if (link != u"none")
+        configuration = EosConnection::Configuration{
+            link != u"off", link != u"manual", host, 3037, OSCFraming::slip, std::nullopt};
     const auto described = EosConnection::describe(
         configuration, status, isScanning, found < 0 ? std::nullopt : std::optional<int>(found));
     QCOMPARE(described.status, text);
@@ -266,14 +255,8 @@ void EosConnectionTest::connectsToTheTypedAddress()
     QTRY_VERIFY(heard.contains("/eos/out/show/name 127.0.0.1"));
     QCOMPARE(console->receivedAddresses(), QStringList{"/eos/reset"});
     QVERIFY(heard.contains("/eos/out/active/cue/text 127.0.0.1"));
-}
 
-void EosConnectionTest::hostOfSpacesStopsTheLink()
-{
-    auto console = startConsole(nullptr, "127.0.0.1");
-    Link link;
-    link.configure(false, QStringLiteral("127.0.0.1"));
-    QTRY_VERIFY(link.connection.isConnected());
+    // A host of spaces stops the link; switching it off stops it too.
     QTRY_COMPARE(console->connectionCount(), 1);
     link.change([](auto& c) { c.host = QStringLiteral("   "); });
     QCOMPARE(link.connection.streamStatus().kind, OSCStream::Status::Kind::idle);
@@ -285,10 +268,8 @@ void EosConnectionTest::hostOfSpacesStopsTheLink()
 
 void EosConnectionTest::adoptsTheOnlyConsoleAndFollowsItsNewAddress()
 {
-    QString error;
-    auto lan =
-        NetNamespace::create("follow", address("10.71.0.1"), address("10.71.0.20"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
+    auto lan = network("follow", "10.71.0.1", {"10.71.0.20"});
+    QVERIFY(lan);
     PretendConsole::Options options;
     options.consoleID = QStringLiteral("ION-A");
     options.showName = QStringLiteral("Othello");
@@ -312,6 +293,7 @@ void EosConnectionTest::adoptsTheOnlyConsoleAndFollowsItsNewAddress()
     QVERIFY(!link.connection.discovery().isScanning());
     PretendConsole::Options otherOptions;
     otherOptions.consoleID = QStringLiteral("ION-B");
+    QString error;
     QVERIFY(lan->addPeerAddress(address("10.71.0.30"), 24, &error));
     auto other = startConsole(lan.get(), "10.71.0.30", otherOptions);
     link.change([](auto& c) { c.consoleID = QStringLiteral("ION-B"); });
@@ -332,21 +314,15 @@ void EosConnectionTest::adoptsTheOnlyConsoleAndFollowsItsNewAddress()
     for (int step = 0; step < 20 && link.connection.isConnected(); ++step)
         clock.advance(0.5);
     QCOMPARE(link.connection.statusText(), QStringLiteral("Stopped responding"));
-    QCOMPARE(link.connection.advice(),
-             QStringLiteral("The console stopped answering. Orvane will keep trying."));
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0));
     QCOMPARE(link.kept.host, QStringLiteral("10.71.0.21"));
-    QTRY_VERIFY(link.connection.isConnected());
-    QCOMPARE(link.connection.statusText(), QStringLiteral("Connected"));
+    QTRY_COMPARE(link.connection.statusText(), QStringLiteral("Connected"));
 }
 
 void EosConnectionTest::twoConsolesNeedAStoredIdentity()
 {
-    QString error;
-    auto lan = NetNamespace::create("two", address("10.72.0.1"), address("10.72.0.20"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
-    QVERIFY(lan->addPeerAddress(address("10.72.0.30"), 24, &error));
+    auto lan = network("two", "10.72.0.1", {"10.72.0.20", "10.72.0.30"});
+    QVERIFY(lan);
     PretendConsole::Options a;
     a.consoleID = QStringLiteral("ION-A");
     PretendConsole::Options b;
@@ -358,8 +334,7 @@ void EosConnectionTest::twoConsolesNeedAStoredIdentity()
     ManualClock clock;
     Link link(clock);
     link.configure(true, QString());
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0));
     QCOMPARE(link.connection.discovery().consoles().size(), 2);
     QCOMPARE(link.kept.host, QString());
     QCOMPARE(link.connection.statusText(), QStringLiteral("2 consoles found"));
@@ -367,8 +342,7 @@ void EosConnectionTest::twoConsolesNeedAStoredIdentity()
     // With the second console's name stored, the next scan (a broadcast one: the name is
     // the console's own) picks it.
     link.change([](auto& c) { c.consoleName = QStringLiteral("Booth Gio"); });
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0));
     QCOMPARE(link.kept.host, QStringLiteral("10.72.0.30"));
     QCOMPARE(link.kept.consoleID, std::optional<QString>(QStringLiteral("ION-B")));
     QTRY_VERIFY(link.connection.isConnected());
@@ -376,17 +350,14 @@ void EosConnectionTest::twoConsolesNeedAStoredIdentity()
 
 void EosConnectionTest::forgottenConsoleReturnsOnlyBySearchNow()
 {
-    QString error;
-    auto lan =
-        NetNamespace::create("forget", address("10.73.0.1"), address("10.73.0.20"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
+    auto lan = network("forget", "10.73.0.1", {"10.73.0.20"});
+    QVERIFY(lan);
     auto console = startConsole(lan.get(), "10.73.0.20");
 
     ManualClock clock;
     Link link(clock);
     link.configure(true, QString());
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0));
     QCOMPARE(link.kept.host, QStringLiteral("10.73.0.20"));
     QTRY_VERIFY(link.connection.isConnected());
 
@@ -394,40 +365,7 @@ void EosConnectionTest::forgottenConsoleReturnsOnlyBySearchNow()
     QCOMPARE(link.kept.host, QString());
     QCOMPARE(link.kept.consoleID, std::nullopt);
     QVERIFY(!link.connection.isConnected());
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
-    QCOMPARE(link.kept.host, QString());
-    QCOMPARE(link.connection.statusText(), QStringLiteral("1 consoles found"));
-
-    // Turning automatic connection off stops the search; search now still pairs.
-    link.change([](auto& c) { c.autoConnect = false; });
-    QVERIFY(!link.connection.isSearching());
-    clock.advance(5.0);
-    QVERIFY(!link.connection.discovery().isScanning());
-    link.change([](auto& c) { c.enabled = false; });
-    link.connection.searchNow();
-    QVERIFY(link.kept.enabled);
-    QVERIFY(link.waitForScan());
-    QCOMPARE(link.kept.host, QStringLiteral("10.73.0.20"));
-    QCOMPARE(link.connection.forgotten(), std::nullopt);
-    QTRY_VERIFY(link.connection.isConnected());
-}
-
-void EosConnectionTest::switchingOffDropsAPendingPairing()
-{
-    QString error;
-    auto lan =
-        NetNamespace::create("unpair", address("10.75.0.1"), address("10.75.0.20"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
-    auto console = startConsole(lan.get(), "10.75.0.20");
-
-    ManualClock clock;
-    Link link(clock);
-    link.configure(true, QString());
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
-    QTRY_VERIFY(link.connection.isConnected());
-    link.connection.forget(link.connection.discovery().consoles().front());
+    QVERIFY(link.scanAfter(clock, 1.0));
     QCOMPARE(link.kept.host, QString());
 
     // "Search now", then the link goes off before the sweep ends: the pairing is dropped with
@@ -444,14 +382,25 @@ void EosConnectionTest::switchingOffDropsAPendingPairing()
     QCOMPARE(link.kept.host, QString());
     QCOMPARE(link.adoptions, 1);
     QCOMPARE(link.connection.statusText(), QStringLiteral("1 consoles found"));
+
+    // Turning automatic connection off stops the search; search now still pairs.
+    link.change([](auto& c) { c.autoConnect = false; });
+    QVERIFY(!link.connection.isSearching());
+    clock.advance(5.0);
+    QVERIFY(!link.connection.discovery().isScanning());
+    link.change([](auto& c) { c.enabled = false; });
+    link.connection.searchNow();
+    QVERIFY(link.kept.enabled);
+    QVERIFY(link.waitForScan());
+    QCOMPARE(link.kept.host, QStringLiteral("10.73.0.20"));
+    QCOMPARE(link.connection.forgotten(), std::nullopt);
+    QTRY_VERIFY(link.connection.isConnected());
 }
 
 void EosConnectionTest::adoptionNeverConnectsToTheOldAddress()
 {
-    QString error;
-    auto lan =
-        NetNamespace::create("moved", address("10.76.0.1"), address("10.76.0.20"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
+    auto lan = network("moved", "10.76.0.1", {"10.76.0.20"});
+    QVERIFY(lan);
     PretendConsole::Options options;
     options.consoleID = QStringLiteral("ION-A");
     auto console = startConsole(lan.get(), "10.76.0.20", options);
@@ -473,8 +422,7 @@ void EosConnectionTest::adoptionNeverConnectsToTheOldAddress()
                                          std::nullopt};
     });
     QTRY_COMPARE(link.connection.streamStatus().kind, OSCStream::Status::Kind::retrying);
-    clock.advance(1.0);
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0));
     QCOMPARE(link.adoptions, 1);
     QCOMPARE(link.kept.host, QStringLiteral("10.76.0.20"));
     QCOMPARE(link.kept.network, std::nullopt);
@@ -487,11 +435,8 @@ void EosConnectionTest::adoptionNeverConnectsToTheOldAddress()
 
 void EosConnectionTest::searchSweepsAtMostEvery120Seconds()
 {
-    QString error;
-    auto lan =
-        NetNamespace::create("spacing", address("10.74.0.1"), address("10.74.0.20"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
-    QVERIFY(lan->addPeerAddress(address("10.74.0.30"), 24, &error));
+    auto lan = network("spacing", "10.74.0.1", {"10.74.0.20", "10.74.0.30"});
+    QVERIFY(lan);
     // Two consoles that only a sweep finds, and none is adopted without an identity.
     PretendConsole::Options quiet;
     quiet.answersDiscovery = false;
@@ -503,18 +448,15 @@ void EosConnectionTest::searchSweepsAtMostEvery120Seconds()
     link.configure(true, QString());
     const auto found = [&] { return link.connection.discovery().consoles().size(); };
 
-    clock.advance(1.0); // t = 1: the first scan sweeps
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0)); // t = 1: the first scan sweeps
     QCOMPARE(found(), 2);
-    clock.advance(1.0); // t = 2: broadcast only
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0)); // t = 2: broadcast only
     QCOMPARE(found(), 0);
     QCOMPARE(link.connection.statusText(), QStringLiteral("No console found"));
-    clock.advance(118.0); // t = 3 starts a broadcast scan; later ticks find it running
-    QVERIFY(link.waitForScan());
+    // t = 3 starts a broadcast scan; later ticks find it running
+    QVERIFY(link.scanAfter(clock, 118.0));
     QCOMPARE(found(), 0);
-    clock.advance(1.0); // t = 121: 120 s after the last sweep
-    QVERIFY(link.waitForScan());
+    QVERIFY(link.scanAfter(clock, 1.0)); // t = 121: 120 s after the last sweep
     QCOMPARE(found(), 2);
     QCOMPARE(link.kept.host, QString());
     QCOMPARE(first->connectionsAccepted(), 2);

@@ -40,11 +40,10 @@ class EosDiscoveryTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase();
-    void listsOnlyUsableInterfaces();
     void discoveryListsEachConsoleOnce();
     void probeTellsConsolesFromOtherServices_data();
     void probeTellsConsolesFromOtherServices();
-    void sweepOnA24FindsQuietConsolesAndSkipsLinkLocal();
+    void listsUsableInterfacesAndSweepsA24();
     void sweepOnA16ProbesTheHundredRangeAndItsOwn22();
     void stopCancelsARunningScan();
 
@@ -73,25 +72,6 @@ std::unique_ptr<PretendConsole> EosDiscoveryTest::startConsole(NetNamespace& hos
     if (!console->start(&error))
         qWarning("pretend console: %s", qPrintable(error));
     return console;
-}
-
-void EosDiscoveryTest::listsOnlyUsableInterfaces()
-{
-    QString error;
-    auto lan = NetNamespace::create("lan", address("10.61.0.1"), address("10.61.0.2"), 24, &error);
-    QVERIFY2(lan, qPrintable(error));
-    auto linkLocal =
-        NetNamespace::create("ll", address("169.254.7.1"), address("169.254.7.2"), 16, &error);
-    QVERIFY2(linkLocal, qPrintable(error));
-
-    const std::vector<ScanTarget> targets = EosDiscovery::currentInterfaces();
-    QCOMPARE(targets.size(), std::size_t(1)); // not loopback, not link-local
-    QCOMPARE(targets[0].name, lan->localInterface());
-    QCOMPARE(QHostAddress(targets[0].address), address("10.61.0.1"));
-    QCOMPARE(targets[0].netmask, 0xFFFFFF00u);
-    QCOMPARE(QHostAddress(targets[0].broadcastAddress()), address("10.61.0.255"));
-    QVERIFY(targets[0].index > 0);
-    QCOMPARE(targets[0].network, NetworkKind::other); // a veth is virtual
 }
 
 void EosDiscoveryTest::discoveryListsEachConsoleOnce()
@@ -207,7 +187,8 @@ void EosDiscoveryTest::probeTellsConsolesFromOtherServices()
     QVERIFY(probe.isFinished());
 }
 
-void EosDiscoveryTest::sweepOnA24FindsQuietConsolesAndSkipsLinkLocal()
+// Only the /24 is listed and swept: not loopback, not the link-local network beside it.
+void EosDiscoveryTest::listsUsableInterfacesAndSweepsA24()
 {
     QString error;
     auto lan = NetNamespace::create("s24", address("10.64.0.1"), address("10.64.0.2"), 24, &error);
@@ -217,6 +198,14 @@ void EosDiscoveryTest::sweepOnA24FindsQuietConsolesAndSkipsLinkLocal()
     QVERIFY2(linkLocal, qPrintable(error));
     for (const char* extra : {"10.64.0.30", "10.64.0.40"})
         QVERIFY2(lan->addPeerAddress(address(extra), 24, &error), qPrintable(error));
+    const std::vector<ScanTarget> targets = EosDiscovery::currentInterfaces();
+    QCOMPARE(targets.size(), std::size_t(1));
+    QCOMPARE(targets[0].name, lan->localInterface());
+    QCOMPARE(QHostAddress(targets[0].address), address("10.64.0.1"));
+    QCOMPARE(targets[0].netmask, 0xFFFFFF00u);
+    QCOMPARE(QHostAddress(targets[0].broadcastAddress()), address("10.64.0.255"));
+    QVERIFY(targets[0].index > 0);
+    QCOMPARE(targets[0].network, NetworkKind::other); // a veth is virtual
 
     PretendConsole::Options answering;
     answering.deviceName = QStringLiteral("Booth Ion");

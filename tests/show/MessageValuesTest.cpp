@@ -59,9 +59,8 @@ void MessageValuesTest::parsesCueText_data()
         cue("1", "14", noPart, "Opening Number", "5", 45));
     row("part in the token", "1/14P2 Chase Starts 4.0 30%",
         cue("1", "14", "2", "Chase Starts", "4.0", 30));
-    row("part in the token, two digits", "2/7P13 Cyc 2 50%", cue("2", "7", "13", "Cyc", "2", 50));
-    row("part in the token, list 2", "2/7P3 Cyc Colour Change 2 50%",
-        cue("2", "7", "3", "Cyc Colour Change", "2", 50));
+    row("part in the token, two digits, list 2", "2/7P13 Cyc Colour Change 2 50%",
+        cue("2", "7", "13", "Cyc Colour Change", "2", 50));
     row("lower-case part in the token", "1/14p2 Chase 4 30%",
         cue("1", "14", "2", "Chase", "4", 30));
     row("part as its own piece", "1/14 p2 Chase 4 30%", cue("1", "14", "2", "Chase", "4", 30));
@@ -74,7 +73,6 @@ void MessageValuesTest::parsesCueText_data()
         cue("1", "14", noPart, "Chase p2", "4", noPercent));
     row("part 0 is no part", "1/14P0 Label 3", cue("1", "14", noPart, "Label", "3", noPercent));
     row("point cue", "1/14.5 Follow Spot 2 10%", cue("1", "14.5", noPart, "Follow Spot", "2", 10));
-    row("cue without a list", "14 Ballad 6 100%", cue("", "14", noPart, "Ballad", "6", 100));
     row("point cue without a list", "30.5 Pickup",
         cue("", "30.5", noPart, "Pickup", "", noPercent));
     row("several spaces", "  1/14   Opening    Number   5   45%  ",
@@ -87,15 +85,12 @@ void MessageValuesTest::parsesCueText_data()
         cue("1", "14", noPart, "Label 5 x%", "", noPercent));
     row("minutes and seconds", "1/14 Long Fade 2:30",
         cue("1", "14", noPart, "Long Fade", "2:30", noPercent));
-    row("half a second", "1/14 Snap 0.5 100%", cue("1", "14", noPart, "Snap", "0.5", 100));
     row("a trailing number reads as the time", "1/14 Scene 2",
         cue("1", "14", noPart, "Scene", "2", noPercent));
     row("token only", "1/14", cue("1", "14", noPart, "", "", noPercent));
     row("percent only", "1/14 45%", cue("1", "14", noPart, "", "", 45));
     row("a lone percent sign is a label", "1/14 %", cue("1", "14", noPart, "%", "", noPercent));
-    row("empty text", "", std::nullopt);
     row("only spaces", "    ", std::nullopt);
-    row("words are no cue", "Hello world", std::nullopt);
     row("dotted version is no cue", "14.5.1 Label", std::nullopt);
     row("part marker alone is no cue", "P2 Label", std::nullopt);
 }
@@ -116,7 +111,6 @@ void MessageValuesTest::readsCueTimes_data()
     const std::optional<double> none;
     QTest::newRow("seconds") << "5" << std::optional(5.0);
     QTest::newRow("fraction") << "0.5" << std::optional(0.5);
-    QTest::newRow("one decimal") << "4.0" << std::optional(4.0);
     QTest::newRow("minutes and seconds") << "2:30" << std::optional(150.0);
     QTest::newRow("hours too") << "1:02:30" << std::optional(3750.0);
     QTest::newRow("zero") << "0" << std::optional(0.0);

@@ -62,13 +62,11 @@ void TimeValuesTest::formatsTimecode_data()
     QTest::addColumn<double>("seconds");
     QTest::addColumn<double>("rate");
     QTest::addColumn<QString>("text");
-    QTest::newRow("zero") << 0.0 << 25.0 << "00:00:00:00";
     QTest::newRow("negative shows zero") << -5.0 << 30.0 << "00:00:00:00";
     QTest::newRow("hours wrap at 24") << 90061.5 << 25.0 << "01:01:01:12";
     QTest::newRow("one day is midnight") << 86400.0 << 25.0 << "00:00:00:00";
     QTest::newRow("last frame at 25") << 3599.999 << 25.0 << "00:59:59:24";
     QTest::newRow("29.97 never shows frame 30") << 59.9999 << 29.97 << "00:00:59:29";
-    QTest::newRow("29.97 mid second") << 10.5 << 29.97 << "00:00:10:14";
     QTest::newRow("no rate shows frame 0") << 12.9 << 0.0 << "00:00:12:00";
     QTest::newRow("negative rate shows frame 0") << 12.9 << -25.0 << "00:00:12:00";
     QTest::newRow("frames count from the whole second") << 3723.04 << 25.0 << "01:02:03:01";
@@ -93,7 +91,6 @@ void TimeValuesTest::parsesTimecode_data()
     QTest::newRow("drop-frame separator") << "01:00:00;15" << 30.0 << std::optional(3600.5);
     QTest::newRow("frames at 25") << "01:00:00:12" << 25.0 << std::optional(3600.48);
     QTest::newRow("three pieces") << "01:02:03" << 25.0 << std::optional(3723.0);
-    QTest::newRow("semicolons only") << "01;02;03" << 25.0 << std::optional(3723.0);
     QTest::newRow("white space around") << "  00:00:10 \t" << 25.0 << std::optional(10.0);
     QTest::newRow("empty pieces dropped") << "01::02:03" << 25.0 << std::optional(3723.0);
     QTest::newRow("hours unbounded") << "25:00:00" << 25.0 << std::optional(90000.0);
@@ -105,13 +102,10 @@ void TimeValuesTest::parsesTimecode_data()
     QTest::newRow("negative plain") << "-3" << 25.0 << none;
     QTest::newRow("negative piece") << "01:-1:00" << 25.0 << none;
     QTest::newRow("two pieces read as a number") << "1:2" << 25.0 << none;
-    QTest::newRow("five pieces read as a number") << "1:2:3:4:5" << 25.0 << none;
     QTest::newRow("letters in a piece") << "01:0x:00" << 25.0 << none;
     QTest::newRow("letters") << "soon" << 25.0 << none;
     QTest::newRow("empty") << "" << 25.0 << none;
-    QTest::newRow("only separators") << ":;:" << 25.0 << none;
     QTest::newRow("not a number") << "nan" << 25.0 << none;
-    QTest::newRow("infinite") << "inf" << 25.0 << none;
     QTest::newRow("frames with no rate") << "00:00:01:05" << 0.0 << none;
 }
 

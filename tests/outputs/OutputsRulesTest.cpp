@@ -211,9 +211,6 @@ void OutputsRulesTest::searchesForTheRuntime_data()
     QTest::newRow("both, V6 first") << QString("/opt/ndi6/lib/") << QString("/opt/ndi5")
                                     << QStringList{"/opt/orvane/bin", "/opt/ndi6/lib", "/opt/ndi5",
                                                    "/usr/local/lib", "/usr/lib"};
-    QTest::newRow("V5 alone") << QString() << QString("/opt/ndi5")
-                              << QStringList{"/opt/orvane/bin", "/opt/ndi5", "/usr/local/lib",
-                                             "/usr/lib"};
 }
 
 void OutputsRulesTest::searchesForTheRuntime()

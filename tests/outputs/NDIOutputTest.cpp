@@ -49,12 +49,10 @@ class NDIOutputTest : public QObject {
 private slots:
     void initTestCase();
     void init();
-    void findsTheRuntimeThroughItsFolderVariable();
     void saysWhyThereIsNoNDI_data();
     void saysWhyThereIsNoNDI();
     void sendsFramesAsPublished_data();
     void sendsFramesAsPublished();
-    void dropsFramesWhileOneIsInFlight();
     void staysOffWhenTurnedOffAtOnce();
     void pollsReceivers();
     void restartsOnceAfterARename();
@@ -62,8 +60,8 @@ private slots:
     void appliesOnlyWhatChanged();
 
 private:
-    QStringList calls() const;
-    QStringList callsStarting(const QString& start) const;
+    // The stand-in's log lines that start with one of `kinds` ("create|destroy").
+    QStringList calls(const QString& kinds) const;
 
     QTemporaryDir folder_;
     QString runtimeFolder_;
@@ -87,25 +85,14 @@ void NDIOutputTest::init()
         qunsetenv(name);
 }
 
-QStringList NDIOutputTest::calls() const
+QStringList NDIOutputTest::calls(const QString& kinds) const
 {
     QFile file(log_);
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-QStringList NDIOutputTest::callsStarting(const QString& start) const
-{
-    return calls().filter(QRegularExpression(QLatin1Char('^') + QRegularExpression::escape(start)));
-}
-
-void NDIOutputTest::findsTheRuntimeThroughItsFolderVariable()
-{
-    const auto loaded = loadFresh();
-    QVERIFY(loaded.library);
-    QCOMPARE(loaded.library->path, runtimeFolder_ + "/libndi.so.6");
-    QCOMPARE(calls(), QStringList{"initialize ok"});
+    return QString::fromUtf8(file.readAll())
+        .split(QLatin1Char('\n'))
+        .filter(QRegularExpression("^(" + kinds + ") "));
 }
 
 void NDIOutputTest::saysWhyThereIsNoNDI_data()
@@ -167,14 +154,10 @@ void NDIOutputTest::sendsFramesAsPublished_data()
     QTest::addColumn<double>("duration");
     QTest::addColumn<QString>("sentName");
     QTest::addColumn<QString>("rate");
-    QTest::newRow("empty name") << QString() << 1.0 / 30 << "Orvane"
-                                << "30/1";
-    QTest::newRow("own name, 25") << QStringLiteral("Stage Left – Ü") << 0.04
-                                  << QStringLiteral("Stage Left – Ü") << "25/1";
-    QTest::newRow("29.97") << QStringLiteral("Cam") << 1001.0 / 30000 << "Cam"
-                           << "30000/1001";
-    QTest::newRow("invalid duration") << QStringLiteral("Cam") << 0.0 << "Cam"
-                                      << "30/1";
+    QTest::newRow("empty name, 30") << QString() << 1.0 / 30 << "Orvane"
+                                    << "30/1";
+    QTest::newRow("own name, 29.97") << QStringLiteral("Stage Left – Ü") << 1001.0 / 30000
+                                     << QStringLiteral("Stage Left – Ü") << "30000/1001";
 }
 
 void NDIOutputTest::sendsFramesAsPublished()
@@ -183,20 +166,30 @@ void NDIOutputTest::sendsFramesAsPublished()
     QFETCH(double, duration);
     QFETCH(QString, sentName);
     QFETCH(QString, rate);
+    qputenv("ORVANE_NDI_TEST_SEND_MS", "400");
     ManualClock clock;
     Outputs outputs(clock, &loadFresh);
     outputs.apply({true, name, false, 8090});
     QTRY_VERIFY(outputs.isSendingNDI());
-    const QStringList created = callsStarting("create");
+    const QStringList created = calls("create");
     QCOMPARE(created.size(), 1);
     QVERIFY2(
         created[0].endsWith(" name=" + sentName + " groups=(none) clock_video=0 clock_audio=0"),
         qPrintable(created[0]));
 
-    FramePool pool(64, 36, 2);
+    FramePool pool(64, 36, 1);
     outputs.sink()->takeFrame(paintedFrame(pool, 7), duration);
-    QTRY_COMPARE(callsStarting("video").size(), 1);
-    const QString video = callsStarting("video")[0];
+    // The frame stays with the sender until the runtime is done with it; what comes meanwhile
+    // is dropped.
+    QVERIFY(!pool.acquire());
+    FramePool others(64, 36, 8);
+    for (int i = 0; i < 8; ++i)
+        outputs.send(paintedFrame(others, std::uint8_t(i * 20)), duration);
+    QTRY_COMPARE(calls("video").size(), 1);
+    QTRY_VERIFY(pool.freeCount() == 1);
+    QTest::qWait(500);
+    QCOMPARE(calls("video").size(), 1);
+    const QString video = calls("video")[0];
     QVERIFY2(QRegularExpression("^video sender=\\d+ size=64x36 fourcc=BGRA rate=" +
                                 QRegularExpression::escape(rate) +
                                 " aspect=0 format=progressive timecode=synthesize stride=256 "
@@ -204,30 +197,8 @@ void NDIOutputTest::sendsFramesAsPublished()
                  .match(video)
                  .hasMatch(),
              qPrintable(video));
-}
-
-void NDIOutputTest::dropsFramesWhileOneIsInFlight()
-{
-    qputenv("ORVANE_NDI_TEST_SEND_MS", "400");
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    outputs.apply({true, QString(), false, 8090});
-    QTRY_VERIFY(outputs.isSendingNDI());
-
-    FramePool pool(64, 36, 1);
-    outputs.send(paintedFrame(pool, 1), 1.0 / 30);
-    // The frame stays with the sender until the runtime is done with it.
-    QVERIFY(!pool.acquire());
-    FramePool others(64, 36, 8);
-    for (int i = 0; i < 8; ++i)
-        outputs.send(paintedFrame(others, std::uint8_t(i * 20)), 1.0 / 30);
-    QTRY_COMPARE(callsStarting("video").size(), 1);
-    QTRY_VERIFY(pool.freeCount() == 1);
-    QTest::qWait(500);
-    QCOMPARE(callsStarting("video").size(), 1);
-    QVERIFY(!callsStarting("video")[0].contains("changed-while-sending"));
-    outputs.send(paintedFrame(pool, 99), 1.0 / 30);
-    QTRY_COMPARE(callsStarting("video").size(), 2);
+    outputs.send(paintedFrame(pool, 99), duration);
+    QTRY_COMPARE(calls("video").size(), 2);
 }
 
 void NDIOutputTest::staysOffWhenTurnedOffAtOnce()
@@ -236,7 +207,7 @@ void NDIOutputTest::staysOffWhenTurnedOffAtOnce()
     Outputs outputs(clock, &loadFresh);
     outputs.apply({true, QString(), false, 8090});
     outputs.apply({false, QString(), false, 8090});
-    QTRY_COMPARE(callsStarting("destroy").size(), 1);
+    QTRY_COMPARE(calls("destroy").size(), 1);
     QTest::qWait(100); // the start's outcome arrives after the stop
     QVERIFY(!outputs.isSendingNDI());
     QCOMPARE(outputs.ndiStatusText(), QString());
@@ -275,9 +246,9 @@ void NDIOutputTest::restartsOnceAfterARename()
     }
     QCOMPARE(outputs.ndiStartsForTesting(), 1);
     clock.advance(Outputs::kRenameDelay);
-    QTRY_COMPARE(callsStarting("create").size(), 2);
+    QTRY_COMPARE(calls("create").size(), 2);
     QCOMPARE(outputs.ndiStartsForTesting(), 2);
-    const QStringList lifecycle = calls().filter(QRegularExpression("^(create|destroy)"));
+    const QStringList lifecycle = calls("create|destroy");
     QCOMPARE(lifecycle.size(), 3);
     QVERIFY(lifecycle[0].contains(" name=S "));
     QVERIFY(lifecycle[1].startsWith("destroy") && lifecycle[1].endsWith(" name=S"));
@@ -310,8 +281,6 @@ void NDIOutputTest::appliesOnlyWhatChanged_data()
     QTest::newRow("name changed while NDI is off")
         << Outputs::Configuration{false, "A", true, 1}
         << Outputs::Configuration{false, "B", true, 1} << 0 << 0 << true << false;
-    QTest::newRow("everything") << both << Outputs::Configuration{true, "B", true, 2} << 1 << 1
-                                << true << true;
     QTest::newRow("both on from off")
         << Outputs::Configuration{false, "A", false, 1} << both << 1 << 1 << true << true;
 }

@@ -68,19 +68,8 @@ std::string fourCC(std::int32_t code)
 
 const char* formatName(NDIlib_frame_format_type_e format)
 {
-    switch (format) {
-    case NDIlib_frame_format_type_progressive:
-        return "progressive";
-    case NDIlib_frame_format_type_interleaved:
-        return "interleaved";
-    case NDIlib_frame_format_type_field_0:
-        return "field0";
-    case NDIlib_frame_format_type_field_1:
-        return "field1";
-    case NDIlib_frame_format_type_max:
-        break;
-    }
-    return "unknown";
+    static const char* const names[] = {"interleaved", "progressive", "field0", "field1"};
+    return format >= 0 && format < 4 ? names[format] : "unknown";
 }
 
 // A checksum of the picture, so a reader can tell frames apart and see that the pixels were

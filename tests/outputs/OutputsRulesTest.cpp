@@ -1,5 +1,5 @@
-// The outputs' pure rules: the HTTP answers byte for byte, who may watch, the addresses shown,
-// the NDI frame rate and where the NDI runtime is looked for.
+// The outputs' pure rules: when a request is whole, the JPEG's size, who may watch, the addresses
+// shown, the NDI frame rate and layout, and where the NDI runtime is looked for.
 
 #include "base/ManualClock.h"
 #include "capture/Frame.h"
@@ -20,18 +20,6 @@ using namespace orvane;
 
 namespace {
 
-QByteArray plain(const QByteArray& status, const QByteArray& type, const QByteArray& body,
-                 qsizetype length)
-{
-    return "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
-           "\r\nContent-Length: " + QByteArray::number(length) +
-           "\r\nCache-Control: no-cache\r\nConnection: close\r\n\r\n" + body;
-}
-
-const QByteArray kStreamHeader =
-    "HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=frame\r\n"
-    "Cache-Control: no-cache, no-store\r\nPragma: no-cache\r\nConnection: close\r\n\r\n";
-
 InterfaceAddress entry(const char* address, int prefix, bool up = true, bool loopback = false)
 {
     return {QHostAddress(QString::fromLatin1(address)), prefix, up, loopback};
@@ -43,11 +31,8 @@ class OutputsRulesTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void answersRequests_data();
-    void answersRequests();
     void waitsForTheWholeHeader_data();
     void waitsForTheWholeHeader();
-    void framesStreamParts();
     void encodesScaledPictures_data();
     void encodesScaledPictures();
     void admitsLocalViewers_data();
@@ -56,67 +41,10 @@ private slots:
     void listsAddresses();
     void announcesFrameRates_data();
     void announcesFrameRates();
-    void fillsTheVideoFrame();
+    void keepsThePublishedLayout();
     void searchesForTheRuntime_data();
     void searchesForTheRuntime();
 };
-
-void OutputsRulesTest::answersRequests_data()
-{
-    QTest::addColumn<QByteArray>("request");
-    QTest::addColumn<bool>("isStream");
-    QTest::addColumn<QByteArray>("answer");
-
-    const QByteArray page = webPage();
-    const QByteArray html = "text/html; charset=utf-8";
-    const QByteArray notFound = plain("404 Not Found", "text/plain", "Not found", 9);
-    const QByteArray notAllowed =
-        plain("405 Method Not Allowed", "text/plain", "Method not allowed", 18);
-    const QByteArray mjpeg = "multipart/x-mixed-replace; boundary=frame";
-    const QByteArray tail = " HTTP/1.1\r\nHost: stage:8090\r\n\r\n";
-
-    QTest::newRow("page") << "GET /" + tail << false << plain("200 OK", html, page, page.size());
-    QTest::newRow("page, query ignored")
-        << "GET /?reload=1" + tail << false << plain("200 OK", html, page, page.size());
-    QTest::newRow("empty path is the page")
-        << "GET ?x" + tail << false << plain("200 OK", html, page, page.size());
-    QTest::newRow("page, HEAD has no body")
-        << "HEAD /" + tail << false << plain("200 OK", html, {}, page.size());
-    QTest::newRow("stream") << "GET /stream.mjpg" + tail << true << kStreamHeader;
-    QTest::newRow("stream, query ignored")
-        << "GET /stream.mjpg?123" + tail << true << kStreamHeader;
-    QTest::newRow("stream, HEAD") << "HEAD /stream.mjpg" + tail << false
-                                  << plain("200 OK", mjpeg, {}, 0);
-    QTest::newRow("unknown path") << "GET /favicon.ico" + tail << false << notFound;
-    QTest::newRow("unknown path, HEAD")
-        << "HEAD /favicon.ico" + tail << false << plain("404 Not Found", "text/plain", {}, 9);
-    QTest::newRow("path is case-sensitive") << "GET /Stream.mjpg" + tail << false << notFound;
-    QTest::newRow("POST") << "POST /" + tail << false << notAllowed;
-    QTest::newRow("POST with a body")
-        << QByteArray("POST / HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello") << false << notAllowed;
-    QTest::newRow("lower-case method") << "get /" + tail << false << notAllowed;
-    QTest::newRow("method alone") << QByteArray("GET\r\n\r\n") << false << notAllowed;
-    QTest::newRow("empty request line") << QByteArray("\r\n\r\n") << false << notAllowed;
-    QTest::newRow("not HTTP") << QByteArray("\x16\x03\x01\x02\x00\r\n\r\n", 9) << false
-                              << notAllowed;
-    QTest::newRow("spaces run together")
-        << QByteArray("GET   /stream.mjpg   HTTP/1.1\r\n\r\n") << true << kStreamHeader;
-    QTest::newRow("no version") << QByteArray("GET /\r\n\r\n") << false
-                                << plain("200 OK", html, page, page.size());
-    QTest::newRow("NUL in the path")
-        << QByteArray("GET /stream.mjpg\0x HTTP/1.1\r\n\r\n", 32) << false << notFound;
-}
-
-void OutputsRulesTest::answersRequests()
-{
-    QFETCH(QByteArray, request);
-    QFETCH(bool, isStream);
-    QFETCH(QByteArray, answer);
-    const auto got = answerWebRequest(request);
-    QVERIFY(got.has_value());
-    QCOMPARE(got->kind == WebAnswer::Kind::stream, isStream);
-    QCOMPARE(got->bytes, answer);
-}
 
 void OutputsRulesTest::waitsForTheWholeHeader_data()
 {
@@ -135,21 +63,12 @@ void OutputsRulesTest::waitsForTheWholeHeader()
     QVERIFY(!answerWebRequest(request).has_value());
 }
 
-void OutputsRulesTest::framesStreamParts()
-{
-    const QByteArray jpeg("\xff\xd8\x01\x02\xff\xd9", 6);
-    QCOMPARE(webStreamPart(jpeg),
-             "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: 6\r\n\r\n" + jpeg + "\r\n");
-}
-
 void OutputsRulesTest::encodesScaledPictures_data()
 {
     QTest::addColumn<QSize>("frameSize");
     QTest::addColumn<QSize>("jpegSize");
     QTest::newRow("small, as it is") << QSize(640, 360) << QSize(640, 360);
-    QTest::newRow("1080p, as it is") << QSize(1920, 1080) << QSize(1920, 1080);
     QTest::newRow("2160p, halved") << QSize(3840, 2160) << QSize(1920, 1080);
-    QTest::newRow("1440p, scaled") << QSize(2560, 1440) << QSize(1920, 1080);
     QTest::newRow("odd sizes, scaled") << QSize(3001, 1001) << QSize(1920, 640);
     QTest::newRow("just off halving") << QSize(3842, 2162) << QSize(1920, 1080);
     QTest::newRow("one row") << QSize(4000, 1) << QSize(1920, 1);
@@ -190,26 +109,17 @@ void OutputsRulesTest::admitsLocalViewers_data()
 {
     QTest::addColumn<QString>("peer");
     QTest::addColumn<bool>("admitted");
-    QTest::newRow("10/8") << QString("10.1.2.3") << true;
-    QTest::newRow("loopback") << QString("127.0.0.1") << true;
-    QTest::newRow("link-local") << QString("169.254.10.20") << true;
-    QTest::newRow("172.16/12 low") << QString("172.16.0.1") << true;
-    QTest::newRow("172.16/12 high") << QString("172.31.255.254") << true;
-    QTest::newRow("just above 172.16/12") << QString("172.32.0.1") << false;
-    QTest::newRow("just below 172.16/12") << QString("172.15.255.255") << false;
-    QTest::newRow("192.168/16") << QString("192.168.1.50") << true;
-    QTest::newRow("public, not ours") << QString("8.8.8.8") << false;
-    QTest::newRow("public, on our own subnet") << QString("203.0.113.77") << true;
-    QTest::newRow("public, next to our subnet") << QString("203.0.114.1") << false;
-    QTest::newRow("public, on a subnet of an interface that is down")
-        << QString("198.51.100.9") << false;
-    QTest::newRow("IPv4 mapped into IPv6") << QString("::ffff:192.168.0.9") << true;
-    QTest::newRow("IPv4 mapped, public") << QString("::ffff:8.8.4.4") << false;
-    QTest::newRow("IPv6 loopback") << QString("::1") << true;
-    QTest::newRow("IPv6 link-local") << QString("fe80::1234") << true;
-    QTest::newRow("IPv6 unique-local") << QString("fd12:3456::1") << true;
-    QTest::newRow("IPv6 global, not ours") << QString("2001:4860::8888") << false;
-    QTest::newRow("IPv6 global, our subnet") << QString("2001:db8:1::42") << true;
+    // Ours: 203.0.113.5/24 and 2001:db8:1::1/64 on interfaces that are up, 198.51.100.1/24 down.
+    const std::pair<const char*, bool> rows[] = {
+        {"10.1.2.3", true},           {"127.0.0.1", true},       {"169.254.10.20", true},
+        {"172.16.0.1", true},         {"172.31.255.254", true},  {"172.32.0.1", false},
+        {"172.15.255.255", false},    {"192.168.1.50", true},    {"8.8.8.8", false},
+        {"203.0.113.77", true},       {"203.0.114.1", false},    {"198.51.100.9", false},
+        {"::ffff:192.168.0.9", true}, {"::ffff:8.8.4.4", false}, {"::1", true},
+        {"fe80::1234", true},         {"fd12:3456::1", true},    {"2001:4860::8888", false},
+        {"2001:db8:1::42", true}};
+    for (const auto& [peer, admitted] : rows)
+        QTest::newRow(peer) << QString::fromLatin1(peer) << admitted;
 }
 
 void OutputsRulesTest::admitsLocalViewers()
@@ -258,18 +168,13 @@ void OutputsRulesTest::announcesFrameRates_data()
     QTest::addColumn<double>("duration");
     QTest::addColumn<int>("numerator");
     QTest::addColumn<int>("denominator");
-    QTest::newRow("30") << 1.0 / 30 << 30 << 1;
     QTest::newRow("25") << 0.04 << 25 << 1;
     QTest::newRow("60") << 1.0 / 60 << 60 << 1;
-    QTest::newRow("1") << 1.0 << 1 << 1;
     QTest::newRow("29.97") << 1001.0 / 30000 << 30000 << 1001;
-    QTest::newRow("59.94") << 1001.0 / 60000 << 60000 << 1001;
     QTest::newRow("23.976") << 1001.0 / 24000 << 24000 << 1001;
     QTest::newRow("12.5") << 0.08 << 12500 << 1000;
     QTest::newRow("zero") << 0.0 << 30 << 1;
-    QTest::newRow("negative") << -0.04 << 30 << 1;
     QTest::newRow("NaN") << std::nan("") << 30 << 1;
-    QTest::newRow("infinite") << std::numeric_limits<double>::infinity() << 30 << 1;
     QTest::newRow("one frame a day") << 86400.0 << 30 << 1;
     QTest::newRow("far too fast") << 1e-12 << 30 << 1;
 }
@@ -284,28 +189,10 @@ void OutputsRulesTest::announcesFrameRates()
     QCOMPARE(rate.denominator, denominator);
 }
 
-void OutputsRulesTest::fillsTheVideoFrame()
+void OutputsRulesTest::keepsThePublishedLayout()
 {
-    std::vector<std::uint8_t> pixels(64 * 4 * 36);
-    Frame frame;
-    frame.pixels = pixels.data();
-    frame.width = 60;
-    frame.height = 36;
-    frame.bytesPerLine = 64 * 4;
-    const NDIlib_video_frame_v2_t video = ndiVideoFrame(frame, 1.0 / 25);
-    QCOMPARE(video.xres, 60);
-    QCOMPARE(video.yres, 36);
-    QCOMPARE(video.FourCC, NDIlib_FourCC_video_type_BGRA);
-    QCOMPARE(QByteArray(reinterpret_cast<const char*>(&video.FourCC), 4), QByteArray("BGRA"));
-    QCOMPARE(video.frame_rate_N, 25);
-    QCOMPARE(video.frame_rate_D, 1);
-    QCOMPARE(video.picture_aspect_ratio, 0.0f);
-    QCOMPARE(video.frame_format_type, NDIlib_frame_format_type_progressive);
-    QCOMPARE(video.timecode, std::numeric_limits<std::int64_t>::max());
-    QCOMPARE(video.p_data, pixels.data());
-    QCOMPARE(video.line_stride_in_bytes, 256);
-    QCOMPARE(video.p_metadata, nullptr);
-    // The published layout, field by field, on a 64-bit system.
+    // The stand-in runtime is built from the same header, so only this sees a field moved away
+    // from where the real runtime reads it on a 64-bit system.
     QCOMPARE(offsetof(NDIlib_video_frame_v2_t, timecode), std::size_t(32));
     QCOMPARE(offsetof(NDIlib_video_frame_v2_t, p_data), std::size_t(40));
     QCOMPARE(offsetof(NDIlib_video_frame_v2_t, line_stride_in_bytes), std::size_t(48));
@@ -324,9 +211,6 @@ void OutputsRulesTest::searchesForTheRuntime_data()
     QTest::newRow("both, V6 first") << QString("/opt/ndi6/lib/") << QString("/opt/ndi5")
                                     << QStringList{"/opt/orvane/bin", "/opt/ndi6/lib", "/opt/ndi5",
                                                    "/usr/local/lib", "/usr/lib"};
-    QTest::newRow("V5 alone") << QString() << QString("/opt/ndi5")
-                              << QStringList{"/opt/orvane/bin", "/opt/ndi5", "/usr/local/lib",
-                                             "/usr/lib"};
 }
 
 void OutputsRulesTest::searchesForTheRuntime()

@@ -1,13 +1,11 @@
-// The web viewer against real clients on loopback: curl for the exact bytes, raw sockets for
-// bad and stalled viewers, and fifty viewers at once.
+// The web viewer against real clients on loopback: its answers byte for byte, curl for the
+// stream, raw sockets for bad and stalled viewers, and fifty viewers at once.
 
-#include "MjpegReader.h"
-
+#include "outputs/WebViewer.h"
 #include "base/ManualClock.h"
 #include "capture/FramePool.h"
 #include "capture/TestPatternSource.h"
 #include "outputs/WebRequest.h"
-#include "outputs/WebViewer.h"
 #include "support/NetNamespace.h"
 
 #include <QElapsedTimer>
@@ -35,55 +33,95 @@ namespace {
 int freePort()
 {
     QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost, 0))
-        return 0;
-    return probe.serverPort();
+    return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
 }
 
-// Test pattern frames from a pool, as a camera makes them.
-class Pictures {
-public:
-    Pictures(int width, int height)
-        : pool_(width, height, 8)
-        , pattern_(clock_, width, height, 30, TestPatternSource::Pacing::stepped)
-    {
-    }
-    // The next picture; with `still`, always the first picture.
-    std::shared_ptr<const Frame> next(bool still = false)
-    {
-        auto frame = pool_.acquire();
-        if (!frame)
-            return nullptr;
-        pattern_.paint(*frame, still ? 0 : number_);
-        frame->number = number_++;
-        frame->frameDuration = 1.0 / 30;
-        frame->capturedAt = std::chrono::steady_clock::now();
-        return frame;
-    }
+// Starts `viewer` on a free port; returns the port, or 0 when it does not listen.
+int serve(WebViewer& viewer, int port = freePort())
+{
+    viewer.start(port);
+    return QTest::qWaitFor([&] { return viewer.state() == WebViewer::State::listening(port); },
+                           5000)
+               ? port
+               : 0;
+}
 
-private:
-    ManualClock clock_;
-    FramePool pool_;
-    TestPatternSource pattern_;
-    std::int64_t number_ = 0;
-};
+QString url(int port, const char* path)
+{
+    return QStringLiteral("http://127.0.0.1:%1%2").arg(port).arg(QLatin1String(path));
+}
 
-QByteArray curl(const QStringList& arguments, int timeoutMs = 10000)
+QByteArray curl(const QStringList& arguments)
 {
     QProcess process;
     process.start(QStringLiteral("curl"), QStringList{"-s", "--http1.1"} + arguments);
-    if (!process.waitForFinished(timeoutMs))
+    if (!process.waitForFinished(10000))
         process.kill();
     process.waitForFinished();
     return process.readAllStandardOutput();
 }
 
-bool listen(WebViewer& viewer, int port)
+// The server still answers the next browser.
+bool stillServes(int port)
 {
-    viewer.start(port);
-    return QTest::qWaitFor([&] { return viewer.state() == WebViewer::State::listening(port); },
-                           5000);
+    return curl({url(port, "/nothing")}) == "Not found";
 }
+
+bool connectTo(int fd, quint32 ipv4, int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(quint16(port));
+    address.sin_addr.s_addr = htonl(ipv4);
+    return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+// Reads the stream as a browser does: the HTTP header, then parts of "--frame\r\nContent-Type:
+// image/jpeg\r\nContent-Length: N\r\n\r\n" + N bytes + "\r\n", in pieces of any size. Marks
+// the stream broken at the first byte that does not fit.
+struct MjpegReader {
+    QByteArray buffer, header, lastJpeg;
+    int parts = 0;
+    bool broken = false;
+
+    void feed(QByteArrayView bytes)
+    {
+        static const QByteArray start = "--frame\r\nContent-Type: image/jpeg\r\nContent-Length: ";
+        buffer.append(bytes);
+        if (header.isEmpty()) {
+            const qsizetype end = buffer.indexOf("\r\n\r\n");
+            if (end < 0)
+                return;
+            header = buffer.first(end + 4);
+            buffer.remove(0, end + 4);
+        }
+        while (!broken) {
+            if (buffer.size() < start.size()) {
+                broken = !start.startsWith(buffer);
+                return;
+            }
+            const qsizetype lengthEnd = buffer.indexOf("\r\n\r\n", start.size());
+            if (!buffer.startsWith(start) || lengthEnd < 0) {
+                broken = !buffer.startsWith(start) || buffer.size() > start.size() + 12;
+                return;
+            }
+            bool ok = false;
+            const qsizetype length =
+                buffer.mid(start.size(), lengthEnd - start.size()).toLongLong(&ok);
+            const qsizetype partEnd = lengthEnd + 4 + length + 2;
+            if (!ok || length <= 0) {
+                broken = true;
+            } else if (buffer.size() >= partEnd) {
+                broken = buffer.mid(partEnd - 2, 2) != "\r\n";
+                lastJpeg = buffer.mid(lengthEnd + 4, length);
+                parts += broken ? 0 : 1;
+                buffer.remove(0, partEnd);
+            } else {
+                return;
+            }
+        }
+    }
+};
 
 // A viewer of the stream that reads everything as it comes.
 struct StreamViewer {
@@ -98,82 +136,169 @@ struct StreamViewer {
     }
 };
 
+// Test pattern frames from a pool, as a camera makes them.
+struct Pictures {
+    ManualClock clock;
+    FramePool pool;
+    TestPatternSource pattern;
+    std::int64_t number = 0;
+    Pictures(int width, int height)
+        : pool(width, height, 8)
+        , pattern(clock, width, height, 30, TestPatternSource::Pacing::stepped)
+    {
+    }
+    std::shared_ptr<const Frame> next()
+    {
+        auto frame = pool.acquire();
+        if (frame)
+            pattern.paint(*frame, number++);
+        return frame;
+    }
+};
+
+QByteArray plain(const QByteArray& status, const QByteArray& type, const QByteArray& body,
+                 qsizetype length)
+{
+    return "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
+           "\r\nContent-Length: " + QByteArray::number(length) +
+           "\r\nCache-Control: no-cache\r\nConnection: close\r\n\r\n" + body;
+}
+
+const QByteArray kStreamHeader =
+    "HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=frame\r\n"
+    "Cache-Control: no-cache, no-store\r\nPragma: no-cache\r\nConnection: close\r\n\r\n";
+
 } // namespace
 
 class WebViewerTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void answersCurlByteForByte_data();
-    void answersCurlByteForByte();
+    void answersByteForByte_data();
+    void answersByteForByte();
     void streamsScaledPicturesToCurl();
-    void pacesEncoding_data();
     void pacesEncoding();
-    void dropsFramesWhileEncoding();
-    void encodesNothingWithoutViewers();
     void admitsOnlyTheLocalNetwork_data();
     void admitsOnlyTheLocalNetwork();
     void reportsPortFailures_data();
     void reportsPortFailures();
-    void restartsOnTheSamePort();
-    void survivesBadInput_data();
-    void survivesBadInput();
     void closesConnectionsThatNeverAsk();
-    void servesFiftyViewersAndDropsAStalledOne();
+    void servesFiftyViewersDropsAStalledOneAndRestarts();
 };
 
-void WebViewerTest::answersCurlByteForByte_data()
+void WebViewerTest::answersByteForByte_data()
 {
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QByteArray>("output");
+    QTest::addColumn<QByteArray>("request");
+    QTest::addColumn<QByteArray>("answer");
+    QTest::addColumn<bool>("byteBySecond");
+    QTest::addColumn<double>("closedWithin"); // seconds; the request time-out is 2.5
+
     const QByteArray page = webPage();
-    const auto head = [](const QByteArray& status, const QByteArray& type, qsizetype length) {
-        return "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
-               "\r\nContent-Length: " + QByteArray::number(length) +
-               "\r\nCache-Control: no-cache\r\nConnection: close\r\n\r\n";
-    };
-    QTest::newRow("page") << QStringList{"-i", "/"}
-                          << head("200 OK", "text/html; charset=utf-8", page.size()) + page;
-    QTest::newRow("page, HEAD") << QStringList{"-I", "/?x=1"}
-                                << head("200 OK", "text/html; charset=utf-8", page.size());
-    QTest::newRow("stream, HEAD") << QStringList{"-I", "/stream.mjpg"}
-                                  << head("200 OK", "multipart/x-mixed-replace; boundary=frame", 0);
-    QTest::newRow("favicon") << QStringList{"-i", "/favicon.ico"}
-                             << head("404 Not Found", "text/plain", 9) + "Not found";
+    const QByteArray html = "text/html; charset=utf-8";
+    const QByteArray notFound = plain("404 Not Found", "text/plain", "Not found", 9);
+    const QByteArray notAllowed =
+        plain("405 Method Not Allowed", "text/plain", "Method not allowed", 18);
+    const QByteArray tail = " HTTP/1.1\r\nHost: stage:8090\r\n\r\n";
+
+    QTest::newRow("page") << "GET /" + tail << plain("200 OK", html, page, page.size()) << false
+                          << 1.0;
+    QTest::newRow("page, query ignored")
+        << "GET /?reload=1" + tail << plain("200 OK", html, page, page.size()) << false << 1.0;
+    QTest::newRow("empty path is the page")
+        << "GET ?x" + tail << plain("200 OK", html, page, page.size()) << false << 1.0;
+    QTest::newRow("page, HEAD has no body")
+        << "HEAD /" + tail << plain("200 OK", html, {}, page.size()) << false << 1.0;
+    QTest::newRow("stream") << "GET /stream.mjpg" + tail << kStreamHeader << false << 1.0;
+    QTest::newRow("stream, HEAD") << "HEAD /stream.mjpg" + tail
+                                  << plain("200 OK", "multipart/x-mixed-replace; boundary=frame",
+                                           {}, 0)
+                                  << false << 1.0;
+    QTest::newRow("unknown path") << "GET /favicon.ico" + tail << notFound << false << 1.0;
+    QTest::newRow("unknown path, HEAD")
+        << "HEAD /favicon.ico" + tail << plain("404 Not Found", "text/plain", {}, 9) << false
+        << 1.0;
+    QTest::newRow("path is case-sensitive")
+        << "GET /Stream.mjpg" + tail << notFound << false << 1.0;
+    QTest::newRow("POST") << "POST /" + tail << notAllowed << false << 1.0;
+    QTest::newRow("lower-case method") << "get /" + tail << notAllowed << false << 1.0;
+    QTest::newRow("method alone") << QByteArray("GET\r\n\r\n") << notAllowed << false << 1.0;
+    QTest::newRow("empty request line") << QByteArray("\r\n\r\n") << notAllowed << false << 1.0;
+    QTest::newRow("spaces run together")
+        << QByteArray("GET   /stream.mjpg   HTTP/1.1\r\n\r\n") << kStreamHeader << false << 1.0;
+    QTest::newRow("no version") << QByteArray("GET /\r\n\r\n")
+                                << plain("200 OK", html, page, page.size()) << false << 1.0;
+    QTest::newRow("NUL in the path")
+        << QByteArray("GET /stream.mjpg\0x HTTP/1.1\r\n\r\n", 32) << notFound << false << 1.0;
+    // Bad input: answered or closed in time, and the server stays for the next browser.
+    QTest::newRow("not HTTP, with an end of header")
+        << QByteArray("\x16\x03\x01\x00\xa5\x01\x00\x00\xa1\x03\x03\r\n\r\n", 15) << notAllowed
+        << false << 1.0;
+    QTest::newRow("not HTTP, no end of header: closed at the request time-out")
+        << QByteArray("\x16\x03\x01\x00\xa5\x01\x00\x00\xa1\x03\x03", 11) << QByteArray() << false
+        << 4.0;
+    QTest::newRow("100 KB without an end of header: closed at once")
+        << QByteArray("GET /") + QByteArray(100 * 1024, 'a') << QByteArray() << false << 1.0;
+    QTest::newRow("a byte a second: closed at the request time-out")
+        << QByteArray("GET /stream.mjpg HTTP/1.1\r\n\r\n") << QByteArray() << true << 4.0;
     QTest::newRow("POST with a body")
-        << QStringList{"-i", "-X", "POST", "--data", QString(2000, QLatin1Char('x')), "/"}
-        << head("405 Method Not Allowed", "text/plain", 18) + "Method not allowed";
-    QTest::newRow("DELETE") << QStringList{"-i", "-X", "DELETE", "/stream.mjpg"}
-                            << head("405 Method Not Allowed", "text/plain", 18) +
-                                   "Method not allowed";
+        << QByteArray("POST / HTTP/1.1\r\nContent-Length: 3000\r\n\r\n") + QByteArray(3000, 'p')
+        << notAllowed << false << 3.0;
 }
 
-void WebViewerTest::answersCurlByteForByte()
+void WebViewerTest::answersByteForByte()
 {
-    QFETCH(QStringList, arguments);
-    QFETCH(QByteArray, output);
-    const int port = freePort();
-    WebViewer viewer;
-    QVERIFY(listen(viewer, port));
-    const QString base = QStringLiteral("http://127.0.0.1:%1").arg(port);
-    arguments.last() = base + arguments.last();
-    QCOMPARE(curl(arguments), output);
+    QFETCH(QByteArray, request);
+    QFETCH(QByteArray, answer);
+    QFETCH(bool, byteBySecond);
+    QFETCH(double, closedWithin);
+    WebViewer viewer({/*request=*/2.5, /*stalledSend=*/5});
+    const int port = serve(viewer);
+    QVERIFY(port);
+    QTcpSocket client;
+    QByteArray received;
+    QObject::connect(&client, &QTcpSocket::readyRead, [&] { received += client.readAll(); });
+    client.connectToHost(QHostAddress::LocalHost, quint16(port));
+    QVERIFY(client.waitForConnected(3000));
+    QElapsedTimer clock;
+    clock.start();
+    QTimer trickle;
+    qsizetype sent = 0;
+    QObject::connect(&trickle, &QTimer::timeout, [&] {
+        if (sent < request.size() && client.state() == QAbstractSocket::ConnectedState)
+            client.write(request.mid(sent++, 1));
+    });
+    if (byteBySecond)
+        trickle.start(1000);
+    else
+        client.write(request);
+    // Every answer but the stream's ends the connection; the stream makes a viewer.
+    const bool isStream = answer == kStreamHeader;
+    QTRY_VERIFY_WITH_TIMEOUT(isStream ? received.size() >= answer.size()
+                                      : client.state() == QAbstractSocket::UnconnectedState,
+                             int(closedWithin * 1000) + 1000);
+    QVERIFY2(clock.elapsed() <= closedWithin * 1000 + 500,
+             qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(received, answer);
+    QTRY_COMPARE(viewer.viewers(), isStream ? 1 : 0);
+    QVERIFY(stillServes(port));
 }
 
 void WebViewerTest::streamsScaledPicturesToCurl()
 {
-    const int port = freePort();
     WebViewer viewer;
-    QVERIFY(listen(viewer, port));
+    const int port = serve(viewer);
+    QVERIFY(port);
     Pictures pictures(3840, 2160);
     QTimer camera;
-    QObject::connect(&camera, &QTimer::timeout, [&] { viewer.send(pictures.next(true)); });
+    QObject::connect(&camera, &QTimer::timeout, [&] { viewer.send(pictures.next()); });
     camera.start(33);
+    // Nothing is encoded while nobody watches.
+    QTest::qWait(200);
+    QCOMPARE(viewer.encodedFramesForTesting(), 0);
 
     QProcess process;
     process.start(QStringLiteral("curl"),
-                  {"-s", "-i", "--max-time", "3",
-                   QStringLiteral("http://127.0.0.1:%1/stream.mjpg?123").arg(port)});
+                  {"-s", "-i", "--max-time", "3", url(port, "/stream.mjpg?123")});
     QTRY_COMPARE_WITH_TIMEOUT(viewer.viewers(), 1, 5000);
     // Waiting on the event loop, so the camera keeps running.
     QTRY_COMPARE_WITH_TIMEOUT(process.state(), QProcess::NotRunning, 10000);
@@ -181,97 +306,44 @@ void WebViewerTest::streamsScaledPicturesToCurl()
 
     MjpegReader reader;
     reader.feed(process.readAllStandardOutput());
-    QCOMPARE(reader.header(),
-             "HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=frame\r\n"
-             "Cache-Control: no-cache, no-store\r\nPragma: no-cache\r\nConnection: close\r\n\r\n");
-    QVERIFY(!reader.isBroken());
+    QCOMPARE(reader.header, kStreamHeader);
+    QVERIFY(!reader.broken);
     // About 3 s at no more than 25 a second, the first few waiting for the first encode.
-    QVERIFY2(reader.parts() >= 5 && reader.parts() <= 80,
-             qPrintable(QString::number(reader.parts())));
-    const QImage picture = QImage::fromData(reader.lastJpeg(), "JPEG");
-    QCOMPARE(picture.size(), QSize(1920, 1080));
-    // The picture is the frame, halved: compare with Qt's own smooth scaling.
-    Pictures reference(3840, 2160);
-    auto frame = std::const_pointer_cast<Frame>(reference.next(true));
-    const QImage expected =
-        frame->image().scaled(1920, 1080, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-    double difference = 0;
-    for (int y = 0; y < 1080; y += 3) {
-        for (int x = 0; x < 1920; x += 3)
-            difference += qAbs(qGray(picture.pixel(x, y)) - qGray(expected.pixel(x, y)));
-    }
-    difference /= 640.0 * 360.0;
-    QVERIFY2(difference < 4, qPrintable(QString::number(difference)));
-}
-
-void WebViewerTest::pacesEncoding_data()
-{
-    QTest::addColumn<double>("gap");
-    QTest::addColumn<int>("encoded");
-    QTest::newRow("20 ms: the second is dropped") << 0.02 << 1;
-    QTest::newRow("39 ms: the second is dropped") << 0.039 << 1;
-    QTest::newRow("40 ms: both") << 0.04 << 2;
-    QTest::newRow("100 ms: both") << 0.1 << 2;
+    QVERIFY2(reader.parts >= 5 && reader.parts <= 80, qPrintable(QString::number(reader.parts)));
+    QCOMPARE(QImage::fromData(reader.lastJpeg, "JPEG").size(), QSize(1920, 1080));
 }
 
 void WebViewerTest::pacesEncoding()
 {
-    QFETCH(double, gap);
-    QFETCH(int, encoded);
     ManualClock clock;
-    const int port = freePort();
     WebViewer viewer({}, clock);
-    QVERIFY(listen(viewer, port));
-    StreamViewer watcher(port);
-    QTRY_COMPARE(viewer.viewers(), 1);
-    Pictures pictures(640, 360);
-
-    viewer.send(pictures.next());
-    QTRY_COMPARE(viewer.encodedFramesForTesting(), 1);
-    QTRY_COMPARE(watcher.reader.parts(), 1);
-    clock.advance(gap);
-    viewer.send(pictures.next());
-    QTRY_COMPARE(watcher.reader.parts(), encoded);
-    QTest::qWait(100); // nothing else comes
-    QCOMPARE(viewer.encodedFramesForTesting(), encoded);
-    QCOMPARE(watcher.reader.parts(), encoded);
-}
-
-void WebViewerTest::dropsFramesWhileEncoding()
-{
-    ManualClock clock;
-    const int port = freePort();
-    WebViewer viewer({}, clock);
-    QVERIFY(listen(viewer, port));
+    const int port = serve(viewer);
+    QVERIFY(port);
     StreamViewer watcher(port);
     QTRY_COMPARE(viewer.viewers(), 1);
     Pictures pictures(3840, 2160);
-    const auto first = pictures.next();
-    const auto second = pictures.next();
-    viewer.send(first);
-    clock.advance(0.1);
-    viewer.send(second); // the 4K encode of the first takes far longer than this call
-    QTRY_COMPARE(watcher.reader.parts(), 1);
+    std::vector<std::shared_ptr<const Frame>> frames(6); // painted ahead: painting 4K is slow
+    std::generate(frames.begin(), frames.end(), [&] { return pictures.next(); });
+    const auto send = [&](double after) {
+        clock.advance(after);
+        viewer.send(frames.back());
+        frames.pop_back();
+    };
+    send(0);
+    QTRY_COMPARE(watcher.reader.parts, 1);
+    send(0.039); // under 40 ms after the last: dropped
+    QTest::qWait(100);
+    QCOMPARE(watcher.reader.parts, 1);
+    send(0.001); // 40 ms: taken
+    QTRY_COMPARE(watcher.reader.parts, 2);
+    send(0.1);
+    QTest::qWait(1); // the 4K encode of the last takes far longer than this: the next is dropped
+    send(0.1);
+    QTRY_COMPARE(watcher.reader.parts, 3);
     QTest::qWait(200);
-    QCOMPARE(viewer.encodedFramesForTesting(), 1);
-    // Once the encode is done, the next frame is taken again.
-    clock.advance(0.1);
-    viewer.send(second);
-    QTRY_COMPARE(watcher.reader.parts(), 2);
-}
-
-void WebViewerTest::encodesNothingWithoutViewers()
-{
-    const int port = freePort();
-    WebViewer viewer;
-    QVERIFY(listen(viewer, port));
-    Pictures pictures(640, 360);
-    for (int i = 0; i < 5; ++i) {
-        viewer.send(pictures.next());
-        QTest::qWait(50);
-    }
-    QCOMPARE(curl({QStringLiteral("http://127.0.0.1:%1/favicon.ico").arg(port)}), "Not found");
-    QCOMPARE(viewer.encodedFramesForTesting(), 0);
+    QCOMPARE(viewer.encodedFramesForTesting(), 3);
+    send(0.1); // once the encode is done, the next frame is taken again
+    QTRY_COMPARE(watcher.reader.parts, 4);
 }
 
 void WebViewerTest::admitsOnlyTheLocalNetwork_data()
@@ -300,18 +372,14 @@ void WebViewerTest::admitsOnlyTheLocalNetwork()
         host->runIpInside({"route", "add", "192.0.2.1/32", "dev", host->peerInterface()}, &error),
         qPrintable(error));
 
-    const int port = freePort();
     WebViewer viewer;
-    QVERIFY(listen(viewer, port));
+    const int port = serve(viewer);
+    QVERIFY(port);
     const int fd = host->socket(SOCK_STREAM);
     QVERIFY(fd >= 0);
     const timeval wait{5, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(quint16(port));
-    address.sin_addr.s_addr = htonl(ours.toIPv4Address());
-    QCOMPARE(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    QVERIFY(connectTo(fd, ours.toIPv4Address(), port));
     const QByteArray ask = "GET /favicon.ico HTTP/1.1\r\n\r\n";
     ::send(fd, ask.constData(), std::size_t(ask.size()), MSG_NOSIGNAL);
     QByteArray received;
@@ -359,88 +427,11 @@ void WebViewerTest::reportsPortFailures()
     QCOMPARE(changes.size(), 1);
 }
 
-void WebViewerTest::restartsOnTheSamePort()
-{
-    const int port = freePort();
-    WebViewer viewer;
-    QVERIFY(listen(viewer, port));
-    StreamViewer watcher(port);
-    QTRY_COMPARE(viewer.viewers(), 1);
-    viewer.stop();
-    QTRY_COMPARE(viewer.state(), WebViewer::State{});
-    QTRY_COMPARE(viewer.viewers(), 0);
-    QTRY_COMPARE(watcher.socket.state(), QAbstractSocket::UnconnectedState);
-    QVERIFY(listen(viewer, port)); // no "in use" from the connections just closed
-    QCOMPARE(curl({QStringLiteral("http://127.0.0.1:%1/x").arg(port)}), "Not found");
-}
-
-void WebViewerTest::survivesBadInput_data()
-{
-    QTest::addColumn<QByteArray>("request");
-    QTest::addColumn<bool>("byteBySecond");
-    QTest::addColumn<QByteArray>("answerStart");
-    QTest::addColumn<double>("closedWithin");
-
-    const QByteArray notAllowed = "HTTP/1.1 405 Method Not Allowed\r\n";
-    QTest::newRow("not HTTP, with an end of header")
-        << QByteArray("\x16\x03\x01\x00\xa5\x01\x00\x00\xa1\x03\x03\r\n\r\n", 15) << false
-        << notAllowed << 1.0;
-    QTest::newRow("not HTTP, no end of header: closed at the request time-out")
-        << QByteArray("\x16\x03\x01\x00\xa5\x01\x00\x00\xa1\x03\x03", 11) << false << QByteArray()
-        << 4.0;
-    QTest::newRow("100 KB without an end of header: closed at once")
-        << QByteArray("GET /") + QByteArray(100 * 1024, 'a') << false << QByteArray() << 1.0;
-    QTest::newRow("a byte a second: closed at the request time-out")
-        << QByteArray("GET /stream.mjpg HTTP/1.1\r\n\r\n") << true << QByteArray() << 4.0;
-    QTest::newRow("POST with a body")
-        << QByteArray("POST / HTTP/1.1\r\nContent-Length: 3000\r\n\r\n") + QByteArray(3000, 'p')
-        << false << notAllowed << 3.0;
-}
-
-void WebViewerTest::survivesBadInput()
-{
-    QFETCH(QByteArray, request);
-    QFETCH(bool, byteBySecond);
-    QFETCH(QByteArray, answerStart);
-    QFETCH(double, closedWithin);
-
-    const int port = freePort();
-    WebViewer viewer({/*request=*/2.5, /*stalledSend=*/5});
-    QVERIFY(listen(viewer, port));
-    QTcpSocket client;
-    QByteArray received;
-    QObject::connect(&client, &QTcpSocket::readyRead, [&] { received += client.readAll(); });
-    client.connectToHost(QHostAddress::LocalHost, quint16(port));
-    QVERIFY(client.waitForConnected(3000));
-    QElapsedTimer clock;
-    clock.start();
-    QTimer trickle;
-    qsizetype sent = 0;
-    QObject::connect(&trickle, &QTimer::timeout, [&] {
-        if (sent < request.size() && client.state() == QAbstractSocket::ConnectedState)
-            client.write(request.mid(sent++, 1));
-    });
-    if (byteBySecond)
-        trickle.start(1000);
-    else
-        client.write(request);
-    QTRY_COMPARE_WITH_TIMEOUT(client.state(), QAbstractSocket::UnconnectedState,
-                              int(closedWithin * 1000) + 1000);
-    QVERIFY2(clock.elapsed() <= closedWithin * 1000 + 500,
-             qPrintable(QString::number(clock.elapsed())));
-    if (answerStart.isEmpty())
-        QCOMPARE(received, QByteArray());
-    else
-        QVERIFY2(received.startsWith(answerStart), received.constData());
-    // The server is still there for the next browser.
-    QCOMPARE(curl({QStringLiteral("http://127.0.0.1:%1/nothing").arg(port)}), "Not found");
-}
-
 void WebViewerTest::closesConnectionsThatNeverAsk()
 {
-    const int port = freePort();
     WebViewer viewer({/*request=*/3, /*stalledSend=*/5});
-    QVERIFY(listen(viewer, port));
+    const int port = serve(viewer);
+    QVERIFY(port);
     std::vector<std::unique_ptr<QTcpSocket>> idle;
     for (int i = 0; i < 500; ++i) {
         idle.push_back(std::make_unique<QTcpSocket>());
@@ -452,16 +443,15 @@ void WebViewerTest::closesConnectionsThatNeverAsk()
         });
     };
     QTRY_COMPARE_WITH_TIMEOUT(connected(), 500, 5000);
-    // While they wait, a real browser is served.
-    QCOMPARE(curl({QStringLiteral("http://127.0.0.1:%1/nothing").arg(port)}), "Not found");
+    QVERIFY(stillServes(port)); // while they wait
     QTRY_COMPARE_WITH_TIMEOUT(connected(), 0, 8000);
 }
 
-void WebViewerTest::servesFiftyViewersAndDropsAStalledOne()
+void WebViewerTest::servesFiftyViewersDropsAStalledOneAndRestarts()
 {
-    const int port = freePort();
     WebViewer viewer;
-    QVERIFY(listen(viewer, port));
+    const int port = serve(viewer);
+    QVERIFY(port);
     std::vector<std::unique_ptr<StreamViewer>> watchers;
     for (int i = 0; i < 50; ++i)
         watchers.push_back(std::make_unique<StreamViewer>(port));
@@ -472,11 +462,7 @@ void WebViewerTest::servesFiftyViewersAndDropsAStalledOne()
     QVERIFY(stalled >= 0);
     const int window = 16 * 1024;
     ::setsockopt(stalled, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(quint16(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    QCOMPARE(::connect(stalled, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    QVERIFY(connectTo(stalled, INADDR_LOOPBACK, port));
     const QByteArray ask = "GET /stream.mjpg HTTP/1.1\r\n\r\n";
     QCOMPARE(::send(stalled, ask.constData(), std::size_t(ask.size()), 0), ask.size());
     QTRY_COMPARE(viewer.viewers(), 51);
@@ -496,31 +482,41 @@ void WebViewerTest::servesFiftyViewersAndDropsAStalledOne()
     const int encodedAtDrop = viewer.encodedFramesForTesting();
     std::vector<int> partsAtDrop;
     for (const auto& watcher : watchers)
-        partsAtDrop.push_back(watcher->reader.parts());
+        partsAtDrop.push_back(watcher->reader.parts);
 
-    QTest::qWait(int(30000 - clock.elapsed()));
+    // Three seconds more, to see everyone keep the pace after the drop too.
+    QTest::qWait(3000);
     camera.stop();
     QTest::qWait(300);
     ::close(stalled);
 
     const int encoded = viewer.encodedFramesForTesting();
-    qInfo("encoded %d frames in 30 s; the stalled viewer was dropped after %lld ms", encoded,
-          droppedAfter);
-    QVERIFY2(encoded >= 150, qPrintable(QString::number(encoded))); // camera at 30, web at 15
+    const qint64 elapsed = clock.elapsed();
+    qInfo("encoded %d frames in %lld ms; the stalled viewer was dropped after %lld ms", encoded,
+          elapsed, droppedAfter);
+    // The camera at 30 a second, the web at no less than 5 on a loaded machine.
+    QVERIFY2(encoded >= elapsed * 5 / 1000, qPrintable(QString::number(encoded)));
     for (std::size_t i = 0; i < watchers.size(); ++i) {
         const auto& reader = watchers[i]->reader;
-        QVERIFY(!reader.isBroken());
-        // Everyone kept the pace while the stalled viewer hung, and after.
-        QVERIFY2(partsAtDrop[i] >= encodedAtDrop * 8 / 10,
-                 qPrintable(QStringLiteral("viewer %1: %2 of %3 before the drop")
+        QVERIFY(!reader.broken);
+        QVERIFY2(partsAtDrop[i] >= encodedAtDrop * 8 / 10 && reader.parts >= encoded * 8 / 10,
+                 qPrintable(QStringLiteral("viewer %1: %2 of %3 before the drop, %4 of %5")
                                 .arg(i)
                                 .arg(partsAtDrop[i])
-                                .arg(encodedAtDrop)));
-        QVERIFY2(
-            reader.parts() >= encoded * 8 / 10,
-            qPrintable(
-                QStringLiteral("viewer %1: %2 of %3").arg(i).arg(reader.parts()).arg(encoded)));
+                                .arg(encodedAtDrop)
+                                .arg(reader.parts)
+                                .arg(encoded)));
     }
+
+    // Stopped, every viewer is closed, and the port is free again at once: no "in use" from
+    // the connections just closed.
+    viewer.stop();
+    QTRY_COMPARE(viewer.state(), WebViewer::State{});
+    QTRY_COMPARE(viewer.viewers(), 0);
+    for (const auto& watcher : watchers)
+        QTRY_COMPARE(watcher->socket.state(), QAbstractSocket::UnconnectedState);
+    QCOMPARE(serve(viewer, port), port);
+    QVERIFY(stillServes(port));
 }
 
 QTEST_GUILESS_MAIN(WebViewerTest)

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <type_traits>
 
 using namespace orvane;
 using namespace orvane::wire;
@@ -60,33 +61,12 @@ namespace {
 
 // An argument written the short way: a C string is text, not a bool.
 struct Arg {
-    Arg(int value)
-        : value(std::int32_t(value))
+    template <class T> Arg(T value)
     {
-    }
-    Arg(float value)
-        : value(value)
-    {
-    }
-    Arg(const char* value)
-        : value(std::string(value))
-    {
-    }
-    Arg(std::string value)
-        : value(std::move(value))
-    {
-    }
-    Arg(QByteArray value)
-        : value(std::move(value))
-    {
-    }
-    Arg(bool value)
-        : value(value)
-    {
-    }
-    Arg(OSCNull value)
-        : value(value)
-    {
+        if constexpr (std::is_same_v<T, const char*>)
+            this->value = std::string(value);
+        else
+            this->value = std::move(value);
     }
     OSCArgument value;
 };

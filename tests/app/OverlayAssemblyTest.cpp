@@ -13,33 +13,17 @@ const WallTime t0 = WallTime(std::chrono::seconds(1'795'464'907));
 
 EosCue cue(const char* list, const char* number, const char* label, std::optional<int> percent)
 {
-    EosCue made;
-    made.list = QString::fromLatin1(list);
-    made.number = QString::fromLatin1(number);
-    made.label = QString::fromLatin1(label);
-    made.percent = percent;
-    return made;
-}
-
-EosCuePart part(const char* number, const char* label, int percent, std::optional<FadeClock> clock)
-{
-    EosCuePart made;
-    made.number = QString::fromLatin1(number);
-    made.label = QString::fromLatin1(label);
-    made.percent = percent;
-    made.sampledAt = t0;
-    made.hasText = true;
-    made.clock = clock;
-    return made;
+    return EosCue{list, number, std::nullopt, std::nullopt, label, "", percent};
 }
 
 FadeClock fade(double seconds)
 {
-    FadeClock clock;
-    clock.fade = seconds;
-    clock.startedAt = t0;
-    clock.advancedAt = t0;
-    return clock;
+    return FadeClock{seconds, t0, 0, t0, false};
+}
+
+EosCuePart part(const char* number, const char* label, int percent, std::optional<FadeClock> clock)
+{
+    return EosCuePart{number, label, "", percent, t0, true, clock};
 }
 
 QLabCue qlabCue(const char* id, const char* number, const char* name, std::optional<double> elapsed,
@@ -47,9 +31,9 @@ QLabCue qlabCue(const char* id, const char* number, const char* name, std::optio
                 std::optional<WallTime> startedAt, bool paused = false)
 {
     QLabCue made;
-    made.id = QString::fromLatin1(id);
-    made.number = QString::fromLatin1(number);
-    made.name = QString::fromLatin1(name);
+    made.id = id;
+    made.number = number;
+    made.name = name;
     made.type = QStringLiteral("Audio");
     made.actionElapsed = elapsed;
     made.duration = duration;

@@ -4,7 +4,6 @@
 #include "app/RecordingNames.h"
 #include "app/ShowEvents.h"
 
-#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
@@ -15,226 +14,138 @@ class CueLogTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void formatsTimes_data();
-    void formatsTimes();
-    void escapesFields_data();
-    void escapesFields();
-    void writesTheWholeFile();
-    void placesTheLogBesideTheMovie_data();
-    void placesTheLogBesideTheMovie();
-    void reportsAFileItCannotWrite();
-    void namesMovies_data();
-    void namesMovies();
-    void keepsAnEarlierMovieOfTheSameSecond();
-    void decidesWhichEventsAddRows_data();
+    void writesRows_data();
+    void writesRows();
+    void writesTheFileOrSaysWhyNot();
+    void namesFiles_data();
+    void namesFiles();
     void decidesWhichEventsAddRows();
     void addsARowPerQLabCueStart();
 };
 
-void CueLogTest::formatsTimes_data()
+namespace {
+const QByteArray header("Recording Time,Timecode,Event,Detail\n");
+}
+
+void CueLogTest::writesRows_data()
 {
     QTest::addColumn<double>("elapsed");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("start") << 0.0 << "00:00:00";
-    QTest::newRow("just under a second") << 0.999 << "00:00:00";
-    QTest::newRow("truncated, not rounded") << 3725.9 << "01:02:05";
-    QTest::newRow("hours past a day are not wrapped") << 90000.0 << "25:00:00";
-    QTest::newRow("a hundred hours") << 360000.0 << "100:00:00";
-    QTest::newRow("a clock set back counts as the start") << -3.5 << "00:00:00";
-    QTest::newRow("not a number") << std::nan("") << "00:00:00";
-    QTest::newRow("infinite") << HUGE_VAL << "00:00:00";
+    QTest::addColumn<QString>("detail");
+    QTest::addColumn<QString>("row");
+    // The recording time: hours, minutes and seconds, truncated, never negative.
+    QTest::newRow("start") << 0.0 << "x"
+                           << "00:00:00,,Marker,x";
+    QTest::newRow("just under a second") << 0.999 << "x"
+                                         << "00:00:00,,Marker,x";
+    QTest::newRow("truncated, not rounded") << 3725.9 << "x"
+                                            << "01:02:05,,Marker,x";
+    QTest::newRow("hours past a day are not wrapped") << 90000.0 << "x"
+                                                      << "25:00:00,,Marker,x";
+    QTest::newRow("a hundred hours") << 360000.0 << "x"
+                                     << "100:00:00,,Marker,x";
+    QTest::newRow("a clock set back counts as the start") << -3.5 << "x"
+                                                          << "00:00:00,,Marker,x";
+    QTest::newRow("not a number") << std::nan("") << "x"
+                                  << "00:00:00,,Marker,x";
+    QTest::newRow("infinite") << HUGE_VAL << "x"
+                              << "00:00:00,,Marker,x";
+    // The detail: quoted only when it holds a comma, a quote or a line feed.
+    QTest::newRow("plain, with spaces") << 0.0 << "Opening Number"
+                                        << "00:00:00,,Marker,Opening Number";
+    QTest::newRow("empty") << 0.0 << ""
+                           << "00:00:00,,Marker,";
+    QTest::newRow("comma and quotes") << 0.0 << "Scene 1, \"Opening\""
+                                      << "00:00:00,,Marker,\"Scene 1, \"\"Opening\"\"\"";
+    QTest::newRow("a quote alone") << 0.0 << "6\" pipe"
+                                   << "00:00:00,,Marker,\"6\"\" pipe\"";
+    QTest::newRow("line feed") << 0.0 << "two\nlines"
+                               << "00:00:00,,Marker,\"two\nlines\"";
+    QTest::newRow("carriage return stays bare") << 0.0 << "a\rb"
+                                                << "00:00:00,,Marker,a\rb";
+    QTest::newRow("semicolon stays bare") << 0.0 << "a;b"
+                                          << "00:00:00,,Marker,a;b";
+    QTest::newRow("accents") << 0.0 << "Überfahrt – Akt 2"
+                             << "00:00:00,,Marker,Überfahrt – Akt 2";
 }
 
-void CueLogTest::formatsTimes()
+void CueLogTest::writesRows()
 {
     QFETCH(double, elapsed);
-    QFETCH(QString, text);
-    QCOMPARE(cueLogTime(elapsed), text);
+    QFETCH(QString, detail);
+    QFETCH(QString, row);
+    QCOMPARE(cueLogCSV({{elapsed, "", "Marker", detail}}), header + row.toUtf8() + '\n');
 }
 
-void CueLogTest::escapesFields_data()
+void CueLogTest::writesTheFileOrSaysWhyNot()
 {
-    QTest::addColumn<QString>("field");
-    QTest::addColumn<QString>("written");
-    QTest::newRow("plain, with spaces") << "Opening Number"
-                                        << "Opening Number";
-    QTest::newRow("empty") << ""
-                           << "";
-    QTest::newRow("comma and quotes") << "Scene 1, \"Opening\""
-                                      << "\"Scene 1, \"\"Opening\"\"\"";
-    QTest::newRow("a quote alone") << "6\" pipe"
-                                   << "\"6\"\" pipe\"";
-    QTest::newRow("line feed") << "two\nlines"
-                               << "\"two\nlines\"";
-    QTest::newRow("carriage return stays bare") << "a\rb"
-                                                << "a\rb";
-    QTest::newRow("semicolon stays bare") << "a;b"
-                                          << "a;b";
-    QTest::newRow("accents") << "Überfahrt – Akt 2"
-                             << "Überfahrt – Akt 2";
-}
-
-void CueLogTest::escapesFields()
-{
-    QFETCH(QString, field);
-    QFETCH(QString, written);
-    QCOMPARE(cueLogField(field), written);
-}
-
-void CueLogTest::writesTheWholeFile()
-{
-    QCOMPARE(cueLogCSV({}), QByteArray("Recording Time,Timecode,Event,Detail\n"));
-    const QList<CueLogEntry> entries{
-        {0.4, "01:00:00:10", "Cue 1", "Preset"},
-        {3725.9, "", "Marker", "Scene 1, \"Opening\""},
-        {90000, "01:00:05:00", "Cue 14.5", "Storm"},
-    };
-    QCOMPARE(cueLogCSV(entries), QByteArray("Recording Time,Timecode,Event,Detail\n"
-                                            "00:00:00,01:00:00:10,Cue 1,Preset\n"
-                                            "01:02:05,,Marker,\"Scene 1, \"\"Opening\"\"\"\n"
-                                            "25:00:00,01:00:05:00,Cue 14.5,Storm\n"));
-    QVERIFY(!cueLogCSV(entries).contains('\r'));
-}
-
-void CueLogTest::placesTheLogBesideTheMovie_data()
-{
-    QTest::addColumn<QString>("movie");
-    QTest::addColumn<QString>("log");
-    QTest::newRow("mov") << "/r/Stage 2026-03-14 19.30.05.mov"
-                         << "/r/Stage 2026-03-14 19.30.05.csv";
-    QTest::newRow("dots in the folder") << "/r.d/Act 1.2 x.mov"
-                                        << "/r.d/Act 1.2 x.csv";
-    QTest::newRow("no extension") << "/r/movie"
-                                  << "/r/movie.csv";
-}
-
-void CueLogTest::placesTheLogBesideTheMovie()
-{
-    QFETCH(QString, movie);
-    QFETCH(QString, log);
-    QCOMPARE(cueLogPath(movie), log);
-}
-
-void CueLogTest::reportsAFileItCannotWrite()
-{
+    QCOMPARE(cueLogCSV({}), header);
     QTemporaryDir dir;
     const QString path = dir.filePath("log.csv");
-    QCOMPARE(writeCueLog(path, {{1, "", "Marker", "x"}}), std::nullopt);
+    QCOMPARE(writeCueLog(path, {{1, "", "Marker", "x"}, {3725.9, "01:00:05:00", "Cue 14.5", "S"}}),
+             std::nullopt);
     QFile written(path);
     QVERIFY(written.open(QIODevice::ReadOnly));
-    QCOMPARE(written.readAll(),
-             QByteArray("Recording Time,Timecode,Event,Detail\n00:00:01,,Marker,x\n"));
+    QCOMPARE(written.readAll(), header + "00:00:01,,Marker,x\n01:02:05,01:00:05:00,Cue 14.5,S\n");
     const auto error = writeCueLog(dir.filePath("missing/folder/log.csv"), {});
-    QVERIFY(error.has_value());
-    QVERIFY(!error->isEmpty());
+    QVERIFY(error.has_value() && !error->isEmpty());
 }
 
-void CueLogTest::namesMovies_data()
+void CueLogTest::namesFiles_data()
 {
     QTest::addColumn<QString>("label");
     QTest::addColumn<QString>("fallback");
     QTest::addColumn<QString>("name");
-    QTest::newRow("slash") << "Act 1/2" << mainCameraFallback() << "Act 1-2";
-    QTest::newRow("two slashes") << "a/b/c" << mainCameraFallback() << "a-b-c";
+    QTest::newRow("slashes") << "a/b/c" << mainCameraFallback() << "a-b-c";
     QTest::newRow("empty main") << "" << mainCameraFallback() << "Orvane";
-    QTest::newRow("first extra unlabelled") << "" << extraCameraFallback(0) << "Camera 2";
     QTest::newRow("second extra unlabelled") << "" << extraCameraFallback(1) << "Camera 3";
     QTest::newRow("blank is a label") << " " << mainCameraFallback() << " ";
 }
 
-void CueLogTest::namesMovies()
+void CueLogTest::namesFiles()
 {
     QFETCH(QString, label);
     QFETCH(QString, fallback);
     QFETCH(QString, name);
-    const QString stamp = recordingStamp(QDateTime(QDate(2026, 3, 14), QTime(19, 30, 5)));
-    QCOMPARE(stamp, QStringLiteral("2026-03-14 19.30.05"));
-    QCOMPARE(recordingLabel(label, fallback), name);
-    QCOMPARE(moviePath("/nowhere", recordingLabel(label, fallback), stamp),
-             "/nowhere/" + name + " 2026-03-14 19.30.05.mov");
-    QCOMPARE(recordingStamp(QDateTime(QDate(2026, 1, 2), QTime(3, 4, 5))),
-             QStringLiteral("2026-01-02 03.04.05"));
-}
-
-void CueLogTest::keepsAnEarlierMovieOfTheSameSecond()
-{
     QTemporaryDir dir;
-    const QString first = moviePath(dir.path(), "Stage", "2026-03-14 19.30.05");
-    QFile file(first);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.close();
-    QCOMPARE(moviePath(dir.path(), "Stage", "2026-03-14 19.30.05"),
-             dir.filePath("Stage 2026-03-14 19.30.05 2.mov"));
-}
-
-void CueLogTest::decidesWhichEventsAddRows_data()
-{
-    QTest::addColumn<QString>("what");
-    QTest::addColumn<bool>("addsRow");
-    QTest::addColumn<QString>("event");
-    QTest::addColumn<QString>("detail");
-    QTest::newRow("cue change") << "cue 1/47 Storm" << true << "Cue 47"
-                                << "Storm";
-    QTest::newRow("cue with a point") << "cue 2/14.5 " << true << "Cue 14.5"
-                                      << "";
-    QTest::newRow("no cue") << "cue none" << false << ""
-                            << "";
-    QTest::newRow("marker") << "marker Scene 2" << true << "Marker"
-                            << "Scene 2";
-    QTest::newRow("default marker") << "marker Marker" << true << "Marker"
-                                    << "Marker";
-    QTest::newRow("layout") << "layout Wide" << false << ""
-                            << "";
-    QTest::newRow("start") << "start" << false << ""
-                           << "";
-    QTest::newRow("stop") << "stop" << false << ""
-                          << "";
-    QTest::newRow("toggle") << "toggle" << false << ""
-                            << "";
+    const QString stamp = recordingStamp(QDateTime(QDate(2026, 1, 2), QTime(3, 4, 5)));
+    QCOMPARE(stamp, QStringLiteral("2026-01-02 03.04.05"));
+    const QString movie = moviePath(dir.path(), recordingLabel(label, fallback), stamp);
+    QCOMPARE(movie, dir.filePath(name + " 2026-01-02 03.04.05.mov"));
+    QCOMPARE(cueLogPath(movie), dir.filePath(name + " 2026-01-02 03.04.05.csv"));
+    // An earlier movie of the same second is kept.
+    QFile earlier(movie);
+    QVERIFY(earlier.open(QIODevice::WriteOnly));
+    earlier.close();
+    QCOMPARE(moviePath(dir.path(), recordingLabel(label, fallback), stamp),
+             dir.filePath(name + " 2026-01-02 03.04.05 2.mov"));
+    QCOMPARE(cueLogPath("/r.d/Act 1.2 x.mov"), "/r.d/Act 1.2 x.csv");
+    QCOMPARE(cueLogPath("/r/movie"), "/r/movie.csv");
 }
 
 void CueLogTest::decidesWhichEventsAddRows()
 {
-    QFETCH(QString, what);
-    QFETCH(bool, addsRow);
-    QFETCH(QString, event);
-    QFETCH(QString, detail);
-    std::optional<ShowEventRow> row;
-    if (what.startsWith("cue ")) {
-        row = cueChangeRow(what == "cue none" ? std::nullopt : EosCue::parse(what.mid(4)));
-    } else if (what.startsWith("marker ")) {
-        row = commandRow(ShowCommand::marker(what.mid(7)));
-    } else if (what.startsWith("layout ")) {
-        row = commandRow(ShowCommand::layout(what.mid(7)));
-    } else if (what == "start") {
-        row = commandRow(ShowCommand::startRecording());
-    } else if (what == "stop") {
-        row = commandRow(ShowCommand::stopRecording());
-    } else {
-        row = commandRow(ShowCommand::toggleRecording());
-    }
-    QCOMPARE(row.has_value(), addsRow);
-    if (row) {
-        QCOMPARE(row->event, event);
-        QCOMPARE(row->detail, detail);
-    }
+    QCOMPARE(cueChangeRow(EosCue::parse(u"2/14.5 Storm")), (ShowEventRow{"Cue 14.5", "Storm"}));
+    QCOMPARE(cueChangeRow(std::nullopt), std::nullopt);
+    QCOMPARE(commandRow(ShowCommand::marker("Scene 2")), (ShowEventRow{"Marker", "Scene 2"}));
+    for (const ShowCommand& command :
+         {ShowCommand::layout("Wide"), ShowCommand::startRecording(), ShowCommand::stopRecording(),
+          ShowCommand::toggleRecording()})
+        QCOMPARE(commandRow(command), std::nullopt);
 }
 
 void CueLogTest::addsARowPerQLabCueStart()
 {
-    QLabCue sound;
-    sound.id = "A";
-    sound.number = "12";
-    sound.name = "Thunder";
-    sound.type = "Audio";
-    QLabCue list;
-    list.id = "L";
-    list.name = "Main Cue List";
-    list.type = "Cue List";
-    QLabCue unnumbered;
-    unnumbered.id = "B";
-    unnumbered.name = "Rain loop";
-    unnumbered.type = "Audio";
+    const auto qlab = [](const char* id, const char* number, const char* name, const char* type) {
+        QLabCue cue;
+        cue.id = id;
+        cue.number = number;
+        cue.name = name;
+        cue.type = type;
+        return cue;
+    };
+    QLabCue sound = qlab("A", "12", "Thunder", "Audio");
+    const QLabCue list = qlab("L", "", "Main Cue List", "Cue List");
+    const QLabCue unnumbered = qlab("B", "", "Rain loop", "Audio");
 
     QSet<QString> running;
     QCOMPARE(qlabStartRows(running, {list, sound}),

@@ -13,33 +13,17 @@ const WallTime t0 = WallTime(std::chrono::seconds(1'795'464'907));
 
 EosCue cue(const char* list, const char* number, const char* label, std::optional<int> percent)
 {
-    EosCue made;
-    made.list = QString::fromLatin1(list);
-    made.number = QString::fromLatin1(number);
-    made.label = QString::fromLatin1(label);
-    made.percent = percent;
-    return made;
-}
-
-EosCuePart part(const char* number, const char* label, int percent, std::optional<FadeClock> clock)
-{
-    EosCuePart made;
-    made.number = QString::fromLatin1(number);
-    made.label = QString::fromLatin1(label);
-    made.percent = percent;
-    made.sampledAt = t0;
-    made.hasText = true;
-    made.clock = clock;
-    return made;
+    return EosCue{list, number, std::nullopt, std::nullopt, label, "", percent};
 }
 
 FadeClock fade(double seconds)
 {
-    FadeClock clock;
-    clock.fade = seconds;
-    clock.startedAt = t0;
-    clock.advancedAt = t0;
-    return clock;
+    return FadeClock{seconds, t0, 0, t0, false};
+}
+
+EosCuePart part(const char* number, const char* label, int percent, std::optional<FadeClock> clock)
+{
+    return EosCuePart{number, label, "", percent, t0, true, clock};
 }
 
 QLabCue qlabCue(const char* id, const char* number, const char* name, std::optional<double> elapsed,
@@ -47,9 +31,9 @@ QLabCue qlabCue(const char* id, const char* number, const char* name, std::optio
                 std::optional<WallTime> startedAt, bool paused = false)
 {
     QLabCue made;
-    made.id = QString::fromLatin1(id);
-    made.number = QString::fromLatin1(number);
-    made.name = QString::fromLatin1(name);
+    made.id = id;
+    made.number = number;
+    made.name = name;
     made.type = QStringLiteral("Audio");
     made.actionElapsed = elapsed;
     made.duration = duration;
@@ -62,13 +46,7 @@ QLabCue qlabCue(const char* id, const char* number, const char* name, std::optio
 OverlayPart row(const char* id, const char* tag, const char* label, double progress,
                 std::optional<FadeClock> clock, std::optional<RunningTime> running, bool isRunning)
 {
-    return OverlayPart{QString::fromLatin1(id),
-                       QString::fromLatin1(tag),
-                       QString::fromLatin1(label),
-                       progress,
-                       clock,
-                       running,
-                       isRunning};
+    return OverlayPart{id, tag, label, progress, clock, running, isRunning};
 }
 
 // A show in full swing: settings at their defaults, a cue with two parts, a pending cue,
@@ -242,25 +220,10 @@ private slots:
         QCOMPARE(content.showName, expected.showName);
         QCOMPARE(content.cue, expected.cue);
         QCOMPARE(content.nextCue, expected.nextCue);
-        QCOMPARE(content.parts.size(), expected.parts.size());
-        for (size_t i = 0; i < content.parts.size(); ++i)
-            QVERIFY2(content.parts[i] == expected.parts[i], qPrintable(content.parts[i].id));
-        QCOMPARE(content.qlabCues.size(), expected.qlabCues.size());
-        for (size_t i = 0; i < content.qlabCues.size(); ++i)
-            QVERIFY2(content.qlabCues[i] == expected.qlabCues[i],
-                     qPrintable(content.qlabCues[i].id));
         QCOMPARE(content.fields, expected.fields);
-        QVERIFY(content.showTime == expected.showTime);
+        QVERIFY(content.parts == expected.parts);
+        QVERIFY(content.qlabCues == expected.qlabCues);
         QVERIFY(content == expected);
-    }
-
-    // The content changes only when a source does: the model publishes on change.
-    void equalSourcesGiveEqualContent()
-    {
-        QVERIFY(assembleOverlayContent(busySources()) == assembleOverlayContent(busySources()));
-        OverlaySources moved = busySources();
-        moved.activeParts[1].percent = 41;
-        QVERIFY(!(assembleOverlayContent(moved) == assembleOverlayContent(busySources())));
     }
 };
 

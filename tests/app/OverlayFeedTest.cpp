@@ -11,107 +11,83 @@
 
 using namespace orvane;
 
+namespace {
+
+const ShowInput::Sender console{"10.0.0.5", QHostAddress("10.0.0.5"), 0};
+
+struct Feed {
+    ManualClock clock;
+    ShowData show{clock};
+    ShowInput input{show, clock};
+    OverlayFeed feed{show, clock};
+
+    void activeCue(const char* text)
+    {
+        input.receive(OSCMessage{"/eos/out/active/cue/text", {std::string(text)}}, console);
+    }
+};
+
+} // namespace
+
 class OverlayFeedTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void followsTheShowAndTheDemo();
-    void followsTheSettingsValues_data();
-    void followsTheSettingsValues();
+    void followsTheShowTheDemoAndTheSettings();
     void camerasThatGoAwayAreLetGo();
 };
 
-void OverlayFeedTest::followsTheShowAndTheDemo()
+void OverlayFeedTest::followsTheShowTheDemoAndTheSettings()
 {
-    ManualClock clock;
-    ShowData show(clock);
-    ShowInput input(show, clock);
-    OverlayFeed feed(show, clock);
-    DemoShow demo(input.demoDelivery(), clock);
-    feed.setDemoShow(&demo);
-    QCOMPARE(feed.content().cue, std::nullopt);
-    QCOMPARE(feed.content().showTime, std::nullopt);
+    Feed f;
+    DemoShow demo(f.input.demoDelivery(), f.clock);
+    f.feed.setDemoShow(&demo);
+    QCOMPARE(f.feed.content().cue, std::nullopt);
+    QCOMPARE(f.feed.content().showTime, std::nullopt);
 
     demo.start();
-    QCOMPARE(feed.content().showTime, demo.showTime());
-    clock.advance(0.5);
-    QVERIFY(show.activeCue().has_value());
-    QCOMPARE(feed.content().cue->number, show.activeCue()->token());
-    QCOMPARE(feed.sources().gatheredAt, clock.wallNow());
+    QCOMPARE(f.feed.content().showTime, demo.showTime());
+    f.clock.advance(0.5);
+    QVERIFY(f.show.activeCue().has_value());
+    QCOMPARE(f.feed.content().cue->number, f.show.activeCue()->token());
+    QCOMPARE(f.feed.sources().gatheredAt, f.clock.wallNow());
 
     // A console's cue through the same door replaces the demo's at once.
-    input.receive(OSCMessage{"/eos/out/active/cue/text", {std::string("2/7 Storm 3 10%")}},
-                  ShowInput::Sender{"10.0.0.5", QHostAddress("10.0.0.5"), 0});
-    QCOMPARE(feed.content().cue->number, QStringLiteral("2/7"));
-    QCOMPARE(feed.content().cue->label, QStringLiteral("Storm"));
+    f.activeCue("2/7 Storm 3 10%");
+    QCOMPARE(f.feed.content().cue->number, QStringLiteral("2/7"));
+    QCOMPARE(f.feed.content().cue->label, QStringLiteral("Storm"));
 
     demo.stop();
-    QCOMPARE(feed.content().showTime, std::nullopt);
-    feed.setDemoShow(nullptr);
+    QCOMPARE(f.feed.content().showTime, std::nullopt);
+    f.feed.setDemoShow(nullptr);
     demo.start(); // no longer followed
-    QCOMPARE(feed.content().showTime, std::nullopt);
-}
+    QCOMPARE(f.feed.content().showTime, std::nullopt);
 
-void OverlayFeedTest::followsTheSettingsValues_data()
-{
-    QTest::addColumn<bool>("isEnabled");
-    QTest::addColumn<bool>("showsCue");
-    QTest::addColumn<bool>("showsNextCue");
-    QTest::addColumn<double>("scale");
-
-    QTest::newRow("as set") << true << true << true << 1.0;
-    QTest::newRow("overlay off") << false << true << true << 1.0;
-    QTest::newRow("no cue, larger") << true << false << true << 1.5;
-    QTest::newRow("no next cue") << true << true << false << 0.8;
-}
-
-void OverlayFeedTest::followsTheSettingsValues()
-{
-    QFETCH(bool, isEnabled);
-    QFETCH(bool, showsCue);
-    QFETCH(bool, showsNextCue);
-    QFETCH(double, scale);
-
-    ManualClock clock;
-    ShowData show(clock);
-    ShowInput input(show, clock);
-    OverlayFeed feed(show, clock);
-    const ShowInput::Sender console{"10.0.0.5", QHostAddress("10.0.0.5"), 0};
-    input.receive(OSCMessage{"/eos/out/active/cue/text", {std::string("1/4 Four 2 50%")}}, console);
-    input.receive(OSCMessage{"/eos/out/pending/cue/text", {std::string("1/5 Five 3")}}, console);
-
+    // The look, the switch and the recording's start reach the content at once.
     OverlayLook look;
-    look.showsCue = showsCue;
-    look.showsNextCue = showsNextCue;
-    look.scale = scale;
-    feed.setLook(look);
-    feed.setEnabled(isEnabled);
-    const WallTime start = clock.wallNow();
-    feed.setRecordingStart(start);
-
-    QCOMPARE(feed.content().isEnabled, isEnabled);
-    QCOMPARE(feed.content().scale, scale);
-    QCOMPARE(feed.content().cue.has_value(), showsCue);
-    QCOMPARE(feed.content().nextCue.has_value(), showsNextCue);
-    QCOMPARE(feed.content().recordingStart, std::optional<WallTime>(start));
+    look.showsCue = false;
+    look.scale = 1.5;
+    f.feed.setLook(look);
+    f.feed.setEnabled(false);
+    f.feed.setRecordingStart(f.clock.wallNow());
+    QCOMPARE(f.feed.content().cue, std::nullopt);
+    QCOMPARE(f.feed.content().scale, 1.5);
+    QCOMPARE(f.feed.content().isEnabled, false);
+    QCOMPARE(f.feed.content().recordingStart, std::optional<WallTime>(f.clock.wallNow()));
 }
 
 void OverlayFeedTest::camerasThatGoAwayAreLetGo()
 {
-    ManualClock clock;
-    ShowData show(clock);
-    ShowInput input(show, clock);
-    OverlayFeed feed(show, clock);
-    auto stage = std::make_unique<CaptureEngine>(clock);
-    CaptureEngine wide(clock);
-    feed.addCamera(*stage, QStringLiteral("Stage Cam"));
-    feed.addCamera(wide, QStringLiteral("Wide"));
-    feed.addCamera(wide, QStringLiteral("Wide Shot")); // a new label, not a second camera
+    Feed f;
+    auto stage = std::make_unique<CaptureEngine>(f.clock);
+    CaptureEngine wide(f.clock);
+    f.feed.addCamera(*stage, QStringLiteral("Stage Cam"));
+    f.feed.addCamera(wide, QStringLiteral("Wide"));
+    f.feed.addCamera(wide, QStringLiteral("Wide Shot")); // a new label, not a second camera
     stage.reset();
-    input.receive(OSCMessage{"/eos/out/active/cue/text", {std::string("1/9 Nine 1 0%")}},
-                  ShowInput::Sender{"10.0.0.5", QHostAddress("10.0.0.5"), 0});
-    QCOMPARE(feed.content().cue->number, QStringLiteral("1/9"));
-    feed.removeCamera(wide);
-    feed.refresh();
+    f.activeCue("1/9 Nine 1 0%");
+    QCOMPARE(f.feed.content().cue->number, QStringLiteral("1/9"));
+    f.feed.removeCamera(wide);
+    f.feed.refresh();
 }
 
 QTEST_GUILESS_MAIN(OverlayFeedTest)

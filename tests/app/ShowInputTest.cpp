@@ -4,9 +4,9 @@
 #include "app/ShowInput.h"
 #include "base/ManualClock.h"
 #include "eos/EosConnection.h"
-#include "support/NetNamespace.h"
 #include "peers/PretendConsole.h"
 #include "show/ShowData.h"
+#include "support/NetNamespace.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
@@ -43,32 +43,14 @@ QByteArray textPacket(std::string address, const char* text)
 
 QString describe(const ShowCommand& command, const ShowInput::Sender& sender)
 {
-    QString kind;
-    switch (command.kind) {
-    case ShowCommand::Kind::marker:
-        kind = "marker " + command.text;
-        break;
-    case ShowCommand::Kind::layout:
-        kind = "layout " + command.text;
-        break;
-    case ShowCommand::Kind::startRecording:
-        kind = QStringLiteral("start");
-        break;
-    case ShowCommand::Kind::stopRecording:
-        kind = QStringLiteral("stop");
-        break;
-    case ShowCommand::Kind::toggleRecording:
-        kind = QStringLiteral("toggle");
-        break;
-    }
-    return kind + " from " + sender.host;
+    static const QString kinds[] = {"marker ", "layout ", "start", "stop", "toggle"};
+    return kinds[int(command.kind)] + command.text + " from " + sender.host;
 }
 
 quint16 freeUdpPort()
 {
     QUdpSocket probe;
-    if (!probe.bind(QHostAddress::LocalHost, 0))
-        return 0;
+    probe.bind(QHostAddress::LocalHost, 0);
     return probe.localPort();
 }
 

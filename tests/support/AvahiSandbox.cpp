@@ -8,7 +8,8 @@ namespace orvane {
 
 namespace {
 
-const char* const kBusConfig = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+const char* const kBusConfig =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
@@ -55,6 +56,21 @@ bool writeFile(const QString& path, const QByteArray& contents)
     return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
 }
 
+// Starts `program` with its output merged, on the private bus `bus` when one is given.
+std::unique_ptr<QProcess> launch(const QString& program, const QStringList& arguments,
+                                 const QString& bus = {})
+{
+    auto process = std::make_unique<QProcess>();
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    if (!bus.isEmpty()) {
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("DBUS_SYSTEM_BUS_ADDRESS", bus);
+        process->setProcessEnvironment(environment);
+    }
+    process->start(program, arguments);
+    return process;
+}
+
 } // namespace
 
 AvahiSandbox::AvahiSandbox() = default;
@@ -85,28 +101,23 @@ bool AvahiSandbox::start()
         return false;
     }
     const QString busConfig = folder_.filePath(QStringLiteral("bus.conf"));
-    if (!writeFile(busConfig, QString::fromLatin1(kBusConfig).arg(folder_.filePath("bus")).toUtf8()) ||
+    if (!writeFile(busConfig,
+                   QString::fromLatin1(kBusConfig).arg(folder_.filePath("bus")).toUtf8()) ||
         !writeFile(folder_.filePath(QStringLiteral("avahi.conf")), kDaemonConfig)) {
         error_ = QStringLiteral("cannot write the configuration files");
         return false;
     }
 
-    bus_ = std::make_unique<QProcess>();
-    bus_->setProcessChannelMode(QProcess::MergedChannels);
-    bus_->start(QStringLiteral("dbus-daemon"),
-                {QStringLiteral("--config-file=") + busConfig, QStringLiteral("--nofork"),
-                 QStringLiteral("--nopidfile"), QStringLiteral("--print-address=1")});
+    bus_ = launch("dbus-daemon",
+                  {"--config-file=" + busConfig, "--nofork", "--nopidfile", "--print-address=1"});
     if (!bus_->waitForStarted(5000) || !waitForLine(*bus_, "unix:", 5000)) {
-        error_ = QStringLiteral("dbus-daemon did not start: ") + bus_->errorString() + QString::fromLocal8Bit(output_);
+        error_ = QStringLiteral("dbus-daemon did not start: ") + bus_->errorString() +
+                 QString::fromLocal8Bit(output_);
         return false;
     }
 
-    holder_ = std::make_unique<QProcess>();
-    holder_->setProcessChannelMode(QProcess::MergedChannels);
-    holder_->start(QStringLiteral("unshare"),
-                   {QStringLiteral("--net"), QStringLiteral("--mount"),
-                    QStringLiteral("--propagation"), QStringLiteral("private"), QStringLiteral("sh"),
-                    QStringLiteral("-c"), QString::fromLatin1(kHolderScript)});
+    holder_ = launch("unshare", {"--net", "--mount", "--propagation", "private", "sh", "-c",
+                                 QString::fromLatin1(kHolderScript)});
     if (!holder_->waitForStarted(5000) || !waitForLine(*holder_, "ready", 5000)) {
         error_ = QStringLiteral("cannot make the daemon's network namespace (needs root): ") +
                  QString::fromLocal8Bit(output_);
@@ -118,19 +129,14 @@ bool AvahiSandbox::start()
 bool AvahiSandbox::startDaemon()
 {
     stopProcess(daemon_);
-    daemon_ = std::make_unique<QProcess>();
-    daemon_->setProcessChannelMode(QProcess::MergedChannels);
-    auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), busAddress());
-    daemon_->setProcessEnvironment(environment);
     // nsenter runs the daemon in the holder's namespaces in place of itself.
-    daemon_->start(QStringLiteral("nsenter"),
-                   {QStringLiteral("--target"), QString::number(holder_->processId()),
-                    QStringLiteral("--net"), QStringLiteral("--mount"), QStringLiteral("avahi-daemon"),
-                    QStringLiteral("--no-drop-root"), QStringLiteral("--no-chroot"),
-                    QStringLiteral("--no-rlimits"), QStringLiteral("--no-proc-title"),
-                    QStringLiteral("-f"), folder_.filePath(QStringLiteral("avahi.conf"))});
-    if (!daemon_->waitForStarted(5000) || !waitForLine(*daemon_, "Server startup complete", 15000)) {
+    daemon_ = launch("nsenter",
+                     {"--target", QString::number(holder_->processId()), "--net", "--mount",
+                      "avahi-daemon", "--no-drop-root", "--no-chroot", "--no-rlimits",
+                      "--no-proc-title", "-f", folder_.filePath("avahi.conf")},
+                     busAddress());
+    if (!daemon_->waitForStarted(5000) ||
+        !waitForLine(*daemon_, "Server startup complete", 15000)) {
         error_ = QStringLiteral("avahi-daemon did not start: ") + QString::fromLocal8Bit(output_);
         return false;
     }
@@ -149,13 +155,7 @@ void AvahiSandbox::stopDaemon()
 bool AvahiSandbox::publish(const QString& name, const QString& type, int port)
 {
     unpublish(name);
-    auto process = std::make_unique<QProcess>();
-    process->setProcessChannelMode(QProcess::MergedChannels);
-    auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), busAddress());
-    process->setProcessEnvironment(environment);
-    process->start(QStringLiteral("avahi-publish"),
-                   {QStringLiteral("-s"), name, type, QString::number(port)});
+    auto process = launch("avahi-publish", {"-s", name, type, QString::number(port)}, busAddress());
     if (!process->waitForStarted(5000) || !waitForLine(*process, "Established under name", 10000)) {
         error_ = QStringLiteral("avahi-publish failed: ") + QString::fromLocal8Bit(output_);
         return false;

@@ -109,9 +109,9 @@ std::unique_ptr<NetNamespace> NetNamespace::create(const QString& name,
               error) &&
         runIp({"link", "set", space->localInterface_, "up"}, error) &&
         space->runIpInside({"link", "set", "lo", "up"}, error) &&
-        space->runIpInside({"addr", "add", cidr(peerAddress, prefixLength), "dev",
-                            space->peerInterface_},
-                           error) &&
+        space->runIpInside(
+            {"addr", "add", cidr(peerAddress, prefixLength), "dev", space->peerInterface_},
+            error) &&
         space->runIpInside({"link", "set", space->peerInterface_, "up"}, error);
     if (!made)
         return nullptr;
@@ -132,15 +132,9 @@ bool NetNamespace::addPeerAddress(const QHostAddress& address, int prefixLength,
     return runIpInside({"addr", "add", cidr(address, prefixLength), "dev", peerInterface_}, error);
 }
 
-bool NetNamespace::removePeerAddress(const QHostAddress& address, int prefixLength,
-                                     QString* error)
+bool NetNamespace::removePeerAddress(const QHostAddress& address, int prefixLength, QString* error)
 {
     return runIpInside({"addr", "del", cidr(address, prefixLength), "dev", peerInterface_}, error);
-}
-
-bool NetNamespace::addLocalAddress(const QHostAddress& address, int prefixLength, QString* error)
-{
-    return runIp({"addr", "add", cidr(address, prefixLength), "dev", localInterface_}, error);
 }
 
 int NetNamespace::socket(int type) const

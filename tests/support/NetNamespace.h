@@ -19,8 +19,8 @@ public:
     // Returns nothing and fills `error` when a step fails.
     static std::unique_ptr<NetNamespace> create(const QString& name,
                                                 const QHostAddress& localAddress,
-                                                const QHostAddress& peerAddress,
-                                                int prefixLength, QString* error = nullptr);
+                                                const QHostAddress& peerAddress, int prefixLength,
+                                                QString* error = nullptr);
     ~NetNamespace();
     NetNamespace(const NetNamespace&) = delete;
     NetNamespace& operator=(const NetNamespace&) = delete;
@@ -37,10 +37,7 @@ public:
 
     // Adds or removes an address on the pretend host's end of the link.
     bool addPeerAddress(const QHostAddress& address, int prefixLength, QString* error = nullptr);
-    bool removePeerAddress(const QHostAddress& address, int prefixLength,
-                           QString* error = nullptr);
-    // Adds another address on this namespace's end of the link.
-    bool addLocalAddress(const QHostAddress& address, int prefixLength, QString* error = nullptr);
+    bool removePeerAddress(const QHostAddress& address, int prefixLength, QString* error = nullptr);
 
     // A new socket (as socket(2) with AF_INET) inside the namespace, or -1.
     int socket(int type) const;

@@ -66,6 +66,25 @@ int freePort()
     return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
 }
 
+// Eight different 1080p pictures, so that consecutive JPEGs differ.
+std::vector<OwnedFrame> eightPictures()
+{
+    std::vector<OwnedFrame> pictures;
+    for (int i = 0; i < 8; ++i)
+        pictures.emplace_back(1920, 1080, i * 5);
+    return pictures;
+}
+
+// Starts `viewer` on a free port and returns the port once it listens.
+int startListening(WebViewer& viewer)
+{
+    const int port = freePort();
+    viewer.start(port);
+    while (viewer.state().kind != WebViewer::State::Kind::listening)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return port;
+}
+
 void encodeJpeg(benchmark::State& state)
 {
     const int height = int(state.range(0));
@@ -110,15 +129,10 @@ BENCHMARK(scale4K)
 void viewerCPU(benchmark::State& state)
 {
     const int viewers = int(state.range(0));
-    std::vector<OwnedFrame> pictures;
-    for (int i = 0; i < 8; ++i)
-        pictures.emplace_back(1920, 1080, i * 5);
+    const std::vector<OwnedFrame> pictures = eightPictures();
     for (auto _ : state) {
-        const int port = freePort();
         WebViewer viewer;
-        viewer.start(port);
-        while (viewer.state().kind != WebViewer::State::Kind::listening)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const int port = startListening(viewer);
         std::vector<std::unique_ptr<QProcess>> curls;
         for (int i = 0; i < viewers; ++i) {
             curls.push_back(std::make_unique<QProcess>());
@@ -157,15 +171,10 @@ BENCHMARK(viewerCPU)->Arg(1)->Arg(10)->Arg(50)->Iterations(1)->UseManualTime()->
 // capture instant taken just before send(). Reports the median and 95th percentile.
 void glassToBrowser(benchmark::State& state)
 {
-    std::vector<OwnedFrame> pictures;
-    for (int i = 0; i < 8; ++i)
-        pictures.emplace_back(1920, 1080, i * 5);
+    const std::vector<OwnedFrame> pictures = eightPictures();
     for (auto _ : state) {
-        const int port = freePort();
         WebViewer viewer;
-        viewer.start(port);
-        while (viewer.state().kind != WebViewer::State::Kind::listening)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const int port = startListening(viewer);
 
         // Each picture's JPEG has its own length, which tells which picture a part carries.
         std::map<qsizetype, std::size_t> pictureOfLength;

@@ -3,6 +3,7 @@
 
 #include "overlay/OverlayFont.h"
 #include "overlay/OverlayPicture.h"
+#include "overlay/YuvPlanes.h"
 
 #include <QFontMetricsF>
 #include <QGuiApplication>
@@ -368,24 +369,34 @@ private slots:
         }
     }
 
-    // The renderer keeps shaped text between frames, but a changed content is drawn as it is
-    // now, not as it was.
-    void changedContentIsDrawnAfresh()
+    // On a camera's frame each item is a layer kept between frames: the same content at the
+    // same instant draws none again, a second later only the status panel (its clock), and a
+    // changed cue its panel, which then looks exactly as a fresh renderer draws it.
+    void layersAreDrawnAgainOnlyWhenTheyChange()
     {
-        OverlayRenderer renderer;
         OverlayContent content = sampleOverlayContent(kNow);
-        QImage first(960, 540, QImage::Format_RGB32);
-        first.fill(Qt::black);
-        renderer.draw(content, first, kNow);
+        content.qlabCues.clear(); // its running time would change every second too
+        const QImage backdrop = OverlayPicture::backdrop(QSize(960, 540));
+        const auto drawn = [&](OverlayRenderer& renderer, WallTime at) {
+            const YuvImage frame = YuvImage::fromRgb(backdrop);
+            renderer.draw(content, frame.planes(), at);
+            return frame.toRgb();
+        };
+        OverlayRenderer renderer;
+        const QImage first = drawn(renderer, kNow);
+        const int items = renderer.layersDrawn();
+        QCOMPARE(items, 4); // status, cues, fields, watermark
+        drawn(renderer, kNow);
+        QCOMPARE(renderer.layersDrawn(), items);
+        const WallTime later = addSeconds(kNow, 1);
+        drawn(renderer, later);
+        QCOMPARE(renderer.layersDrawn(), items + 1);
         content.cue->number = QStringLiteral("9/999");
-        QImage second(960, 540, QImage::Format_RGB32);
-        second.fill(Qt::black);
-        renderer.draw(content, second, kNow);
-        QImage fresh(960, 540, QImage::Format_RGB32);
-        fresh.fill(Qt::black);
-        OverlayRenderer().draw(content, fresh, kNow);
-        QVERIFY(differingPixels(first, second, 0) > 0);
-        QCOMPARE(differingPixels(second, fresh, 0), qsizetype(0));
+        const QImage changed = drawn(renderer, later);
+        QCOMPARE(renderer.layersDrawn(), items + 2);
+        OverlayRenderer fresh;
+        QVERIFY(differingPixels(first, changed, 0) > 0);
+        QCOMPARE(differingPixels(changed, drawn(fresh, later), 0), qsizetype(0));
     }
 };
 

@@ -994,15 +994,6 @@ void OverlayRenderer::draw(const OverlayContent& content, const YuvPlanes& frame
     }
 }
 
-void OverlayRenderer::draw(const OverlayContent& content, QImage& frame, WallTime now)
-{
-    thread_.check();
-    if (!content.isEnabled || frame.isNull())
-        return;
-    QPainter painter(&frame);
-    draw(content, painter, QSizeF(frame.size()), now);
-}
-
 void OverlayRenderer::draw(const OverlayContent& content, QPainter& painter, QSizeF size,
                            WallTime now)
 {

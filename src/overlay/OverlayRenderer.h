@@ -74,9 +74,6 @@ public:
     // changed (the status panel's timecode does at every frame; a panel without moving
     // figures never does). Nothing is drawn when the content is disabled.
     void draw(const OverlayContent& content, const YuvPlanes& frame, WallTime now);
-    // Draws in place into `frame` (Format_RGB32, ARGB32 or ARGB32_Premultiplied; a QImage
-    // that wraps the frame's own memory). Nothing is drawn when the content is disabled.
-    void draw(const OverlayContent& content, QImage& frame, WallTime now);
     // Draws into a painter whose device is `size` pixels (the layout editor's canvas).
     void draw(const OverlayContent& content, QPainter& painter, QSizeF size, WallTime now);
 

@@ -101,6 +101,47 @@ private slots:
         QVERIFY(largestDifference(ours, noise(QSize(128, 128), format)) > 0);
     }
 
+    void imageMatchesPainter_data()
+    {
+        QTest::addColumn<QPoint>("at");
+        QTest::newRow("inside") << QPoint(20, 30);
+        QTest::newRow("over the top-left edge") << QPoint(-13, -7);
+        QTest::newRow("over the bottom-right edge") << QPoint(100, 110);
+    }
+    void imageMatchesPainter()
+    {
+        QFETCH(QPoint, at);
+        QImage overlay(41, 23, QImage::Format_ARGB32_Premultiplied);
+        overlay.fill(Qt::transparent);
+        {
+            QPainter painter(&overlay);
+            painter.setRenderHint(QPainter::Antialiasing);
+            painter.setBrush(QColor(255, 255, 255, 180));
+            painter.setPen(Qt::NoPen);
+            painter.drawEllipse(QRectF(2, 2, 37, 19));
+        }
+        QImage ours = noise(QSize(128, 128), QImage::Format_RGB32);
+        QImage theirs = ours.copy();
+        FrameBlend::drawImage(ours, at, overlay, 1.0);
+        QPainter painter(&theirs);
+        painter.drawImage(at, overlay);
+        painter.end();
+        QVERIFY(largestDifference(ours, theirs) <= 2);
+    }
+
+    // The progress fill is blended once, in the colour of the track and the fill together.
+    void overComposesTwoColours()
+    {
+        QImage once = noise(QSize(32, 32), QImage::Format_RGB32);
+        QImage twice = once.copy();
+        const QColor track = QColor::fromRgbF(1, 1, 1, 0.06f);
+        const QColor fill = QColor::fromRgbF(0.85f, 0.85f, 0.85f, 0.3f);
+        FrameBlend::fillRoundedRect(twice, twice.rect(), 0, track);
+        FrameBlend::fillRoundedRect(twice, twice.rect(), 0, fill);
+        FrameBlend::fillRoundedRect(once, once.rect(), 0, FrameBlend::over(fill, track));
+        QVERIFY(largestDifference(once, twice) <= 2);
+    }
+
     // A layer blended into I420 planes looks as if it had been drawn over the picture in RGB:
     // each pixel's luma, and each chroma sample the mean of its 2 x 2 block, so a panel's edge
     // that crosses a block mixes the colours by the share it covers.

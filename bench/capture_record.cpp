@@ -260,8 +260,9 @@ void encoderAlone(benchmark::State& state, MovieCodec codec, int cameras, int wi
         for (auto& thread : threads)
             thread.join();
         const double cpu = processCPUSeconds() - cpuBefore;
-        state.counters["written"] = written;
-        state.counters["cpu_ms_per_frame"] = written > 0 ? cpu * 1000 / written : 0;
+        const int count = written.load();
+        state.counters["written"] = count;
+        state.counters["cpu_ms_per_frame"] = count > 0 ? cpu * 1000 / count : 0;
     }
 }
 

@@ -3,22 +3,26 @@
 // process spends per captured frame, the frames lost on the way (late capture, full pool,
 // full recorder queue) and the longest time a frame waited in the recorder's queue, with the
 // disk at full speed and with every sync slowed to 200 ms (a USB stick, a spinning disk);
-// `watched` adds a web viewer's work: the newest frame encoded as a JPEG at quality 75, at
-// most 25 a second, on a thread of its own. Not run by CTest. `bench_capture_record
-// --seconds 60` sets the length of each run (default 60).
+// `watched` adds a web viewer's work: the newest frame encoded by the web viewer's JpegEncoder,
+// at most 25 a second, on a thread of its own. The `encoder_alone` cases give the figure to
+// hold these against: the same MovieWriter (the same encoder and options, the same muxer)
+// fed frames made beforehand (the test pattern with the overlay, already in YUV), as fast as
+// it takes them, for as many frames as a run records. Not run by CTest.
+// `bench_capture_record --seconds 60` sets the length of each run (default 60).
 
 #include "base/Clock.h"
 #include "capture/CapturePipeline.h"
 #include "capture/Frame.h"
+#include "capture/FramePool.h"
 #include "capture/FrameSink.h"
 #include "capture/Recorder.h"
 #include "capture/TestPatternSource.h"
 #include "overlay/OverlayContent.h"
+#include "overlay/OverlayRenderer.h"
+#include "outputs/JpegEncoder.h"
 
-#include <QBuffer>
 #include <QDir>
 #include <QGuiApplication>
-#include <QImage>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
@@ -84,7 +88,7 @@ public:
 private:
     void run()
     {
-        QByteArray bytes;
+        JpegEncoder encoder;
         for (;;) {
             std::shared_ptr<const Frame> frame;
             {
@@ -95,12 +99,7 @@ private:
                 frame = std::move(waiting_);
                 busy_ = true;
             }
-            const QImage image(frame->pixels, frame->width, frame->height, frame->bytesPerLine,
-                               QImage::Format_RGB32);
-            bytes.clear();
-            QBuffer buffer(&bytes);
-            buffer.open(QIODevice::WriteOnly);
-            image.save(&buffer, "JPG", 75);
+            benchmark::DoNotOptimize(encoder.encode(*frame).size());
             frame.reset();
             ++encoded_;
             std::lock_guard lock(mutex_);
@@ -212,6 +211,61 @@ void recordCameras(benchmark::State& state, MovieCodec codec, int cameras, int w
     }
 }
 
+// The encoder alone: `cameras` MovieWriters, each on a thread of its own, fed a second of
+// frames made beforehand, over and over, for as many frames as a run of the camera records.
+void encoderAlone(benchmark::State& state, MovieCodec codec, int cameras, int width, int height)
+{
+    QTemporaryDir folder;
+    // A second of the test pattern with the busy show's overlay, in a pool of its own.
+    constexpr int kMade = 30;
+    FramePool pool(width, height, kMade);
+    std::vector<std::shared_ptr<const Frame>> made;
+    {
+        TestPatternSource camera(Clock::system(), width, height, 30,
+                                 TestPatternSource::Pacing::stepped);
+        OverlayRenderer renderer;
+        WallTime now = Clock::system().wallNow();
+        const OverlayContent content = busyShowOverlayContent(now);
+        for (int i = 0; i < kMade; ++i) {
+            std::shared_ptr<Frame> frame = pool.acquire();
+            camera.paint(*frame, i);
+            frame->frameDuration = 1.0 / 30;
+            now = addSeconds(now, 1.0 / 30);
+            renderer.draw(content, frame->planes(), now);
+            made.push_back(std::move(frame));
+        }
+    }
+    const int frames = int(secondsPerRun * 30);
+    for (auto _ : state) {
+        const double cpuBefore = processCPUSeconds();
+        std::vector<std::thread> threads;
+        std::atomic<int> written{0};
+        for (int i = 0; i < cameras; ++i)
+            threads.emplace_back([&, i] {
+                MovieWriter::Video video;
+                video.codec = codec;
+                video.width = width;
+                video.height = height;
+                QString error;
+                auto writer = MovieWriter::create(
+                    QDir(folder.path()).filePath(QStringLiteral("Alone %1.mov").arg(i + 1)),
+                    video, false, error);
+                if (!writer)
+                    return;
+                for (int n = 0; n < frames; ++n)
+                    if (writer->writeVideo(made[std::size_t(n % kMade)], n))
+                        ++written;
+                writer->finish();
+            });
+        for (auto& thread : threads)
+            thread.join();
+        const double cpu = processCPUSeconds() - cpuBefore;
+        const int count = written.load();
+        state.counters["written"] = count;
+        state.counters["cpu_ms_per_frame"] = count > 0 ? cpu * 1000 / count : 0;
+    }
+}
+
 } // namespace
 
 #define RECORD(name, codec, cameras, width, height, disk, viewer)                                  \
@@ -230,6 +284,17 @@ RECORD(prores_proxy_1080p30_slow_syncs, MovieCodec::proRes422Proxy, 1, 1920, 108
        Viewer::none)
 RECORD(h264_4x720p30, MovieCodec::h264, 4, 1280, 720, Disk::fast, Viewer::none)
 RECORD(h264_4x720p30_slow_syncs, MovieCodec::h264, 4, 1280, 720, Disk::slowSyncs, Viewer::none)
+
+#define ALONE(name, codec, cameras, width, height)                                                \
+    BENCHMARK_CAPTURE(encoderAlone, name, codec, cameras, width, height)                          \
+        ->Iterations(1)                                                                            \
+        ->UseRealTime()                                                                            \
+        ->Unit(benchmark::kSecond);
+
+ALONE(encoder_alone_h264_1080p30, MovieCodec::h264, 1, 1920, 1080)
+ALONE(encoder_alone_hevc_1080p30, MovieCodec::hevc, 1, 1920, 1080)
+ALONE(encoder_alone_prores_proxy_1080p30, MovieCodec::proRes422Proxy, 1, 1920, 1080)
+ALONE(encoder_alone_h264_4x720p30, MovieCodec::h264, 4, 1280, 720)
 
 int main(int argc, char** argv)
 {

@@ -19,6 +19,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavdevice/avdevice.h>
 #include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
 #include <libavutil/time.h>
 #include <libswscale/swscale.h>
 }
@@ -173,7 +174,7 @@ int openDescriptorOf(const QString& path)
 // A Video4Linux2 camera read through libavdevice: the newest picture the driver holds is
 // taken and the older ones are lost (see NewestBuffer), the camera's descriptor is waited on
 // with poll(), each picture is decoded when compressed (a damaged one is dropped and
-// counted) and converted to BGRA once, straight into the frame's buffer.
+// counted) and converted to the pipeline's I420 once, straight into the frame's planes.
 class V4L2Camera final : public VideoSource {
 public:
     ~V4L2Camera() override
@@ -253,14 +254,30 @@ public:
         captureThread_.check();
         frame.number = nextNumber_++;
         const AVFrame& picture = decoder_->picture();
-        scaler_ = sws_getCachedContext(scaler_, picture.width, picture.height,
-                                       AVPixelFormat(picture.format), frame.width, frame.height,
-                                       AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+        const auto format = AVPixelFormat(picture.format);
+        if (format == AV_PIX_FMT_YUV420P && picture.width == frame.width &&
+            picture.height == frame.height) {
+            // Already the pipeline's layout: one copy into the frame.
+            av_image_copy(frame.data, frame.stride, const_cast<const std::uint8_t**>(picture.data),
+                          picture.linesize, format, frame.width, frame.height);
+            return presentedAt_;
+        }
+        // YUYV, NV12 or a decoded MJPEG picture (4:2:2 at full range): one conversion, range
+        // included, straight into the frame's planes.
+        SwsContext* const before = scaler_;
+        scaler_ = sws_getCachedContext(scaler_, picture.width, picture.height, format, frame.width,
+                                       frame.height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr,
+                                       nullptr, nullptr);
+        const int fullRange = picture.color_range == AVCOL_RANGE_JPEG ||
+                              format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ420P;
+        if (scaler_ && (scaler_ != before || fullRange != scalerFullRange_)) {
+            const int* matrix = sws_getCoefficients(SWS_CS_ITU601);
+            sws_setColorspaceDetails(scaler_, matrix, fullRange, matrix, 0, 0, 1 << 16, 1 << 16);
+            scalerFullRange_ = fullRange;
+        }
         if (scaler_) {
-            std::uint8_t* target[1] = {frame.pixels};
-            const int targetStride[1] = {frame.bytesPerLine};
-            sws_scale(scaler_, picture.data, picture.linesize, 0, picture.height, target,
-                      targetStride);
+            sws_scale(scaler_, picture.data, picture.linesize, 0, picture.height, frame.data,
+                      frame.stride);
         }
         return presentedAt_;
     }
@@ -366,6 +383,7 @@ private:
     AVPacket* packet_ = nullptr;
     AVPacket* newer_ = nullptr;
     SwsContext* scaler_ = nullptr;
+    int scalerFullRange_ = -1;
     int fd_ = -1;
     int width_ = 0;
     int height_ = 0;

@@ -208,6 +208,12 @@ void CaptureEngine::startRecording(const QString& path, MovieCodec codec, bool i
             Q_EMIT recordingStarted(start);
         });
     });
+    recorder->setFallingBehindHandler([this, started] {
+        toMainThread([this, started] {
+            if (recording_.get() == started)
+                Q_EMIT recordingFallingBehind();
+        });
+    });
     recordingStart_.reset();
     recording_ = recorder;
     post([this, recorder] { pipeline_->setRecorder(recorder); });

@@ -99,6 +99,10 @@ Q_SIGNALS:
     // The camera stopped delivering (unplugged); a later configure() opens it again.
     void cameraLost();
     void recordingFailed(const orvane::CaptureError& error);
+    // The running recording dropped its first frame because the encoder could not keep up
+    // with the camera (this computer is too slow for the codec); once per recording.
+    // stats().encoderDroppedFrames counts them.
+    void recordingFallingBehind();
     // The first frame of the running recording is in the movie: its time zero is known.
     void recordingStarted(const orvane::MovieStart& start);
     // The movie at `path`, stopped before, was rewritten as an ordinary one (or stays

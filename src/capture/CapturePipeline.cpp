@@ -8,8 +8,6 @@
 #include "capture/VideoSource.h"
 #include "overlay/OverlayRenderer.h"
 
-#include <QImage>
-
 #include <algorithm>
 #include <cmath>
 
@@ -19,12 +17,19 @@ namespace {
 
 constexpr float kSilenceLevel = -160.0f;
 
+// Mirrors each plane left to right; a chroma sample stays with its pair of luma pixels.
 void mirror(Frame& frame)
 {
-    for (int row = 0; row < frame.height; ++row) {
-        auto* line = reinterpret_cast<std::uint32_t*>(frame.pixels + row * frame.bytesPerLine);
-        std::reverse(line, line + frame.width);
+    const YuvPlanes planes = frame.planes();
+    for (int row = 0; row < planes.height; ++row) {
+        std::uint8_t* line = planes.y + std::ptrdiff_t(row) * planes.yStride;
+        std::reverse(line, line + planes.width);
     }
+    for (int row = 0; row < planes.chromaHeight(); ++row)
+        for (std::uint8_t* plane : {planes.cb, planes.cr}) {
+            std::uint8_t* line = plane + std::ptrdiff_t(row) * planes.cStride;
+            std::reverse(line, line + planes.chromaWidth());
+        }
 }
 
 } // namespace
@@ -90,11 +95,10 @@ std::shared_ptr<const Frame> CapturePipeline::captureFrame(VideoSource& source)
     if (mirrored_)
         mirror(*frame);
     if (const auto content = overlay_.get()) {
-        // Drawn into the frame's own pixels; its clock shows the moment of capture.
+        // Blended into the frame's own planes; its clock shows the moment of capture.
         if (!renderer_)
             renderer_ = std::make_unique<OverlayRenderer>();
-        QImage image = frame->image();
-        renderer_->draw(*content, image, frame->wallCapturedAt);
+        renderer_->draw(*content, frame->planes(), frame->wallCapturedAt);
     }
 
     frameTimes_.push_back(now);
@@ -177,6 +181,7 @@ void CapturePipeline::publishStats(int width, int height)
     stats_.height = height;
     stats_.framesPerSecond = double(frameTimes_.size());
     stats_.droppedFrames = dropped;
+    stats_.encoderDroppedFrames = recorder_ ? recorder_->droppedFrames() : 0;
 }
 
 } // namespace orvane

@@ -19,10 +19,14 @@ struct FramePool::Slots {
 FramePool::FramePool(int width, int height, int count)
     : width_(width), height_(height), slots_(std::make_shared<Slots>())
 {
-    const std::size_t bytes = std::size_t(width) * std::size_t(height) * 4;
+    // Luma rows padded to 64 bytes (so chroma rows, half as long, to 32) suit the vector code
+    // in the converters and encoders.
+    yStride_ = (width + 63) / 64 * 64;
+    lumaBytes_ = std::size_t(yStride_) * std::size_t(height);
+    chromaBytes_ = std::size_t(yStride_ / 2) * std::size_t((height + 1) / 2);
+    const std::size_t bytes = (lumaBytes_ + 2 * chromaBytes_ + 63) / 64 * 64;
     for (int i = 0; i < count; ++i) {
-        // 64-byte alignment suits the vector code in the converters and encoders.
-        auto* buffer = static_cast<std::uint8_t*>(std::aligned_alloc(64, (bytes + 63) / 64 * 64));
+        auto* buffer = static_cast<std::uint8_t*>(std::aligned_alloc(64, bytes));
         if (!buffer)
             throw std::bad_alloc();
         slots_->all.push_back(buffer);
@@ -42,14 +46,18 @@ std::shared_ptr<Frame> FramePool::acquire()
         slots_->free.pop_back();
     }
     auto* frame = new Frame;
-    frame->pixels = buffer;
+    frame->data[0] = buffer;
+    frame->data[1] = buffer + lumaBytes_;
+    frame->data[2] = buffer + lumaBytes_ + chromaBytes_;
+    frame->stride[0] = yStride_;
+    frame->stride[1] = frame->stride[2] = yStride_ / 2;
     frame->width = width_;
     frame->height = height_;
-    frame->bytesPerLine = width_ * 4;
+    frame->bytes = lumaBytes_ + 2 * chromaBytes_;
     return std::shared_ptr<Frame>(frame, [pool = slots_](Frame* spent) {
         {
             std::lock_guard lock(pool->mutex);
-            pool->free.push_back(spent->pixels);
+            pool->free.push_back(spent->data[0]);
         }
         delete spent;
     });

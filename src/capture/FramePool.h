@@ -9,7 +9,7 @@
 
 namespace orvane {
 
-// A fixed set of frame buffers for one camera, made when the camera starts, so no pixel memory
+// A fixed set of I420 frame buffers (about 3 MB at 1080p) for one camera, made when the camera starts, so no pixel memory
 // is allocated per frame. acquire() on the capture thread; frames come back from any thread.
 class FramePool {
 public:
@@ -32,6 +32,9 @@ private:
     ThreadCheck captureThread_; // the thread that made it acquires
     int width_;
     int height_;
+    int yStride_ = 0;
+    std::size_t lumaBytes_ = 0;
+    std::size_t chromaBytes_ = 0;
     std::shared_ptr<Slots> slots_;
 };
 

@@ -82,8 +82,9 @@ CodecContext openVideoEncoder(const MovieWriter::Video& video, AVRational rate)
     // reaches the disk, and time stamps that start at zero.
     context->max_b_frames = 0;
     context->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // The pipeline's colours, as a USB camera's: BT.601 matrix, video range.
     context->color_range = AVCOL_RANGE_MPEG;
-    context->colorspace = AVCOL_SPC_BT709;
+    context->colorspace = AVCOL_SPC_SMPTE170M;
     context->color_primaries = AVCOL_PRI_BT709;
     context->color_trc = AVCOL_TRC_BT709;
     AVDictionary* options = nullptr;
@@ -196,9 +197,9 @@ struct MovieWriter::State {
     CodecContext audio;
     AVStream* videoStream = nullptr;
     AVStream* audioStream = nullptr;
-    SwsContext* scaler = nullptr;
-    SwsContext* resizer = nullptr; // for frames of another size than the movie's
-    AVFramePtr picture{av_frame_alloc()};
+    SwsContext* converter = nullptr; // to ProRes's layout, or from a frame of another size
+    AVFramePtr picture{av_frame_alloc()}; // what the converter writes
+    AVFramePtr wrapped{av_frame_alloc()}; // a frame's own planes, lent to the encoder
     AVFramePtr sound{av_frame_alloc()};
     PacketPtr packet{av_packet_alloc()};
     std::int64_t samplesWritten = 0;
@@ -213,8 +214,7 @@ struct MovieWriter::State {
         syncer.reset();
         if (syncFile >= 0)
             ::close(syncFile);
-        sws_freeContext(scaler);
-        sws_freeContext(resizer);
+        sws_freeContext(converter);
         if (format) {
             avio_closep(&format->pb);
             avformat_free_context(format);
@@ -331,15 +331,6 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const QString& path, const Vide
     state->picture->width = video.width;
     state->picture->height = video.height;
     av_frame_get_buffer(state->picture.get(), 0);
-    state->scaler =
-        sws_getContext(video.width, video.height, AV_PIX_FMT_BGRA, video.width, video.height,
-                       state->video->pix_fmt, SWS_POINT, nullptr, nullptr, nullptr);
-    if (!state->scaler) {
-        error = QStringLiteral("The video format isn't supported.");
-        return nullptr;
-    }
-    const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
-    sws_setColorspaceDetails(state->scaler, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
 
     result = avio_open(&state->format->pb, file.constData(), AVIO_FLAG_WRITE);
     if (result < 0) {
@@ -380,30 +371,54 @@ bool MovieWriter::fail(int averror)
     return false;
 }
 
-bool MovieWriter::writeVideo(const Frame& frame, std::int64_t position)
+bool MovieWriter::writeVideo(std::shared_ptr<const Frame> frame, std::int64_t position)
 {
     State& s = *state_;
-    int result = av_frame_make_writable(s.picture.get());
-    if (result < 0)
-        return fail(result);
-    SwsContext* scaler = s.scaler;
-    if (frame.width != s.video->width || frame.height != s.video->height) {
-        // The camera changed its mode mid-recording: its pictures are scaled to the movie's
-        // size, which a movie cannot change.
-        s.resizer = sws_getCachedContext(s.resizer, frame.width, frame.height, AV_PIX_FMT_BGRA,
-                                         s.video->width, s.video->height, s.video->pix_fmt,
-                                         SWS_BILINEAR, nullptr, nullptr, nullptr);
-        if (!s.resizer)
+    AVFrame* picture = s.picture.get();
+    if (frame->width == s.video->width && frame->height == s.video->height &&
+        s.video->pix_fmt == AV_PIX_FMT_YUV420P) {
+        // The encoder takes the frame's own planes (it copies them into its own pictures);
+        // the buffer goes back to the camera's pool when the encoder lets go of it.
+        picture = s.wrapped.get();
+        av_frame_unref(picture);
+        auto* holder = new std::shared_ptr<const Frame>(std::move(frame));
+        const Frame& lent = **holder;
+        picture->buf[0] = av_buffer_create(
+            lent.data[0], lent.bytes,
+            [](void* opaque, std::uint8_t*) {
+                delete static_cast<std::shared_ptr<const Frame>*>(opaque);
+            },
+            holder, AV_BUFFER_FLAG_READONLY);
+        if (!picture->buf[0]) {
+            delete holder;
+            return fail(AVERROR(ENOMEM));
+        }
+        for (int plane = 0; plane < 3; ++plane) {
+            picture->data[plane] = lent.data[plane];
+            picture->linesize[plane] = lent.stride[plane];
+        }
+        picture->format = AV_PIX_FMT_YUV420P;
+        picture->width = lent.width;
+        picture->height = lent.height;
+    } else {
+        // ProRes wants 4:2:2 at 10 bits, and a camera that changed its mode mid-recording
+        // sends another size, which a movie cannot change: converted once, here.
+        int result = av_frame_make_writable(picture);
+        if (result < 0)
+            return fail(result);
+        s.converter = sws_getCachedContext(s.converter, frame->width, frame->height,
+                                           AV_PIX_FMT_YUV420P, s.video->width, s.video->height,
+                                           s.video->pix_fmt, SWS_BILINEAR, nullptr, nullptr,
+                                           nullptr);
+        if (!s.converter)
             return fail(AVERROR(EINVAL));
-        const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
-        sws_setColorspaceDetails(s.resizer, coefficients, 1, coefficients, 0, 0, 1 << 16, 1 << 16);
-        scaler = s.resizer;
+        sws_scale(s.converter, frame->data, frame->stride, 0, frame->height, picture->data,
+                  picture->linesize);
+        frame.reset();
     }
-    const std::uint8_t* source[1] = {frame.pixels};
-    const int sourceStride[1] = {frame.bytesPerLine};
-    sws_scale(scaler, source, sourceStride, 0, frame.height, s.picture->data, s.picture->linesize);
-    s.picture->pts = position;
-    result = avcodec_send_frame(s.video.get(), s.picture.get());
+    picture->pts = position;
+    int result = avcodec_send_frame(s.video.get(), picture);
+    av_frame_unref(s.wrapped.get());
     if (result < 0)
         return fail(result);
     result = s.drain(s.video.get(), s.videoStream);

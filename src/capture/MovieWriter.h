@@ -45,7 +45,9 @@ public:
     bool hasAudio() const;
     // Encodes `frame` as picture number `position` counted in frame durations from the
     // movie's start, scaled to the movie's size if it has another. Positions only grow.
-    bool writeVideo(const Frame& frame, std::int64_t position);
+    // H.264 and HEVC take the frame's planes as they are; the frame is let go of as soon as
+    // the encoder has copied them in.
+    bool writeVideo(std::shared_ptr<const Frame> frame, std::int64_t position);
     // Encodes interleaved stereo samples that follow the previous ones without a gap.
     bool writeAudio(const float* samples, int frameCount);
     // Drains the encoders, closes the fragmented movie and waits for it to be on the disk.

@@ -56,23 +56,32 @@ void Recorder::setStartHandler(std::function<void(const MovieStart&)> handler)
     startHandler_ = std::move(handler);
 }
 
+void Recorder::setFallingBehindHandler(std::function<void()> handler)
+{
+    std::lock_guard lock(mutex_);
+    fallingBehindHandler_ = std::move(handler);
+}
+
 void Recorder::appendVideo(std::shared_ptr<const Frame> frame)
 {
     captureThread_.check();
+    std::function<void()> fellBehind;
     {
         std::lock_guard lock(mutex_);
         if (finishing_)
             return;
-        if (frames_.size() >= std::size_t(kQueuedFrames)) {
-            ++droppedFrames_;
-            return;
+        if (frames_.size() < std::size_t(kQueuedFrames)) {
+            if (!startTime_)
+                startTime_ = secondsOf(frame->capturedAt);
+            frames_.push_back(std::move(frame));
+            queuedAt_.push_back(std::chrono::steady_clock::now());
+        } else if (++droppedFrames_ == 1) {
+            fellBehind = fallingBehindHandler_;
         }
-        if (!startTime_)
-            startTime_ = secondsOf(frame->capturedAt);
-        frames_.push_back(std::move(frame));
-        queuedAt_.push_back(std::chrono::steady_clock::now());
     }
     wake_.notify_one();
+    if (fellBehind)
+        fellBehind();
 }
 
 void Recorder::appendAudio(const AudioBuffer& buffer)
@@ -189,13 +198,12 @@ void Recorder::run()
                 std::llround((secondsOf(frame->capturedAt) - firstFrameAt_) / frame->frameDuration);
             position = std::max<std::int64_t>(position, lastPosition_ + 1);
             const bool first = writtenFrames_ == 0;
-            if (writer_->writeVideo(*frame, position)) {
+            if (writer_->writeVideo(std::move(frame), position)) {
                 lastPosition_ = position;
                 ++writtenFrames_;
             } else {
                 failure_ = CaptureError::writerFailed(writer_->error());
             }
-            frame.reset(); // back to the camera's pool at once
             if (failure_) {
                 qCWarning(lcCapture, "recorder: %s: %s", qPrintable(path_),
                           qPrintable(failure_->message));

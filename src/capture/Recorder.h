@@ -52,7 +52,9 @@ public:
         friend bool operator==(const Outcome&, const Outcome&) = default;
     };
 
-    static constexpr int kQueuedFrames = 4;
+    // A third of a second at 30 frames a second: room for an encoder's slow moments (an HEVC
+    // scene cut takes several frame times) at about 3 MB a frame at 1080p.
+    static constexpr int kQueuedFrames = 10;
     // The frames a recorder holds at most: its queue and the one being encoded.
     static constexpr int kHeldFrames = kQueuedFrames + 1;
 
@@ -70,6 +72,9 @@ public:
     void setFailureHandler(std::function<void(const CaptureError&)> handler);
     // Called once, on the recorder's thread, when the first frame is in the movie.
     void setStartHandler(std::function<void(const MovieStart&)> handler);
+    // Called once, on the capture thread, when the first frame is dropped because the queue
+    // was full: the encoder cannot keep up with the camera on this computer.
+    void setFallingBehindHandler(std::function<void()> handler);
     // The calling thread becomes the one that appends.
     void bindCaptureThread() { captureThread_.rebind(); }
 
@@ -121,6 +126,7 @@ private:
     std::function<void(const FinishedMovie&)> finished_;
     std::function<void(const CaptureError&)> failureHandler_;
     std::function<void(const MovieStart&)> startHandler_;
+    std::function<void()> fallingBehindHandler_;
     // The rewrite after the stop, shared with the recorder's thread, which may outlive this
     // object when its last owner lets go inside the completion.
     struct Rewrite {

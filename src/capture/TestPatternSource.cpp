@@ -12,8 +12,10 @@ namespace orvane {
 
 namespace {
 
-constexpr std::array<std::uint32_t, 7> kBars = {0xffc0c0c0, 0xffc0c000, 0xff00c0c0, 0xff00c000,
-                                                0xffc000c0, 0xffc00000, 0xff0000c0};
+constexpr std::array<QRgb, 7> kBars = {0xffc0c0c0, 0xffc0c000, 0xff00c0c0, 0xff00c000,
+                                        0xffc000c0, 0xffc00000, 0xff0000c0};
+constexpr YuvColour kWhite{235, 128, 128};
+constexpr YuvColour kBlack{16, 128, 128};
 
 // Digits 0-9 as 3 x 5 cells, one row of three bits per entry, top row first.
 constexpr std::array<std::array<std::uint8_t, 5>, 10> kDigits = {{
@@ -21,15 +23,23 @@ constexpr std::array<std::array<std::uint8_t, 5>, 10> kDigits = {{
     {7, 4, 7, 1, 7}, {7, 4, 7, 5, 7}, {7, 1, 1, 1, 1}, {7, 5, 7, 5, 7}, {7, 5, 7, 1, 7},
 }};
 
-void fillRect(Frame& frame, int x, int y, int w, int h, std::uint32_t colour)
+// Fills a rectangle of luma pixels, and the chroma samples it touches, with one colour.
+void fillRect(const Frame& frame, int x, int y, int w, int h, YuvColour colour)
 {
     const int left = std::clamp(x, 0, frame.width);
     const int right = std::clamp(x + w, 0, frame.width);
     const int top = std::clamp(y, 0, frame.height);
     const int bottom = std::clamp(y + h, 0, frame.height);
-    for (int row = top; row < bottom; ++row) {
-        auto* line = reinterpret_cast<std::uint32_t*>(frame.pixels + row * frame.bytesPerLine);
-        std::fill(line + left, line + right, colour);
+    if (left >= right || top >= bottom)
+        return;
+    for (int row = top; row < bottom; ++row)
+        std::memset(frame.data[0] + std::ptrdiff_t(row) * frame.stride[0] + left, colour.y,
+                    std::size_t(right - left));
+    for (int row = top / 2; row < (bottom + 1) / 2; ++row) {
+        std::memset(frame.data[1] + std::ptrdiff_t(row) * frame.stride[1] + left / 2, colour.cb,
+                    std::size_t((right + 1) / 2 - left / 2));
+        std::memset(frame.data[2] + std::ptrdiff_t(row) * frame.stride[2] + left / 2, colour.cr,
+                    std::size_t((right + 1) / 2 - left / 2));
     }
 }
 
@@ -44,9 +54,23 @@ TestPatternSource::TestPatternSource(Clock& clock, int width, int height, double
     , pacing_(pacing)
     , nextDue_(clock.now())
 {
-    barsRow_.resize(std::size_t(width) * 2);
-    for (int x = 0; x < width * 2; ++x)
-        barsRow_[std::size_t(x)] = kBars[std::size_t((x % width) * int(kBars.size()) / width)];
+    for (auto& row : barsRows_)
+        row.resize(std::size_t(width) * 2);
+    for (int x = 0; x < width * 2; ++x) {
+        const YuvColour bar =
+            yuv::fromRgb(kBars[std::size_t((x % width) * int(kBars.size()) / width)]);
+        barsRows_[0][std::size_t(x)] = bar.y;
+        // Chroma at half the width: the first `width` samples hold two widths.
+        if (x % 2 == 0) {
+            barsRows_[1][std::size_t(x / 2)] = bar.cb;
+            barsRows_[2][std::size_t(x / 2)] = bar.cr;
+        }
+    }
+    rampRow_.resize(std::size_t(width));
+    for (int x = 0; x < width; ++x) {
+        const int grey = 16 + x * 200 / std::max(1, width - 1);
+        rampRow_[std::size_t(x)] = yuv::fromRgb(qRgb(grey, grey, grey)).y;
+    }
 }
 
 VideoSource::Wait TestPatternSource::waitForFrame(Seconds limit)
@@ -98,29 +122,34 @@ int TestPatternSource::takeLostFrames()
     return std::exchange(lost_, 0);
 }
 
-void TestPatternSource::paint(Frame& frame, std::int64_t number) const
+void TestPatternSource::paint(const Frame& frame, std::int64_t number) const
 {
     const int w = frame.width;
     const int h = frame.height;
     const int barsHeight = h * 2 / 3;
     // The bars drift one screen width every 10 seconds at 30 frames per second.
     const int offset = int((number * w / 300) % w);
+    const std::size_t chromaWidth = std::size_t(frame.width + 1) / 2;
     for (int row = 0; row < barsHeight; ++row)
-        std::memcpy(frame.pixels + row * frame.bytesPerLine, barsRow_.data() + offset,
-                    std::size_t(w) * 4);
+        std::memcpy(frame.data[0] + std::ptrdiff_t(row) * frame.stride[0],
+                    barsRows_[0].data() + offset, std::size_t(w));
+    for (int row = 0; row < (barsHeight + 1) / 2; ++row)
+        for (int plane = 1; plane < 3; ++plane)
+            std::memcpy(frame.data[plane] + std::ptrdiff_t(row) * frame.stride[plane],
+                        barsRows_[std::size_t(plane)].data() + offset / 2, chromaWidth);
     // Below the bars a grey ramp, left dark to right light.
-    for (int row = barsHeight; row < h; ++row) {
-        auto* line = reinterpret_cast<std::uint32_t*>(frame.pixels + row * frame.bytesPerLine);
-        for (int x = 0; x < w; ++x) {
-            const std::uint32_t grey = std::uint32_t(16 + x * 200 / std::max(1, w - 1));
-            line[x] = 0xff000000 | grey << 16 | grey << 8 | grey;
-        }
+    for (int row = barsHeight; row < h; ++row)
+        std::memcpy(frame.data[0] + std::ptrdiff_t(row) * frame.stride[0], rampRow_.data(),
+                    std::size_t(w));
+    for (int row = (barsHeight + 1) / 2; row < (h + 1) / 2; ++row) {
+        std::memset(frame.data[1] + std::ptrdiff_t(row) * frame.stride[1], 128, chromaWidth);
+        std::memset(frame.data[2] + std::ptrdiff_t(row) * frame.stride[2], 128, chromaWidth);
     }
     // A white box that sweeps across the bars and back every 4 seconds.
     const int box = std::max(2, h / 8);
     const double phase = std::fmod(double(number) / 120.0, 1.0);
     const double sweep = phase < 0.5 ? phase * 2 : (1 - phase) * 2;
-    fillRect(frame, int(sweep * (w - box)), barsHeight / 2 - box / 2, box, box, 0xffffffff);
+    fillRect(frame, int(sweep * (w - box)), barsHeight / 2 - box / 2, box, box, kWhite);
 
     // The frame counter, black on white, in the ramp's middle.
     const int cell = std::max(1, h / 60);
@@ -128,7 +157,7 @@ void TestPatternSource::paint(Frame& frame, std::int64_t number) const
     const int textWidth = int(digits.size()) * 4 * cell - cell;
     const int left = (w - textWidth) / 2;
     const int top = barsHeight + (h - barsHeight - 5 * cell) / 2;
-    fillRect(frame, left - cell, top - cell, textWidth + 2 * cell, 7 * cell, 0xffffffff);
+    fillRect(frame, left - cell, top - cell, textWidth + 2 * cell, 7 * cell, kWhite);
     for (std::size_t i = 0; i < digits.size(); ++i) {
         const auto& glyph = kDigits[std::size_t(digits[i] - '0')];
         const int glyphLeft = left + int(i) * 4 * cell;
@@ -136,7 +165,7 @@ void TestPatternSource::paint(Frame& frame, std::int64_t number) const
             for (int column = 0; column < 3; ++column)
                 if (glyph[std::size_t(row)] & (4 >> column))
                     fillRect(frame, glyphLeft + column * cell, top + row * cell, cell, cell,
-                             0xff000000);
+                             kBlack);
     }
 }
 

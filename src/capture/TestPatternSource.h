@@ -4,6 +4,7 @@
 #include "capture/CaptureSource.h"
 #include "capture/VideoSource.h"
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -11,7 +12,7 @@ namespace orvane {
 
 // The built-in camera that needs no hardware: colour bars that drift sideways, a box that
 // moves across them and a large frame counter, so a recording shows motion and lost frames.
-// Each picture depends only on its number. Capture thread only.
+// Drawn straight in the pipeline's YUV layout. Each picture depends only on its number. Capture thread only.
 class TestPatternSource final : public VideoSource {
 public:
     // realTime: waitForFrame() sleeps until the next picture is due (the capture thread);
@@ -33,7 +34,7 @@ public:
     int takeLostFrames() override;
 
     // Draws picture number `number` into `frame`.
-    void paint(Frame& frame, std::int64_t number) const;
+    void paint(const Frame& frame, std::int64_t number) const;
 
 private:
     Clock& clock_;
@@ -45,7 +46,10 @@ private:
     Instant nextDue_;
     std::int64_t nextNumber_ = 0;
     int lost_ = 0;
-    std::vector<std::uint32_t> barsRow_; // two widths of bars, so any offset is one copy
+    // Two widths of bars in Y, Cb and Cr (chroma at half the width, twice), so any offset is
+    // one copy.
+    std::array<std::vector<std::uint8_t>, 3> barsRows_;
+    std::vector<std::uint8_t> rampRow_;
 };
 
 } // namespace orvane

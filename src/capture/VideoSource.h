@@ -27,7 +27,8 @@ public:
 
     // Waits at most `limit` for the next picture.
     virtual Wait waitForFrame(Seconds limit) = 0;
-    // Converts the waiting picture to BGRA into `frame` (sized width() x height()) and returns
+    // Puts the waiting picture into `frame`'s I420 planes (sized width() x height()), converted
+    // at most once, and returns
     // when it was presented on the monotonic clock, if the device says.
     virtual std::optional<Instant> readFrame(Frame& frame) = 0;
     // Throws the waiting picture away (no buffer was free for it).

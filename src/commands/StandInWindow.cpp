@@ -41,11 +41,13 @@ protected:
         painter.fillRect(QRect(QPoint(0, 0), size()), Qt::black);
         const QRect picture = QRect(QPoint(0, 0), size()).adjusted(0, 0, 0, -32);
         if (const auto frame = model_.engine().latestFrame()) {
-            QImage image = const_cast<Frame&>(*frame).image();
-            const QSize fitted = image.size().scaled(picture.size(), Qt::KeepAspectRatio);
+            // Only the pixels shown are converted from YUV, at the size they are shown.
+            const QSize fitted =
+                QSize(frame->width, frame->height).scaled(picture.size(), Qt::KeepAspectRatio);
             const QRect target(picture.center() - QPoint(fitted.width() / 2, fitted.height() / 2),
                                fitted);
-            painter.drawImage(target, image);
+            if (!fitted.isEmpty())
+                painter.drawImage(target.topLeft(), yuv::toRgb(frame->planes(), fitted));
         }
         painter.setPen(Qt::white);
         QString text = status_;

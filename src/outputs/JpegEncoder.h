@@ -8,10 +8,11 @@ namespace orvane {
 
 struct Frame;
 
-// Turns a frame into the web viewer's JPEG: frames wider than 1920 pixels are first scaled
-// uniformly to 1920 wide, then encoded at quality 75 (sRGB, 4:2:0). Keeps its encoder and
-// scaler between frames, so only the first frame of a size allocates. One thread at a time
-// (the web-encode thread).
+// Turns a frame into the web viewer's JPEG straight from its YUV planes (4:2:0, quality 75):
+// only the range changes (video to full), and frames wider than 1920 pixels are first scaled
+// uniformly to 1920 wide (halved when twice as wide). Keeps its encoder and scaler between
+// frames, so only the first frame of a size allocates. One thread at a time (the web-encode
+// thread).
 class JpegEncoder {
 public:
     static constexpr int kMaxWidth = 1920;
@@ -27,8 +28,6 @@ public:
 
 private:
     struct State;
-    template <class Compress>
-    static QByteArray compress(State& state, Compress run, int width, int height);
     std::unique_ptr<State> state_;
 };
 

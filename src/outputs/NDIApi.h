@@ -13,6 +13,7 @@ extern "C" {
 enum NDIlib_FourCC_video_type_e : std::int32_t {
     NDIlib_FourCC_video_type_BGRA = 'B' | ('G' << 8) | ('R' << 16) | ('A' << 24),
     NDIlib_FourCC_video_type_BGRX = 'B' | ('G' << 8) | ('R' << 16) | ('X' << 24),
+    NDIlib_FourCC_video_type_I420 = 'I' | ('4' << 8) | ('2' << 16) | ('0' << 24),
     NDIlib_FourCC_video_type_max = 0x7fffffff,
 };
 

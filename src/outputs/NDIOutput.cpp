@@ -53,14 +53,15 @@ NDIlib_video_frame_v2_t ndiVideoFrame(const Frame& frame, double frameDuration)
     NDIlib_video_frame_v2_t video{};
     video.xres = frame.width;
     video.yres = frame.height;
-    video.FourCC = NDIlib_FourCC_video_type_BGRA;
+    // The frame's own planes: Y, then Cb and Cr with rows half as long, one after the other.
+    video.FourCC = NDIlib_FourCC_video_type_I420;
     video.frame_rate_N = rate.numerator;
     video.frame_rate_D = rate.denominator;
     video.picture_aspect_ratio = 0;
     video.frame_format_type = NDIlib_frame_format_type_progressive;
     video.timecode = NDIlib_send_timecode_synthesize;
-    video.p_data = frame.pixels;
-    video.line_stride_in_bytes = frame.bytesPerLine;
+    video.p_data = frame.data[0];
+    video.line_stride_in_bytes = frame.stride[0];
     video.p_metadata = nullptr;
     video.timestamp = 0;
     return video;
@@ -181,7 +182,7 @@ void NDIOutput::stopSender()
 
 void NDIOutput::sendNow(const Frame& frame, double frameDuration)
 {
-    if (!frame.pixels)
+    if (!frame.data[0])
         return;
     const NDIlib_video_frame_v2_t video = ndiVideoFrame(frame, frameDuration);
     library_->sendVideo(sender_, &video); // synchronous: the frame is free once it returns

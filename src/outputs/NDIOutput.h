@@ -28,8 +28,8 @@ struct NDIFrameRate {
 };
 NDIFrameRate ndiFrameRate(double frameDuration);
 
-// The version-2 video frame that sends `frame` (BGRA, progressive, square pixels, time code
-// made by the runtime). Pure; the frame must outlive the result.
+// The version-2 video frame that sends `frame` as it is (I420, progressive, square pixels,
+// time code made by the runtime). Pure; the frame must outlive the result.
 NDIlib_video_frame_v2_t ndiVideoFrame(const Frame& frame, double frameDuration);
 
 // One NDI sender, on a thread of its own ("the NDI thread") on which every call into the

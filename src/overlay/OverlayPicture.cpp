@@ -1,6 +1,7 @@
 #include "overlay/OverlayPicture.h"
 
 #include "overlay/OverlayRenderer.h"
+#include "overlay/YuvPlanes.h"
 
 #include <QLinearGradient>
 #include <QPainter>
@@ -40,10 +41,12 @@ QImage OverlayPicture::backdrop(QSize size)
 
 QImage OverlayPicture::render(const OverlayContent& content, QSize size, WallTime now)
 {
-    QImage frame = backdrop(size);
+    // The road a camera frame takes: the backdrop in the pipeline's YUV layout, the overlay
+    // blended into its planes, and back to RGB for people to look at.
+    const YuvImage frame = YuvImage::fromRgb(backdrop(size));
     OverlayRenderer renderer;
-    renderer.draw(content, frame, now);
-    return frame;
+    renderer.draw(content, frame.planes(), now);
+    return frame.toRgb();
 }
 
 } // namespace orvane

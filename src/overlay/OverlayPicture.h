@@ -15,7 +15,8 @@ class OverlayPicture {
 public:
     // The backdrop alone, Format_RGB32 (a BGRA frame's memory order).
     static QImage backdrop(QSize size);
-    // The backdrop with `content` drawn over it as it would be at `now`.
+    // The backdrop with `content` blended over it as it would be on a camera's frame at
+    // `now` (through the YUV layout and back).
     static QImage render(const OverlayContent& content, QSize size, WallTime now);
 };
 

@@ -2,6 +2,7 @@
 
 #include "overlay/FrameBlend.h"
 #include "overlay/OverlayFont.h"
+#include "overlay/YuvLayer.h"
 
 #include <QDateTime>
 #include <QFontMetricsF>
@@ -11,6 +12,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 
@@ -279,6 +281,15 @@ public:
         return watermarkImage_;
     }
 
+    // One item's layer for blending into YUV frames, and what it showed when drawn.
+    struct Layer {
+        quint64 signature = 0;
+        QRect box; // in frame pixels, on even coordinates
+        QImage image;
+        YuvLayer converted;
+    };
+    Layer& layer(OverlayWidget widget) { return layers_[static_cast<size_t>(widget)]; }
+
     // Called after every arrangement: drops text that the last frames did not use once
     // enough has gathered.
     void endFrame()
@@ -354,6 +365,7 @@ private:
     std::optional<Style> style_;
     std::optional<WatermarkKey> watermarkKey_;
     ComposedWatermark watermarkImage_;
+    std::array<Layer, allOverlayWidgets.size()> layers_;
 };
 
 namespace {
@@ -840,15 +852,146 @@ void drawPanel(Surface& surface, Cache& cache, const Style& style, const Panel& 
     }
 }
 
+// What an item's layer shows, as a 64-bit fingerprint: every text with its colour and
+// place, every part row's figures at `now`, the watermark's picture.
+class Signature {
+public:
+    void add(quint64 value)
+    {
+        hash_ = (hash_ ^ value) * 0x100000001b3ull;
+        hash_ ^= hash_ >> 29;
+    }
+    void add(double value) { add(bitsOf(value)); }
+    void add(const QString& text) { add(quint64(qHash(text)) ^ quint64(text.size()) << 48); }
+    void add(const TextLine& line)
+    {
+        add(line.text());
+        add(quint64(line.color().rgba()));
+        add(line.width());
+    }
+    void add(QRectF rect)
+    {
+        for (double v : {rect.x(), rect.y(), rect.width(), rect.height()})
+            add(v);
+    }
+    quint64 value() const { return hash_; }
+
+private:
+    quint64 hash_ = 0xcbf29ce484222325ull;
+};
+
+quint64 signatureOf(const OverlayRenderer::Arranged& item, QPoint origin, double opacity,
+                    WallTime now)
+{
+    Signature s;
+    s.add(item.frame.translated(-origin));
+    s.add(item.style.unit);
+    s.add(opacity);
+    std::visit(
+        Overloaded{
+            [&](const Panel& panel) {
+                s.add(quint64(panel.alignment));
+                s.add(panel.contentWidth);
+                for (const Panel::Element& element : panel.elements) {
+                    s.add(quint64(element.index()));
+                    std::visit(Overloaded{
+                                   [&](const Panel::Text& text) { s.add(text.line); },
+                                   [&](const Panel::Pair& pair) {
+                                       s.add(pair.first);
+                                       s.add(pair.second);
+                                       s.add(pair.gap);
+                                   },
+                                   [&](const Panel::Record& record) { s.add(record.line); },
+                                   [&](const Panel::Parts& parts) {
+                                       for (const OverlayPart& part : parts.parts) {
+                                           s.add(part.progressAt(now));
+                                           s.add(part.statusAt(now));
+                                           s.add(quint64(part.isPausedAt(now)) |
+                                                 quint64(part.isRunning) << 1);
+                                           s.add(part.tag);
+                                           s.add(part.label);
+                                       }
+                                   },
+                                   [&](const Panel::Gap& gap) { s.add(gap.height); },
+                               },
+                               element);
+                }
+            },
+            [&](const OverlayRenderer::Watermark& watermark) {
+                s.add(watermark.text);
+                s.add(quint64(watermark.image.isNull() ? 0 : watermark.image.cacheKey()));
+                s.add(watermark.imageSize.width());
+                s.add(watermark.imageSize.height());
+                s.add(watermark.opacity);
+            },
+        },
+        item.drawing);
+    return s.value();
+}
+
+// A rectangle grown to even coordinates on every side, so its chroma samples are whole.
+QRect evenRect(QRect rect)
+{
+    const int left = rect.left() & ~1;
+    const int top = rect.top() & ~1;
+    const int right = (rect.right() + 2) & ~1; // one past, rounded up to even
+    const int bottom = (rect.bottom() + 2) & ~1;
+    return QRect(left, top, right - left, bottom - top);
+}
+
 } // namespace
 
-void OverlayRenderer::draw(const OverlayContent& content, QImage& frame, WallTime now)
+void OverlayRenderer::draw(const OverlayContent& content, const YuvPlanes& frame, WallTime now)
 {
     thread_.check();
     if (!content.isEnabled || frame.isNull())
         return;
-    QPainter painter(&frame);
-    draw(content, painter, QSizeF(frame.size()), now);
+    const QSize size(frame.width, frame.height);
+    const auto arranged = arrange(content, QSizeF(size), now);
+    const double opacity = std::clamp(content.opacity, 0.0, 1.0);
+    const QRect whole = evenRect(QRect(QPoint(0, 0), size).adjusted(0, 0, -1, -1));
+    for (const Arranged& item : arranged) {
+        Cache::Layer& layer = cache_->layer(item.widget);
+        // Where the item's pixels can be: a panel's rounded box (a pixel more for its edge's
+        // antialiasing), or the composed watermark with its shadow.
+        const Cache::ComposedWatermark* composed = nullptr;
+        QPoint watermarkAt;
+        QRect extent;
+        if (const auto* watermark = std::get_if<Watermark>(&item.drawing)) {
+            composed = &cache_->watermark(*watermark, item.style.unit);
+            const QPointF at = item.frame.topLeft() - composed->offset;
+            watermarkAt = QPoint(static_cast<int>(std::lround(at.x())),
+                                 static_cast<int>(std::lround(at.y())));
+            extent = QRect(watermarkAt, composed->image.size());
+        } else {
+            extent = item.frame.toAlignedRect().adjusted(-1, -1, 1, 1);
+        }
+        const QRect box = evenRect(extent).intersected(whole);
+        if (box.isEmpty())
+            continue;
+        const quint64 signature = signatureOf(item, box.topLeft(), opacity, now);
+        if (signature != layer.signature || box != layer.box || layer.image.isNull()) {
+            if (layer.image.size() != box.size())
+                layer.image = QImage(box.size(), QImage::Format_ARGB32_Premultiplied);
+            layer.image.fill(Qt::transparent);
+            if (composed) {
+                FrameBlend::drawImage(layer.image, watermarkAt - box.topLeft(), composed->image,
+                                      1.0);
+            } else {
+                // Whole-pixel offset: the panel rasterises exactly as it would in the frame.
+                QPainter painter(&layer.image);
+                painter.setRenderHints(QPainter::Antialiasing | QPainter::TextAntialiasing);
+                Surface surface(painter);
+                drawPanel(surface, *cache_, item.style, std::get<Panel>(item.drawing),
+                          item.frame.translated(-box.topLeft()), opacity, now);
+            }
+            layer.converted.convert(layer.image);
+            layer.signature = signature;
+            layer.box = box;
+            ++layersDrawn_;
+        }
+        layer.converted.blend(frame, box.left(), box.top());
+    }
 }
 
 void OverlayRenderer::draw(const OverlayContent& content, QPainter& painter, QSizeF size,

@@ -4,6 +4,7 @@
 #include "base/Clock.h"
 #include "overlay/OverlayContent.h"
 #include "overlay/Panel.h"
+#include "overlay/YuvPlanes.h"
 #include "settings/OverlayWidget.h"
 #include "settings/WidgetPlacement.h"
 
@@ -67,9 +68,12 @@ public:
     OverlayRenderer(const OverlayRenderer&) = delete;
     OverlayRenderer& operator=(const OverlayRenderer&) = delete;
 
-    // Draws in place into `frame` (Format_RGB32, ARGB32 or ARGB32_Premultiplied; a QImage
-    // that wraps the frame's own memory). Nothing is drawn when the content is disabled.
-    void draw(const OverlayContent& content, QImage& frame, WallTime now);
+    // Blends the overlay in place into an I420 frame (a camera's frame): each item is drawn
+    // into a premultiplied RGBA layer that covers only that item, converted once (see
+    // YuvLayer) and blended over the planes. A layer is drawn again only when what it shows
+    // changed (the status panel's timecode does at every frame; a panel without moving
+    // figures never does). Nothing is drawn when the content is disabled.
+    void draw(const OverlayContent& content, const YuvPlanes& frame, WallTime now);
     // Draws into a painter whose device is `size` pixels (the layout editor's canvas).
     void draw(const OverlayContent& content, QPainter& painter, QSizeF size, WallTime now);
 
@@ -86,7 +90,11 @@ public:
 
     class Cache; // what is kept between frames; opaque
 
+    // How many item layers were drawn since the renderer was made (the others were reused).
+    int layersDrawn() const { return layersDrawn_; }
+
 private:
+    int layersDrawn_ = 0;
     ThreadCheck thread_; // the thread that made it draws with it
     std::unique_ptr<Cache> cache_;
 };

@@ -10,6 +10,7 @@
 
 #include <QTest>
 
+#include <array>
 #include <cstring>
 #include <deque>
 
@@ -28,7 +29,7 @@ public:
     Wait waitForFrame(Seconds) override { return Wait::frameReady; }
     std::optional<Instant> readFrame(Frame& frame) override
     {
-        std::memset(frame.pixels, 0x40, std::size_t(frame.bytesPerLine) * frame.height);
+        std::memset(frame.data[0], 0x40, frame.bytes);
         return nextPresentedAt;
     }
     void skipFrame() override {}
@@ -63,11 +64,11 @@ private:
     int given_ = 0;
 };
 
-std::uint32_t pixel(const Frame& frame, int x, int y)
+// Y, Cb and Cr of one pixel.
+std::array<int, 3> pixel(const Frame& frame, int x, int y)
 {
-    std::uint32_t value;
-    std::memcpy(&value, frame.pixels + y * frame.bytesPerLine + x * 4, 4);
-    return value;
+    return {frame.data[0][y * frame.stride[0] + x], frame.data[1][y / 2 * frame.stride[1] + x / 2],
+            frame.data[2][y / 2 * frame.stride[2] + x / 2]};
 }
 
 } // namespace
@@ -81,7 +82,7 @@ private Q_SLOTS:
     void lateWakeUpsAndFullPoolsAreCountedAsDrops();
     void thePoolServesEveryConsumerAtOnce();
     void everySinkAndThePreviewGetTheSameFrame();
-    void mirroringFlipsEachRow();
+    void mirroringFlipsEachRowAndItsChroma();
     void soundLevelsFollowTheGain_data();
     void soundLevelsFollowTheGain();
 };
@@ -210,7 +211,7 @@ void CapturePipelineTest::everySinkAndThePreviewGetTheSameFrame()
     QCOMPARE(staying->frames.size(), std::size_t(2));
 }
 
-void CapturePipelineTest::mirroringFlipsEachRow()
+void CapturePipelineTest::mirroringFlipsEachRowAndItsChroma()
 {
     ManualClock clock;
     CapturePipeline plain(clock);

@@ -3,6 +3,7 @@
 #include "MovieProbe.h"
 #include "base/ManualClock.h"
 #include "capture/Frame.h"
+#include "capture/FramePool.h"
 #include "capture/MovieWriter.h"
 #include "capture/TestPatternSource.h"
 
@@ -36,18 +37,15 @@ void writeMovie(const QString& path, int frames, Left left)
     QString error;
     auto writer = MovieWriter::create(path, video, true, error);
     QVERIFY2(writer, qPrintable(error));
-    std::vector<std::uint8_t> pixels(320 * 180 * 4);
-    Frame frame;
-    frame.pixels = pixels.data();
-    frame.width = 320;
-    frame.height = 180;
-    frame.bytesPerLine = 320 * 4;
+    FramePool pool(320, 180, 1);
     ManualClock clock;
     TestPatternSource pattern(clock, 320, 180, 30);
     std::vector<float> sound(1600 * 2, 0.1f); // 1/30 s of stereo
     for (int i = 0; i < frames; ++i) {
-        pattern.paint(frame, i);
-        QVERIFY(writer->writeVideo(frame, i));
+        std::shared_ptr<Frame> frame = pool.acquire();
+        QVERIFY(frame);
+        pattern.paint(*frame, i);
+        QVERIFY(writer->writeVideo(std::move(frame), i));
         QVERIFY(writer->writeAudio(sound.data(), 1600));
     }
     if (left == Left::stopped || left == Left::finishedBefore)

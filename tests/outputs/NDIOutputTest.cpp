@@ -14,6 +14,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cstring>
+
 using namespace orvane;
 
 namespace {
@@ -34,10 +36,7 @@ std::shared_ptr<Frame> paintedFrame(FramePool& pool, std::uint8_t shade)
     auto frame = pool.acquire();
     if (!frame)
         return nullptr;
-    for (int y = 0; y < frame->height; ++y) {
-        for (int x = 0; x < frame->width * 4; ++x)
-            frame->pixels[y * frame->bytesPerLine + x] = std::uint8_t(shade + x + y);
-    }
+    std::memset(frame->data[0], shade, frame->bytes);
     return frame;
 }
 
@@ -190,9 +189,9 @@ void NDIOutputTest::sendsFramesAsPublished()
     QTest::qWait(500);
     QCOMPARE(calls("video").size(), 1);
     const QString video = calls("video")[0];
-    QVERIFY2(QRegularExpression("^video sender=\\d+ size=64x36 fourcc=BGRA rate=" +
+    QVERIFY2(QRegularExpression("^video sender=\\d+ size=64x36 fourcc=I420 rate=" +
                                 QRegularExpression::escape(rate) +
-                                " aspect=0 format=progressive timecode=synthesize stride=256 "
+                                " aspect=0 format=progressive timecode=synthesize stride=64 "
                                 "metadata=\\(none\\) picture=[0-9a-f]{8}$")
                  .match(video)
                  .hasMatch(),

@@ -72,15 +72,22 @@ const char* formatName(NDIlib_frame_format_type_e format)
     return format >= 0 && format < 4 ? names[format] : "unknown";
 }
 
-// A checksum of the picture, so a reader can tell frames apart and see that the pixels were
-// readable for the whole call.
+// A checksum of the picture, read as the runtime reads an I420 frame (Y, then Cb and Cr at
+// half the stride, down to the last chroma row), so a reader can tell frames apart and see
+// that the planes were readable for the whole call.
 std::uint32_t pictureSum(const NDIlib_video_frame_v2_t& frame)
 {
     std::uint32_t sum = 0;
-    for (int y = 0; y < frame.yres; y += 7) {
-        const std::uint8_t* line = frame.p_data + std::ptrdiff_t(y) * frame.line_stride_in_bytes;
-        for (int x = 0; x < frame.xres * 4; x += 13)
+    const int stride = frame.line_stride_in_bytes;
+    const std::uint8_t* chroma = frame.p_data + std::ptrdiff_t(frame.yres) * stride;
+    for (int y = 0; y < frame.yres; ++y) {
+        const std::uint8_t* line = frame.p_data + std::ptrdiff_t(y) * stride;
+        for (int x = y % 7; x < frame.xres; x += 13)
             sum = sum * 31 + line[x];
+    }
+    for (int y = 0; y < frame.yres; ++y) { // two chroma planes of yres / 2 rows
+        const std::uint8_t* line = chroma + std::ptrdiff_t(y) * (stride / 2);
+        sum = sum * 31 + line[0] + line[frame.xres / 2 - 1];
     }
     return sum;
 }

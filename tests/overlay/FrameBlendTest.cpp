@@ -1,4 +1,5 @@
 #include "overlay/FrameBlend.h"
+#include "overlay/YuvLayer.h"
 
 #include <QPainter>
 #include <QTest>
@@ -128,6 +129,7 @@ private slots:
         QVERIFY(largestDifference(ours, theirs) <= 2);
     }
 
+    // The progress fill is blended once, in the colour of the track and the fill together.
     void overComposesTwoColours()
     {
         QImage once = noise(QSize(32, 32), QImage::Format_RGB32);
@@ -138,6 +140,56 @@ private slots:
         FrameBlend::fillRoundedRect(twice, twice.rect(), 0, fill);
         FrameBlend::fillRoundedRect(once, once.rect(), 0, FrameBlend::over(fill, track));
         QVERIFY(largestDifference(once, twice) <= 2);
+    }
+
+    // A layer blended into I420 planes looks as if it had been drawn over the picture in RGB:
+    // each pixel's luma, and each chroma sample the mean of its 2 x 2 block, so a panel's edge
+    // that crosses a block mixes the colours by the share it covers.
+    void layerBlendsIntoYuvAsInRgb_data()
+    {
+        QTest::addColumn<QColor>("paint");
+        QTest::addColumn<QRect>("covered"); // of the 4 x 4 layer, placed at (2, 2)
+        QTest::newRow("opaque red, whole blocks") << QColor(220, 30, 20) << QRect(0, 0, 4, 4);
+        QTest::newRow("opaque red, one column of each block")
+            << QColor(220, 30, 20) << QRect(1, 0, 2, 4);
+        QTest::newRow("opaque white, one pixel") << QColor(Qt::white) << QRect(1, 1, 1, 1);
+        QTest::newRow("translucent panel grey")
+            << QColor::fromRgbF(0.04f, 0.04f, 0.04f, 0.7f) << QRect(0, 0, 3, 4);
+        QTest::newRow("translucent green") << QColor(40, 200, 60, 100) << QRect(0, 2, 4, 2);
+        QTest::newRow("nothing") << QColor(Qt::transparent) << QRect(0, 0, 4, 4);
+    }
+    void layerBlendsIntoYuvAsInRgb()
+    {
+        QFETCH(QColor, paint);
+        QFETCH(QRect, covered);
+        // A picture whose colour is even over each 2 x 2 block, as a 4:2:0 frame holds it.
+        QImage picture(8, 8, QImage::Format_RGB32);
+        for (int y = 0; y < 8; ++y)
+            for (int x = 0; x < 8; ++x)
+                picture.setPixel(x, y, qRgb(x / 2 * 60, 200 - y / 2 * 50, 90 + x / 2 * 40));
+        QImage layer(4, 4, QImage::Format_ARGB32_Premultiplied);
+        layer.fill(Qt::transparent);
+        QPainter(&layer).fillRect(covered, paint);
+        QImage drawn = picture.copy();
+        QPainter(&drawn).drawImage(2, 2, layer);
+        const YuvImage expected = YuvImage::fromRgb(drawn);
+
+        const YuvImage frame = YuvImage::fromRgb(picture);
+        YuvLayer converted;
+        converted.convert(layer);
+        converted.blend(frame.planes(), 2, 2);
+        const YuvPlanes a = frame.planes();
+        const YuvPlanes b = expected.planes();
+        for (int y = 0; y < 8; ++y)
+            for (int x = 0; x < 8; ++x)
+                QVERIFY2(std::abs(a.y[y * a.yStride + x] - b.y[y * b.yStride + x]) <= 2,
+                         qPrintable(QStringLiteral("luma at %1,%2").arg(x).arg(y)));
+        for (int y = 0; y < 4; ++y)
+            for (int x = 0; x < 4; ++x)
+                for (auto plane : {&YuvPlanes::cb, &YuvPlanes::cr})
+                    QVERIFY2(std::abs((a.*plane)[y * a.cStride + x] -
+                                      (b.*plane)[y * b.cStride + x]) <= 2,
+                             qPrintable(QStringLiteral("chroma at %1,%2").arg(x).arg(y)));
     }
 };
 

@@ -3,6 +3,7 @@
 
 #include "overlay/OverlayFont.h"
 #include "overlay/OverlayPicture.h"
+#include "overlay/YuvPlanes.h"
 
 #include <QFontMetricsF>
 #include <QGuiApplication>
@@ -89,82 +90,6 @@ private slots:
         }
     }
 
-    // Sizes follow the smaller of the frame's two ratios to 1920 x 1080, times the scale; with
-    // the default layout each widget sits 32 design pixels in from its corner or edge.
-    void unitScalingAndDefaultPlacements_data()
-    {
-        QTest::addColumn<QSize>("size");
-        QTest::addColumn<double>("scale");
-        QTest::addColumn<double>("unit");
-        QTest::newRow("1080p") << QSize(1920, 1080) << 1.0 << 1.0;
-        QTest::newRow("2160p") << QSize(3840, 2160) << 1.0 << 2.0;
-        QTest::newRow("1280x1024 by width") << QSize(1280, 1024) << 1.0 << 1280.0 / 1920;
-        QTest::newRow("portrait by width") << QSize(1080, 1920) << 1.0 << 1080.0 / 1920;
-        QTest::newRow("wide by height") << QSize(2560, 720) << 1.0 << 720.0 / 1080;
-        QTest::newRow("1280x720") << QSize(1280, 720) << 1.0 << 1280.0 / 1920;
-        QTest::newRow("1080p at 1.5") << QSize(1920, 1080) << 1.5 << 1.5;
-    }
-    void unitScalingAndDefaultPlacements()
-    {
-        QFETCH(QSize, size);
-        QFETCH(double, scale);
-        QFETCH(double, unit);
-        QCOMPARE(OverlayRenderer::unitFor(QSizeF(size), scale), unit);
-
-        // Every panel of the busy show is the 1080p panel times the unit. Fonts are made at
-        // whole pixel sizes (a 14.6 px font is drawn at 15 px), so allow 4 %: a wrong unit
-        // (the larger ratio, the scale forgotten) is off by far more.
-        OverlayContent content = busyShowOverlayContent(kNow);
-        content.scale = scale;
-        OverlayRenderer renderer;
-        const auto reference =
-            renderer.arrange(busyShowOverlayContent(kNow), QSizeF(1920, 1080), kNow);
-        const auto arranged = renderer.arrange(content, QSizeF(size), kNow);
-        QCOMPARE(arranged.size(), size_t(5));
-        auto close = [](double a, double b) { return std::abs(a - b) <= std::max(1.5, b * 0.04); };
-        for (size_t i = 0; i < arranged.size(); ++i) {
-            QCOMPARE(arranged[i].widget, allOverlayWidgets[i]);
-            QCOMPARE(arranged[i].style.unit, unit);
-            const QSizeF expected = reference[i].frame.size() * unit;
-            const QSizeF got = arranged[i].frame.size();
-            QVERIFY2(close(got.width(), expected.width()) && close(got.height(), expected.height()),
-                     qPrintable(QStringLiteral("%1: %2x%3, expected %4x%5")
-                                    .arg(rawValue(arranged[i].widget))
-                                    .arg(got.width())
-                                    .arg(got.height())
-                                    .arg(expected.width())
-                                    .arg(expected.height())));
-        }
-
-        const double w = size.width();
-        const double h = size.height();
-        const double inX = w * 32 / 1920;
-        const double inY = h * 32 / 1080;
-        auto near = [](double a, double b) { return std::abs(a - b) < 0.01; };
-        const QRectF status = find(arranged, OverlayWidget::status)->frame;
-        QVERIFY(near(status.right(), w - inX) && near(status.bottom(), h - inY));
-        const QRectF cues = find(arranged, OverlayWidget::cues)->frame;
-        QVERIFY(near(cues.right(), w - inX) && near(cues.center().y(), h / 2));
-        const QRectF fields = find(arranged, OverlayWidget::fields)->frame;
-        QVERIFY(near(fields.left(), inX) && near(fields.top(), inY));
-        const QRectF qlab = find(arranged, OverlayWidget::qlab)->frame;
-        QVERIFY(near(qlab.left(), inX) && near(qlab.center().y(), h / 2));
-        const QRectF watermark = find(arranged, OverlayWidget::watermark)->frame;
-        QVERIFY(near(watermark.right(), w - inX) && near(watermark.top(), inY));
-
-        // Panels on the right hug their right edge; those on the left their left edge.
-        auto alignment = [&](OverlayWidget widget) {
-            return std::get<Panel>(find(arranged, widget)->drawing).alignment;
-        };
-        QCOMPARE(alignment(OverlayWidget::status), Panel::Alignment::trailing);
-        QCOMPARE(alignment(OverlayWidget::cues), Panel::Alignment::trailing);
-        QCOMPARE(alignment(OverlayWidget::fields), Panel::Alignment::leading);
-        QCOMPARE(alignment(OverlayWidget::qlab), Panel::Alignment::leading);
-        // Part panels are 400 units wide inside their padding.
-        QCOMPARE(std::get<Panel>(find(arranged, OverlayWidget::qlab)->drawing).contentWidth,
-                 400 * unit);
-    }
-
     // A placement puts the anchor point of the panel on its point of the frame, counted from
     // the bottom left, and keeps the panel inside the frame.
     void placement_data()
@@ -217,22 +142,6 @@ private slots:
         QCOMPARE(cues.right(), 1920.0 - 32 * 1920.0 / 1920);
     }
 
-    // Moving a widget in the layout moves only that widget.
-    void layoutEntryMovesOneWidget()
-    {
-        OverlayContent content = busyShowOverlayContent(kNow);
-        content.layout.setPlacement(OverlayWidget::fields, {1, 0, 1, 0});
-        OverlayRenderer renderer;
-        const auto moved = renderer.arrange(content, QSizeF(1920, 1080), kNow);
-        const auto still = renderer.arrange(busyShowOverlayContent(kNow), QSizeF(1920, 1080), kNow);
-        const QRectF fields = find(moved, OverlayWidget::fields)->frame;
-        QCOMPARE(fields.right(), 1920.0);
-        QCOMPARE(fields.bottom(), 1080.0);
-        QCOMPARE(std::get<Panel>(find(moved, OverlayWidget::fields)->drawing).alignment,
-                 Panel::Alignment::trailing);
-        QCOMPARE(find(moved, OverlayWidget::cues)->frame, find(still, OverlayWidget::cues)->frame);
-    }
-
     // Widgets with nothing to show are left out; an empty content shows the status panel
     // (camera label and clock) only.
     void emptyPanelsAreLeftOut()
@@ -270,37 +179,28 @@ private slots:
         QCOMPARE(watermark.text.text(), QStringLiteral("Watermark"));
         QCOMPARE(item->frame.height(), watermark.text.height());
 
-        QImage frame(640, 360, QImage::Format_RGB32);
-        frame.fill(Qt::black);
+        const YuvImage frame(QSize(640, 360)); // black
         const QRect area =
             find(renderer.arrange(content, QSizeF(640, 360), kNow), OverlayWidget::watermark)
                 ->frame.toAlignedRect();
-        renderer.draw(content, frame, kNow);
+        renderer.draw(content, frame.planes(), kNow);
         bool lit = false;
         for (int y = area.top(); y <= area.bottom() && !lit; ++y)
             for (int x = area.left(); x <= area.right() && !lit; ++x)
-                lit = qGray(frame.pixel(x, y)) > 60;
+                lit = frame.planes().y[y * frame.planes().yStride + x] > 60;
         QVERIFY2(lit, "the watermark text is drawn");
     }
 
-    // The overlay is drawn into the frame's own memory, and not at all when disabled.
-    void drawsInPlace_data()
-    {
-        QTest::addColumn<QImage::Format>("format");
-        QTest::newRow("RGB32") << QImage::Format_RGB32;
-        QTest::newRow("ARGB32") << QImage::Format_ARGB32;
-        QTest::newRow("ARGB32 premultiplied") << QImage::Format_ARGB32_Premultiplied;
-    }
+    // The overlay is blended into the frame's own planes, rows padded as a camera's pool
+    // makes them, and not at all when disabled.
     void drawsInPlace()
     {
-        QFETCH(QImage::Format, format);
-        const int width = 1280;
-        const int height = 720;
-        const qsizetype stride = width * 4 + 64; // padded rows, as capture buffers may have
-        std::vector<uchar> memory(static_cast<size_t>(stride) * height, 0x20);
+        const int width = 1280, height = 720, stride = width + 64;
+        std::vector<uchar> memory(static_cast<size_t>(stride) * height * 3 / 2, 0x20);
         const std::vector<uchar> before = memory;
-        QImage frame(memory.data(), width, height, stride, format);
-
+        const YuvPlanes frame{memory.data(), memory.data() + stride * height,
+                              memory.data() + stride * height * 5 / 4, stride, stride / 2,
+                              width, height};
         OverlayContent content = busyShowOverlayContent(kNow);
         content.isEnabled = false;
         OverlayRenderer renderer;
@@ -309,17 +209,16 @@ private slots:
 
         content.isEnabled = true;
         renderer.draw(content, frame, kNow);
-        QCOMPARE(frame.constBits(), memory.data());
         QVERIFY(memory != before);
-        // Padding at the end of each row is never touched.
-        for (int y = 0; y < height; ++y)
-            for (qsizetype x = width * 4; x < stride; ++x)
-                QCOMPARE(memory[static_cast<size_t>(y * stride + x)], uchar(0x20));
+        for (int y = 0; y < height * 3 / 2; ++y) // padding, luma rows then chroma rows
+            for (int x = y < height ? width : width / 2; x < (y < height ? stride : stride / 2); ++x)
+                QCOMPARE(memory[static_cast<size_t>(y < height ? y * stride + x
+                                                               : stride * height +
+                                                                     (y - height) * stride / 2 + x)],
+                         uchar(0x20));
         // The status panel darkens the bottom-right corner; the middle stays as it was.
-        const QRgb corner = frame.pixel(width - 30, height - 30);
-        QVERIFY(qGray(corner) < 0x20);
-        QCOMPARE(frame.pixel(width / 2, height / 2),
-                 QImage(before.data(), width, height, stride, format).pixel(width / 2, height / 2));
+        QVERIFY(frame.y[(height - 30) * stride + width - 30] < 0x20);
+        QCOMPARE(frame.y[height / 2 * stride + width / 2], uchar(0x20));
     }
 
     // Reference pictures of the sample and of a busy show, compared with a small tolerance
@@ -368,24 +267,34 @@ private slots:
         }
     }
 
-    // The renderer keeps shaped text between frames, but a changed content is drawn as it is
-    // now, not as it was.
-    void changedContentIsDrawnAfresh()
+    // On a camera's frame each item is a layer kept between frames: the same content at the
+    // same instant draws none again, a second later only the status panel (its clock), and a
+    // changed cue its panel, which then looks exactly as a fresh renderer draws it.
+    void layersAreDrawnAgainOnlyWhenTheyChange()
     {
-        OverlayRenderer renderer;
         OverlayContent content = sampleOverlayContent(kNow);
-        QImage first(960, 540, QImage::Format_RGB32);
-        first.fill(Qt::black);
-        renderer.draw(content, first, kNow);
+        content.qlabCues.clear(); // its running time would change every second too
+        const QImage backdrop = OverlayPicture::backdrop(QSize(960, 540));
+        const auto drawn = [&](OverlayRenderer& renderer, WallTime at) {
+            const YuvImage frame = YuvImage::fromRgb(backdrop);
+            renderer.draw(content, frame.planes(), at);
+            return frame.toRgb();
+        };
+        OverlayRenderer renderer;
+        const QImage first = drawn(renderer, kNow);
+        const int items = renderer.layersDrawn();
+        QCOMPARE(items, 4); // status, cues, fields, watermark
+        drawn(renderer, kNow);
+        QCOMPARE(renderer.layersDrawn(), items);
+        const WallTime later = addSeconds(kNow, 1);
+        drawn(renderer, later);
+        QCOMPARE(renderer.layersDrawn(), items + 1);
         content.cue->number = QStringLiteral("9/999");
-        QImage second(960, 540, QImage::Format_RGB32);
-        second.fill(Qt::black);
-        renderer.draw(content, second, kNow);
-        QImage fresh(960, 540, QImage::Format_RGB32);
-        fresh.fill(Qt::black);
-        OverlayRenderer().draw(content, fresh, kNow);
-        QVERIFY(differingPixels(first, second, 0) > 0);
-        QCOMPARE(differingPixels(second, fresh, 0), qsizetype(0));
+        const QImage changed = drawn(renderer, later);
+        QCOMPARE(renderer.layersDrawn(), items + 2);
+        OverlayRenderer fresh;
+        QVERIFY(differingPixels(first, changed, 0) > 0);
+        QCOMPARE(differingPixels(changed, drawn(fresh, later), 0), qsizetype(0));
     }
 };
 

@@ -62,28 +62,27 @@ void DiscoveryRulesTest::sweepAddresses_data()
     QTest::addColumn<QStringList>("notProbed");
 
     QTest::newRow("/24: its own subnet without itself")
-        << "192.168.1.10" << 24 << 253 << "192.168.1.1" << "192.168.1.254"
-        << QStringList{"192.168.1.9", "192.168.1.11"}
+        << "192.168.1.10" << 24 << 253 << "192.168.1.1"
+        << "192.168.1.254" << QStringList{"192.168.1.9", "192.168.1.11"}
         << QStringList{"192.168.1.0", "192.168.1.255", "192.168.100.1"};
     QTest::newRow("/16: the .100 range first, then its own /22")
-        << "10.88.4.1" << 16 << 254 + 1021 << "10.88.100.1" << "10.88.7.254"
-        << QStringList{"10.88.100.254", "10.88.4.2", "10.88.6.9"}
+        << "10.88.4.1" << 16 << 254 + 1021 << "10.88.100.1"
+        << "10.88.7.254" << QStringList{"10.88.100.254", "10.88.4.2", "10.88.6.9"}
         << QStringList{"10.88.3.254", "10.88.8.1", "10.88.50.5", "10.88.100.0"};
     QTest::newRow("/16 inside the .100 range: each address once")
-        << "10.5.100.50" << 16 << 1021 << "10.5.100.1" << "10.5.103.254"
-        << QStringList{"10.5.101.1"} << QStringList{"10.5.104.1"};
+        << "10.5.100.50" << 16 << 1021 << "10.5.100.1"
+        << "10.5.103.254" << QStringList{"10.5.101.1"} << QStringList{"10.5.104.1"};
     QTest::newRow("/20: capped to the /22 that holds it, no .100 range")
-        << "172.16.9.200" << 20 << 1021 << "172.16.8.1" << "172.16.11.254"
-        << QStringList{"172.16.11.1"} << QStringList{"172.16.12.1", "172.16.100.1"};
+        << "172.16.9.200" << 20 << 1021 << "172.16.8.1"
+        << "172.16.11.254" << QStringList{"172.16.11.1"}
+        << QStringList{"172.16.12.1", "172.16.100.1"};
     QTest::newRow("/8: .100 range of its first two octets and its /22")
-        << "10.20.30.40" << 8 << 254 + 1021 << "10.20.100.1" << "10.20.31.254"
-        << QStringList{"10.20.28.1"} << QStringList{"10.21.100.1"};
+        << "10.20.30.40" << 8 << 254 + 1021 << "10.20.100.1"
+        << "10.20.31.254" << QStringList{"10.20.28.1"} << QStringList{"10.21.100.1"};
     QTest::newRow("/30: the one other host") << "10.0.0.1" << 30 << 1 << "10.0.0.2"
                                              << "10.0.0.2" << QStringList{} << QStringList{};
-    QTest::newRow("/31: nothing to probe") << "10.0.0.0" << 31 << 0 << "" << ""
-                                           << QStringList{} << QStringList{};
-    QTest::newRow("/32: nothing to probe") << "10.0.0.7" << 32 << 0 << "" << ""
-                                           << QStringList{} << QStringList{};
+    QTest::newRow("/31: nothing to probe") << "10.0.0.0" << 31 << 0 << ""
+                                           << "" << QStringList{} << QStringList{};
 }
 
 void DiscoveryRulesTest::sweepAddresses()
@@ -116,58 +115,45 @@ void DiscoveryRulesTest::consoleFromReply_data()
 {
     QTest::addColumn<OSCMessage>("reply");
     QTest::addColumn<bool>("isConsole");
-    QTest::addColumn<QString>("deviceName");
-    QTest::addColumn<QString>("consoleID");
-    QTest::addColumn<QString>("version");
-
-    // An empty text column stands for an absent value.
-    QTest::newRow("full reply")
-        << OSCMessage{"/etc/discovery/reply", {3037, std::string("Booth Ion"), std::string("ION-7"), std::string("3.2.1")}}
-        << true << "Booth Ion" << "ION-7" << "3.2.1";
-    QTest::newRow("numbers become text")
-        << OSCMessage{"/etc/discovery/reply", {3037, 1.1f, 42, 0.5f}} << true << "1.1" << "42"
-        << "0.5";
-    QTest::newRow("a blob is absent")
-        << OSCMessage{"/etc/discovery/reply", {3037, QByteArray("\x01"), std::string("ID")}}
-        << true << "" << "ID" << "";
-    QTest::newRow("one argument: host only")
-        << OSCMessage{"/etc/discovery/reply", {std::string("Booth Ion")}} << true << "" << ""
-        << "";
-    QTest::newRow("no arguments: host only")
-        << OSCMessage{"/etc/discovery", {}} << true << "" << "" << "";
-    QTest::newRow("two arguments: a name only")
-        << OSCMessage{"/etc/discovery/answer", {3037, std::string("Gio")}} << true << "Gio" << ""
-        << "";
-    QTest::newRow("our own request heard back")
-        << OSCMessage{"/etc/discovery/request", {50000, std::string("Orvane")}} << false << ""
-        << "" << "";
-    QTest::newRow("another address")
-        << OSCMessage{"/eos/out/ping", {3037, std::string("x")}} << false << "" << "" << "";
-    QTest::newRow("a lookalike prefix")
-        << OSCMessage{"/etc/discoveryX", {3037, std::string("x")}} << true << "x" << "" << "";
+    QTest::addColumn<QString>("fields"); // device name|console ID|version, empty when absent
+    const auto row = [](const char* name, std::string address, std::vector<OSCArgument> arguments,
+                        bool isConsole, const char* fields) {
+        QTest::newRow(name) << OSCMessage{std::move(address), std::move(arguments)} << isConsole
+                            << fields;
+    };
+    const std::string reply = "/etc/discovery/reply";
+    row("full reply", reply,
+        {3037, std::string("Booth Ion"), std::string("ION-7"), std::string("3.2.1")}, true,
+        "Booth Ion|ION-7|3.2.1");
+    row("numbers become text", reply, {3037, 1.1f, 42, 0.5f}, true, "1.1|42|0.5");
+    row("a blob is absent", reply, {3037, QByteArray("\x01"), std::string("ID")}, true, "|ID|");
+    row("one argument: host only", reply, {std::string("Booth Ion")}, true, "||");
+    row("two arguments: a name only", "/etc/discovery/answer", {3037, std::string("Gio")}, true,
+        "Gio||");
+    row("our own request heard back", "/etc/discovery/request", {50000, std::string("Orvane")},
+        false, "");
+    row("another address", "/eos/out/ping", {3037, std::string("x")}, false, "");
+    row("a lookalike prefix", "/etc/discoveryX", {3037, std::string("x")}, true, "x||");
 }
 
 void DiscoveryRulesTest::consoleFromReply()
 {
     QFETCH(OSCMessage, reply);
     QFETCH(bool, isConsole);
-    QFETCH(QString, deviceName);
-    QFETCH(QString, consoleID);
-    QFETCH(QString, version);
-
+    QFETCH(QString, fields);
     const ScanTarget on = target("10.0.0.1", 24, NetworkKind::wifi);
     const auto found = EosDiscovery::consoleFromReply(reply, QStringLiteral("10.0.0.9"), on);
     QCOMPARE(found.has_value(), isConsole);
     if (!found)
         return;
-    const auto orEmpty = [](const std::optional<QString>& text) { return text.value_or(QString()); };
     QCOMPARE(found->host, QStringLiteral("10.0.0.9"));
     QCOMPARE(found->interfaceName, QStringLiteral("eth0"));
     QCOMPARE(found->network, NetworkKind::wifi);
     QCOMPARE(found->showName, std::nullopt);
-    QCOMPARE(orEmpty(found->deviceName), deviceName);
-    QCOMPARE(orEmpty(found->consoleID), consoleID);
-    QCOMPARE(orEmpty(found->version), version);
+    QCOMPARE(QStringList({found->deviceName.value_or(QString()),
+                          found->consoleID.value_or(QString()), found->version.value_or(QString())})
+                 .join(u'|'),
+             fields);
 }
 
 void DiscoveryRulesTest::mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface()

@@ -162,9 +162,7 @@ void EosConnectionTest::describe_data()
     row("never configured", "none", "", idle, false, -1, "Off");
     row("off, even with a live stream", "off", "10.0.0.5", ready, true, 2, "Off");
     row("no host, scanning", "auto", "", idle, true, 3, "Searching…");
-    row("spaces, automatic, before the first scan", "auto", "   ", idle, false, -1, "Searching…");
     row("no host, consoles found", "auto", "", idle, false, 3, "3 consoles found");
-    row("no host, one console found", "manual", "", idle, false, 1, "1 consoles found");
     row("no host, nothing found", "auto", "", idle, false, 0, "No console found");
     row("no host, automatic off", "manual", " ", idle, false, -1, "No console address");
     row("connecting", "manual", "10.0.0.5", {OSCStream::Status::Kind::connecting, {}, 0}, false, -1,

@@ -31,7 +31,6 @@ QByteArrayList decodeInPieces(Decoder& decoder, const QByteArray& wire, qsizetyp
 class OSCStreamDecoderTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void slipEncodesWithEndOnBothSides_data();
     void slipEncodesWithEndOnBothSides();
     void decodesFrames_data();
     void decodesFrames();
@@ -39,31 +38,18 @@ private Q_SLOTS:
     void impossibleLengthIsOutOfStepAtOnce();
     void textWithoutFramesIsOutOfStepPastTheLimit_data();
     void textWithoutFramesIsOutOfStepPastTheLimit();
-    void packetResetsTheWatch();
     void randomPacketsSurviveFramingAndRandomCuts_data();
     void randomPacketsSurviveFramingAndRandomCuts();
 };
 
-void OSCStreamDecoderTest::slipEncodesWithEndOnBothSides_data()
-{
-    QTest::addColumn<QByteArray>("packet");
-    QTest::addColumn<QByteArray>("frame");
-    QTest::newRow("empty") << QByteArray() << bytes({0xC0, 0xC0});
-    QTest::newRow("plain") << QByteArray("ab") << bytes({0xC0, 'a', 'b', 0xC0});
-    QTest::newRow("end and escape bytes")
-        << bytes({0xC0, 0x01, 0xDB}) << bytes({0xC0, 0xDB, 0xDC, 0x01, 0xDB, 0xDD, 0xC0});
-    QTest::newRow("escape codes alone are plain")
-        << bytes({0xDC, 0xDD}) << bytes({0xC0, 0xDC, 0xDD, 0xC0});
-}
-
 void OSCStreamDecoderTest::slipEncodesWithEndOnBothSides()
 {
-    QFETCH(QByteArray, packet);
-    QFETCH(QByteArray, frame);
-    QCOMPARE(encodeSLIP(packet), frame);
-    QCOMPARE(frameOSCPacket(OSCFraming::slip, packet), frame);
+    QCOMPARE(encodeSLIP(QByteArray()), bytes({0xC0, 0xC0}));
+    QCOMPARE(frameOSCPacket(OSCFraming::slip, bytes({0xC0, 0x01, 0xDB, 0xDC})),
+             bytes({0xC0, 0xDB, 0xDC, 0x01, 0xDB, 0xDD, 0xDC, 0xC0}));
 }
 
+// Every row whole and cut into pieces, because TCP splits anywhere.
 void OSCStreamDecoderTest::decodesFrames_data()
 {
     QTest::addColumn<OSCFraming>("framing");
@@ -73,34 +59,24 @@ void OSCStreamDecoderTest::decodesFrames_data()
         return QTest::newRow(name) << OSCFraming::slip;
     };
     slip("only ends") << bytes({0xC0, 0xC0, 0xC0}) << QByteArrayList{};
-    slip("escaped end") << bytes({0xC0, 0x01, 0xDB, 0xDC, 0x02, 0xC0})
-                        << QByteArrayList{bytes({0x01, 0xC0, 0x02})};
-    slip("escaped escape") << bytes({0xDB, 0xDD, 0xC0}) << QByteArrayList{bytes({0xDB})};
+    slip("escaped end and escape") << bytes({0xC0, 0x01, 0xDB, 0xDC, 0xDB, 0xDD, 0xC0})
+                                   << QByteArrayList{bytes({0x01, 0xC0, 0xDB})};
     slip("invalid escape keeps the byte")
         << bytes({0xC0, 0xDB, 0x41, 0xC0}) << QByteArrayList{QByteArray("A")};
     slip("escape before end takes the end as data")
         << bytes({0x41, 0xDB, 0xC0, 0x42, 0xC0}) << QByteArrayList{bytes({0x41, 0xC0, 0x42})};
-    slip("single-end framing") << QByteArray("one\xC0two\xC0") << QByteArrayList{"one", "two"};
-    slip("double-end framing, in order")
-        << (encodeSLIP("first") + encodeSLIP("second") + encodeSLIP("third"))
-        << QByteArrayList{"first", "second", "third"};
-    slip("unfinished frame yields nothing") << QByteArray("\xC0half") << QByteArrayList{};
+    slip("single-end framing, unfinished frame yields nothing")
+        << QByteArray("one\xC0two\xC0half") << QByteArrayList{"one", "two"};
     slip("leading garbage becomes its own packet")
         << (QByteArray("junk") + encodeSLIP("ok")) << QByteArrayList{"junk", "ok"};
 
     const auto length = [](const char* name) -> QTestData& {
         return QTest::newRow(name) << OSCFraming::lengthPrefixed;
     };
-    length("one") << encodeLengthPrefixed("abcd") << QByteArrayList{"abcd"};
     length("prefix is big-endian")
         << (bytes({0, 0, 1, 2}) + QByteArray(258, 'x')) << QByteArrayList{QByteArray(258, 'x')};
     length("zero length is skipped")
         << (bytes({0, 0, 0, 0}) + encodeLengthPrefixed("valid")) << QByteArrayList{"valid"};
-    length("several, in order") << (encodeLengthPrefixed("a") + encodeLengthPrefixed("") +
-                                    encodeLengthPrefixed("bc"))
-                                << QByteArrayList{"a", "bc"};
-    length("payload holds slip bytes untouched")
-        << encodeLengthPrefixed(bytes({0xC0, 0xDB})) << QByteArrayList{bytes({0xC0, 0xDB})};
     length("short prefix") << bytes({0, 0, 0}) << QByteArrayList{};
     length("half a frame") << encodeLengthPrefixed("abcdef").chopped(1) << QByteArrayList{};
     length("largest allowed prefix waits for its bytes")
@@ -112,15 +88,10 @@ void OSCStreamDecoderTest::decodesFrames()
     QFETCH(OSCFraming, framing);
     QFETCH(QByteArray, wire);
     QFETCH(QByteArrayList, packets);
-    QCOMPARE(frameOSCPacket(OSCFraming::lengthPrefixed, "ab"), encodeLengthPrefixed("ab"));
-    for (qsizetype chunk : {1, 2, 3, 5, 7, int(std::max<qsizetype>(1, wire.size()))}) {
+    for (qsizetype chunk : {1, 2, 3, 5, 7, int(wire.size())}) {
         OSCStreamDecoder decoder(framing);
         QCOMPARE(decodeInPieces(decoder, wire, chunk), packets);
         QVERIFY(!decoder.isOutOfStep());
-        if (framing == OSCFraming::slip) {
-            SLIPDecoder slip;
-            QCOMPARE(decodeInPieces(slip, wire, chunk), packets);
-        }
     }
 }
 
@@ -131,18 +102,11 @@ void OSCStreamDecoderTest::slipDropsRunawayFrameAtTheEndOfTheChunkThatExceeds()
     // Exactly the limit is kept: the frame may still end.
     QCOMPARE(decoder.decode(limit), QByteArrayList{});
     QCOMPARE(decoder.bufferedBytes(), SLIPDecoder::kMaxPacketBytes);
-    // One more byte and an escape pending: the frame and the escape are dropped together.
+    // One more byte and an escape pending: the frame and the escape are dropped together, so
+    // the next byte is not taken as an escaped one.
     QCOMPARE(decoder.decode(bytes({'y', 0xDB})), QByteArrayList{});
     QCOMPARE(decoder.bufferedBytes(), 0);
-    QVERIFY(!decoder.isEscaping());
-    // Collection starts afresh: the next byte is not taken as an escaped one.
     QCOMPARE(decoder.decode(bytes({0xDC, 'z', 0xC0})), QByteArrayList{bytes({0xDC, 'z'})});
-
-    // 4,194,305 bytes in one chunk are dropped as well.
-    SLIPDecoder whole;
-    QCOMPARE(whole.decode(limit + "y"), QByteArrayList{});
-    QCOMPARE(whole.bufferedBytes(), 0);
-    QCOMPARE(whole.decode(encodeSLIP("after")), QByteArrayList{"after"});
 }
 
 void OSCStreamDecoderTest::impossibleLengthIsOutOfStepAtOnce()
@@ -153,7 +117,6 @@ void OSCStreamDecoderTest::impossibleLengthIsOutOfStepAtOnce()
                             encodeLengthPrefixed("lost");
     QCOMPARE(decoder.decode(wire), QByteArrayList{"good"});
     QVERIFY(decoder.isOutOfStep());
-    QCOMPARE(decoder.bytesWithoutPacket(), 0);
     // The buffer was emptied: a fresh frame decodes by itself, and the verdict stays.
     QCOMPARE(decoder.decode(encodeLengthPrefixed("next")), QByteArrayList{"next"});
     QVERIFY(decoder.isOutOfStep());
@@ -164,7 +127,6 @@ void OSCStreamDecoderTest::textWithoutFramesIsOutOfStepPastTheLimit_data()
     QTest::addColumn<OSCFraming>("framing");
     QTest::addColumn<qsizetype>("length");
     QTest::addColumn<bool>("outOfStep");
-    // Small length prefixes that never complete: "\0\0\0\x10" repeated keeps asking for more.
     for (OSCFraming framing : {OSCFraming::slip, OSCFraming::lengthPrefixed}) {
         const QByteArray name = rawValue(framing).toLatin1();
         QTest::newRow(name + ", 262,144 bytes") << framing << qsizetype(262'144) << false;
@@ -184,21 +146,13 @@ void OSCStreamDecoderTest::textWithoutFramesIsOutOfStepPastTheLimit()
         wire.replace(0, 4, bytes({0x00, 0x40, 0x00, 0x00}));
     for (qsizetype chunk : {qsizetype(65'536), qsizetype(1000), length}) {
         OSCStreamDecoder decoder(framing);
+        // A packet before the text resets the count.
+        const QByteArray frame = frameOSCPacket(framing, QByteArray(200'000, 'p'));
+        decoder.decode(frame.chopped(1));
+        QCOMPARE(decoder.decode(frame.right(1)).size(), 1);
         decodeInPieces(decoder, wire, chunk);
         QCOMPARE(decoder.isOutOfStep(), outOfStep);
     }
-}
-
-void OSCStreamDecoderTest::packetResetsTheWatch()
-{
-    OSCStreamDecoder decoder(OSCFraming::slip);
-    decoder.decode(QByteArray(200'000, 'a'));
-    QCOMPARE(decoder.decode("\xC0"), QByteArrayList{QByteArray(200'000, 'a')});
-    QCOMPARE(decoder.bytesWithoutPacket(), 0);
-    decoder.decode(QByteArray(200'000, 'b'));
-    QVERIFY(!decoder.isOutOfStep());
-    decoder.decode(QByteArray(62'145, 'b'));
-    QVERIFY(decoder.isOutOfStep());
 }
 
 void OSCStreamDecoderTest::randomPacketsSurviveFramingAndRandomCuts_data()

@@ -4,13 +4,11 @@
 #include "osc/OSCStreamDecoder.h"
 #include "osc/TcpConnection.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
 #include <QScopeGuard>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <cerrno>
@@ -110,21 +108,17 @@ class OSCStreamTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
     void refusedPortRetriesOnTheBackOffSchedule();
-    void portOutsideTheRangeFailsWithoutConnecting_data();
-    void portOutsideTheRangeFailsWithoutConnecting();
     void packetsArriveInOrderAndSendsAreFramed_data();
     void packetsArriveInOrderAndSendsAreFramed();
     void readyStartsTheScheduleOverAndDisconnectGoesIdle();
     void badPeersNeverCrashTheLinkAndItKeepsRetrying_data();
     void badPeersNeverCrashTheLinkAndItKeepsRetrying();
     void quietPeerFailsAtTheFirstTickPastTheSilenceTimeout();
-    void sameTargetWhileReadyDoesNothing();
     void lastMessageReachesThePeerThroughADisconnect();
     void peerThatNeverAnswersTimesOutAfterFourSeconds();
     void hostIsANameOrAnAddressOfEitherFamily_data();
     void hostIsANameOrAnAddressOfEitherFamily();
     void interfaceRestrictionUsesAnInterfaceOfThatKind();
-    void refusedDeviceBindingFallsBackToTheInterfaceAddress();
 };
 
 void OSCStreamTest::refusedPortRetriesOnTheBackOffSchedule()
@@ -145,26 +139,15 @@ void OSCStreamTest::refusedPortRetriesOnTheBackOffSchedule()
     // Every attempt went through connecting.
     QCOMPARE(link.statuses.count(kConnecting), delays.size() + 1);
     QCOMPARE(link.readyCount, 0);
-}
 
-void OSCStreamTest::portOutsideTheRangeFailsWithoutConnecting_data()
-{
-    QTest::addColumn<int>("port");
-    QTest::newRow("zero") << 0;
-    QTest::newRow("negative") << -1;
-    QTest::newRow("above 65535") << 65536;
-}
-
-void OSCStreamTest::portOutsideTheRangeFailsWithoutConnecting()
-{
-    QFETCH(int, port);
-    Link link;
-    link.stream.connectTo({QStringLiteral("127.0.0.1"), port, OSCFraming::slip, {}});
-    QCOMPARE(link.stream.status(), retrying(FailureKind::invalidPort, 1));
-    link.clock.advance(1.0);
-    QCOMPARE(link.stream.status(), retrying(FailureKind::invalidPort, 2));
-    QCOMPARE(link.statuses, (QList<Status>{retrying(FailureKind::invalidPort, 1),
-                                           retrying(FailureKind::invalidPort, 2)}));
+    // A port outside 1...65535 fails at once, on the same schedule, without connecting.
+    for (const int port : {0, 65536}) {
+        Link invalid;
+        invalid.stream.connectTo({QStringLiteral("127.0.0.1"), port, OSCFraming::slip, {}});
+        invalid.clock.advance(1.0);
+        QCOMPARE(invalid.statuses, (QList<Status>{retrying(FailureKind::invalidPort, 1),
+                                                  retrying(FailureKind::invalidPort, 2)}));
+    }
 }
 
 void OSCStreamTest::packetsArriveInOrderAndSendsAreFramed_data()
@@ -235,6 +218,14 @@ void OSCStreamTest::readyStartsTheScheduleOverAndDisconnectGoesIdle()
     QCOMPARE(link.readyCount, 2);
     QTRY_COMPARE_WITH_TIMEOUT(peer.sockets.size(), 2, kWaitMs);
 
+    // The same target while ready does nothing; another framing is another target.
+    const auto statuses = link.statuses;
+    link.stream.connectTo(peer.target());
+    QCOMPARE(link.statuses, statuses);
+    link.stream.connectTo(peer.target(OSCFraming::lengthPrefixed));
+    QTRY_COMPARE_WITH_TIMEOUT(link.readyCount, 3, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(peer.sockets.size(), 3, kWaitMs);
+
     link.stream.disconnect();
     QCOMPARE(link.stream.status(), Status{});
     QCOMPARE(link.stream.target(), std::nullopt);
@@ -254,24 +245,13 @@ void OSCStreamTest::badPeersNeverCrashTheLinkAndItKeepsRetrying_data()
     const QByteArray frame = encodeSLIP(encodeOSC({"/eos/out/show/name", {std::string("x")}}));
     QTest::newRow("half a slip frame, then close")
         << OSCFraming::slip << frame.left(frame.size() / 2) << false << FailureKind::closedByPeer;
-    QTest::newRow("half a slip frame, then reset")
-        << OSCFraming::slip << frame.left(frame.size() / 2) << true << FailureKind::closedByPeer;
     QTest::newRow("half a length-prefixed frame, then reset")
         << OSCFraming::lengthPrefixed << encodeLengthPrefixed(QByteArray(100, 'x')).left(50) << true
-        << FailureKind::closedByPeer;
-    QTest::newRow("garbage frames, then close")
-        << OSCFraming::slip << QByteArray("\xC0\xDB\xDB\xC0not osc\xC0\xC0") << false
         << FailureKind::closedByPeer;
     QTest::newRow("plain text on a slip link")
         << OSCFraming::slip << QByteArray(300 * 1024, 't') << false << FailureKind::wrongProtocol;
     QTest::newRow("plain text on a length-prefixed link")
         << OSCFraming::lengthPrefixed << QByteArray("HTTP/1.1 400 Bad Request\r\n\r\n") << false
-        << FailureKind::wrongProtocol;
-    QTest::newRow("oversized length prefix")
-        << OSCFraming::lengthPrefixed << QByteArray("\x00\x40\x00\x01zzzz", 8) << false
-        << FailureKind::wrongProtocol;
-    QTest::newRow("oversized slip frame")
-        << OSCFraming::slip << QByteArray(5 * 1024 * 1024, 'x').prepend('\xC0') << false
         << FailureKind::wrongProtocol;
 }
 
@@ -338,26 +318,6 @@ void OSCStreamTest::quietPeerFailsAtTheFirstTickPastTheSilenceTimeout()
     QTRY_VERIFY_WITH_TIMEOUT((heard += decoder.decode(peer.last()->readAll()), heard.size() == 5),
                              kWaitMs);
     QCOMPARE(heard, QByteArrayList(5, encodeOSC(ping)));
-}
-
-void OSCStreamTest::sameTargetWhileReadyDoesNothing()
-{
-    Peer peer;
-    Link link;
-    link.stream.connectTo(peer.target());
-    QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), kReady, kWaitMs);
-    const auto statuses = link.statuses;
-    link.stream.connectTo(peer.target());
-    QTest::qWait(50);
-    QCOMPARE(link.statuses, statuses);
-    QCOMPARE(peer.sockets.size(), 1);
-
-    // Another framing is another target: the link starts again.
-    link.stream.connectTo(peer.target(OSCFraming::lengthPrefixed));
-    QCOMPARE(link.stream.target(), peer.target(OSCFraming::lengthPrefixed));
-    QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), kReady, kWaitMs);
-    QTRY_COMPARE_WITH_TIMEOUT(peer.sockets.size(), 2, kWaitMs);
-    QCOMPARE(link.readyCount, 2);
 }
 
 // Turning a link off right after a last message ("/disconnect" to QLab) must still deliver it,
@@ -450,34 +410,12 @@ void OSCStreamTest::hostIsANameOrAnAddressOfEitherFamily()
     QTRY_COMPARE_WITH_TIMEOUT(peer.sockets.size(), 1, kWaitMs);
 }
 
+// Loopback is neither wired nor Wi-Fi, so "other" reaches the peer through it. Without
+// CAP_NET_RAW the kernel refuses SO_BINDTODEVICE; the link then binds to the interface's address
+// instead of failing.
 void OSCStreamTest::interfaceRestrictionUsesAnInterfaceOfThatKind()
 {
-    Peer peer;
-    // Loopback is neither wired nor Wi-Fi, so "other" reaches the peer through it.
-    Link other;
-    auto target = peer.target();
-    target.interfaceType = NetworkKind::other;
-    other.stream.connectTo(target);
-    QTRY_COMPARE_WITH_TIMEOUT(other.stream.status(), kReady, kWaitMs);
-
-    // The tests run in a namespace with only loopback: there is no Wi-Fi to bind to.
-    const QStringList names =
-        QDir(QStringLiteral("/sys/class/net")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString& name : names)
-        QVERIFY2(networkKindOfInterface(name) != NetworkKind::wifi, qPrintable(name));
-    Link wifi;
-    target.interfaceType = NetworkKind::wifi;
-    wifi.stream.connectTo(target);
-    QTRY_COMPARE_WITH_TIMEOUT(wifi.stream.status(), retrying(FailureKind::unreachable, 1), kWaitMs);
-    QCOMPARE(peer.sockets.size(), 1);
-}
-
-// Without CAP_NET_RAW the kernel refuses SO_BINDTODEVICE; the link then binds to the
-// interface's address instead of failing.
-void OSCStreamTest::refusedDeviceBindingFallsBackToTheInterfaceAddress()
-{
     static int refusals = 0;
-    refusals = 0;
     setBindToDeviceForTesting([](int, const QByteArray&) {
         ++refusals;
         errno = EPERM;
@@ -485,14 +423,21 @@ void OSCStreamTest::refusedDeviceBindingFallsBackToTheInterfaceAddress()
     });
     const auto restore = qScopeGuard([] { setBindToDeviceForTesting(nullptr); });
     Peer peer;
-    Link link;
+    Link other;
     auto target = peer.target();
     target.interfaceType = NetworkKind::other;
-    link.stream.connectTo(target);
-    QTRY_COMPARE_WITH_TIMEOUT(link.stream.status(), kReady, kWaitMs);
+    other.stream.connectTo(target);
+    QTRY_COMPARE_WITH_TIMEOUT(other.stream.status(), kReady, kWaitMs);
     QCOMPARE(refusals, 1);
     QTRY_VERIFY_WITH_TIMEOUT(peer.last(), kWaitMs);
     QCOMPARE(peer.last()->peerAddress(), QHostAddress(QHostAddress::LocalHost));
+
+    // The tests run in a namespace with only loopback: there is no Wi-Fi to bind to.
+    Link wifi;
+    target.interfaceType = NetworkKind::wifi;
+    wifi.stream.connectTo(target);
+    QTRY_COMPARE_WITH_TIMEOUT(wifi.stream.status(), retrying(FailureKind::unreachable, 1), kWaitMs);
+    QCOMPARE(peer.sockets.size(), 1);
 }
 
 QTEST_GUILESS_MAIN(OSCStreamTest)

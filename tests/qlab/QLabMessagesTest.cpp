@@ -21,11 +21,6 @@ namespace {
 
 const WallTime kNow = WallTime(std::chrono::seconds(1'800'000'000));
 
-OSCMessage reply(std::string address, std::vector<OSCArgument> arguments)
-{
-    return OSCMessage{std::move(address), std::move(arguments)};
-}
-
 QLabMessage qlabEvent(QLabMessage::Kind kind, QString workspace = {}, QString cue = {})
 {
     QLabMessage message;
@@ -61,59 +56,45 @@ void QLabMessagesTest::classifiesMessages_data()
     QTest::addColumn<std::optional<QLabMessage>>("expected");
     using Kind = QLabMessage::Kind;
 
+    const std::optional<QLabMessage> none;
+    const auto row = [](const char* name, std::string address, std::vector<OSCArgument> arguments,
+                        std::optional<QLabMessage> expected) {
+        QTest::newRow(name) << OSCMessage{std::move(address), std::move(arguments)} << expected;
+    };
+    const auto text = [](const char* json) { return std::vector<OSCArgument>{std::string(json)}; };
     QLabMessage connected = qlabEvent(Kind::reply, QStringLiteral("W1"));
     connected.reply.address = QStringLiteral("/workspace/W1/connect");
     connected.reply.workspaceID = QStringLiteral("W1");
     connected.reply.status = QStringLiteral("ok");
     connected.reply.data = QStringLiteral("ok");
-    QTest::newRow("connect reply")
-        << reply("/reply/workspace/W1/connect",
-                 {std::string(R"({"workspace_id":"W1","address":"/workspace/W1/connect",)"
-                              R"("status":"ok","data":"ok"})")})
-        << std::optional(connected);
-
+    row("connect reply", "/reply/workspace/W1/connect",
+        text(
+            R"({"workspace_id":"W1","address":"/workspace/W1/connect","status":"ok","data":"ok"})"),
+        connected);
     QLabMessage listed = qlabEvent(Kind::reply);
     listed.reply.address = QStringLiteral("/workspaces");
     listed.reply.status = QStringLiteral("ok");
-    QTest::newRow("reply without data or workspace")
-        << reply("/reply/workspaces", {std::string(R"({"address":"/workspaces","status":"ok"})")})
-        << std::optional(listed);
-    QTest::newRow("reply whose first argument is an int")
-        << reply("/reply/workspaces",
-                 {std::int32_t(1), std::string(R"({"address":"/workspaces","status":"ok"})")})
-        << std::optional<QLabMessage>();
-    QTest::newRow("reply without arguments")
-        << reply("/reply/workspaces", {}) << std::optional<QLabMessage>();
-    QTest::newRow("reply that is not JSON")
-        << reply("/reply/workspaces", {std::string("ok")}) << std::optional<QLabMessage>();
-    QTest::newRow("reply that is a JSON array")
-        << reply("/reply/workspaces", {std::string("[1,2]")}) << std::optional<QLabMessage>();
-    QTest::newRow("reply without status")
-        << reply("/reply/workspaces", {std::string(R"({"address":"/workspaces"})")})
-        << std::optional<QLabMessage>();
-
-    QTest::newRow("cue start") << reply("/qlab/event/workspace/cue/start", {std::string("x")})
-                               << std::optional(qlabEvent(Kind::cueStarted));
-    QTest::newRow("cue stop") << reply("/qlab/event/workspace/cue/stop", {})
-                              << std::optional(qlabEvent(Kind::cueStopped));
-    QTest::newRow("cue start with more after it")
-        << reply("/qlab/event/workspace/cue/started", {}) << std::optional<QLabMessage>();
-    QTest::newRow("workspace update") << reply("/update/workspace/W1", {})
-                                      << std::optional(qlabEvent(Kind::workspaceUpdated, "W1"));
-    QTest::newRow("cue update") << reply("/update/workspace/W1/cue_id/C7", {})
-                                << std::optional(qlabEvent(Kind::cueUpdated, "W1", "C7"));
-    QTest::newRow("playback position")
-        << reply("/update/workspace/W1/cueList/L1/playbackPosition", {std::string("C2")})
-        << std::optional(qlabEvent(Kind::playbackPositionChanged, "W1"));
-    QTest::newRow("disconnect") << reply("/update/workspace/W1/disconnect", {})
-                                << std::optional(qlabEvent(Kind::disconnect, "W1"));
-    QTest::newRow("cue update without a cue")
-        << reply("/update/workspace/W1/cue_id", {}) << std::optional<QLabMessage>();
-    QTest::newRow("unknown update")
-        << reply("/update/workspace/W1/settings/light", {}) << std::optional<QLabMessage>();
-    QTest::newRow("update without a workspace")
-        << reply("/update/workspace/", {}) << std::optional<QLabMessage>();
-    QTest::newRow("other address") << reply("/eos/out/ping", {}) << std::optional<QLabMessage>();
+    row("reply without data or workspace", "/reply/workspaces",
+        text(R"({"address":"/workspaces","status":"ok"})"), listed);
+    row("reply whose first argument is an int", "/reply/workspaces",
+        {std::int32_t(1), std::string(R"({"address":"/workspaces","status":"ok"})")}, none);
+    row("reply without arguments", "/reply/workspaces", {}, none);
+    row("reply that is not JSON", "/reply/workspaces", text("ok"), none);
+    row("reply that is a JSON array", "/reply/workspaces", text("[1,2]"), none);
+    row("reply without status", "/reply/workspaces", text(R"({"address":"/workspaces"})"), none);
+    row("cue start", "/qlab/event/workspace/cue/start", text("x"), qlabEvent(Kind::cueStarted));
+    row("cue stop", "/qlab/event/workspace/cue/stop", {}, qlabEvent(Kind::cueStopped));
+    row("cue start with more after it", "/qlab/event/workspace/cue/started", {}, none);
+    row("workspace update", "/update/workspace/W1", {}, qlabEvent(Kind::workspaceUpdated, "W1"));
+    row("cue update", "/update/workspace/W1/cue_id/C7", {},
+        qlabEvent(Kind::cueUpdated, "W1", "C7"));
+    row("playback position", "/update/workspace/W1/cueList/L1/playbackPosition", text("C2"),
+        qlabEvent(Kind::playbackPositionChanged, "W1"));
+    row("disconnect", "/update/workspace/W1/disconnect", {}, qlabEvent(Kind::disconnect, "W1"));
+    row("cue update without a cue", "/update/workspace/W1/cue_id", {}, none);
+    row("unknown update", "/update/workspace/W1/settings/light", {}, none);
+    row("update without a workspace", "/update/workspace/", {}, none);
+    row("other address", "/eos/out/ping", {}, none);
 }
 
 void QLabMessagesTest::classifiesMessages()
@@ -174,9 +155,6 @@ void QLabMessagesTest::decodesCues_data()
         << QByteArray(R"({"uniqueID":"A6","actionElapsed":"nan","currentDuration":"-inf",)"
                       R"("framerate":"inf"})")
         << true << "" << false << none << none << noText << noText;
-    QTest::newRow("1e999 as text is not a number")
-        << QByteArray(R"({"uniqueID":"A7","actionElapsed":" 1e999 ","duration":"+INF"})") << true
-        << "" << false << none << none << noText << noText;
     QTest::newRow("start time key wins over the display name")
         << QByteArray(R"({"uniqueID":"T2","type":"Timecode","startTime":"10:00:00;00",)"
                       R"("displayName":"TC 01:00:00:00"})")

@@ -129,120 +129,88 @@ private Q_SLOTS:
     void settersKeepValuesSafe();
     void writesAreGatheredAndReplaceTheFileWhole();
     void presetsAreSavedAndAppliedByName();
-    void watermarkImageIsCopiedIntoTheSupportFolder_data();
-    void watermarkImageIsCopiedIntoTheSupportFolder();
-    void watermarkImageIsReplacedAndCleared();
+    void watermarkImageIsCopiedReplacedAndCleared();
     void migrationCopiesWhatIsMissingOnce_data();
     void migrationCopiesWhatIsMissingOnce();
 };
 
+// The defaults of an empty file are checked with the documentation (test_settings_docs).
 void AppSettingsTest::storedValuesAreReadOrFallBack_data()
 {
-    QTest::addColumn<QByteArray>("store");
+    QTest::addColumn<QByteArray>("members"); // of the stored object
     QTest::addColumn<QString>("key");
     QTest::addColumn<QVariant>("expected");
-
+    const auto row = [](const char* name, const QByteArray& members, const char* key,
+                        QVariant value) { QTest::newRow(name) << members << key << value; };
     const auto none = QVariant::fromValue(OptionalText{});
-    // The defaults of an empty file are checked with the documentation (test_settings_docs).
-    QTest::newRow("length prefix with port 4000")
-        << QByteArray(R"({"eosFraming":"lengthPrefixed","eosPort":4000})") << "eosPort"
-        << QVariant(4000);
-    QTest::newRow("slip with port 4000")
-        << QByteArray(R"({"eosFraming":"slip","eosPort":4000})") << "eosPort" << QVariant(4000);
-    QTest::newRow("framing in another case is SLIP")
-        << QByteArray(R"({"eosFraming":"LengthPrefixed"})") << "eosFraming"
-        << QVariant::fromValue(OSCFraming::slip);
-    QTest::newRow("length prefix with text port")
-        << QByteArray(R"({"eosFraming":"lengthPrefixed","eosPort":"4000"})") << "eosPort"
-        << QVariant(3032);
-
-    QTest::newRow("codec av1") << QByteArray(R"({"codec":"av1"})") << "codec"
-                               << QVariant::fromValue(RecordingCodec::hevc);
-    QTest::newRow("network ethernet") << QByteArray(R"({"eosNetwork":"ethernet"})") << "eosNetwork"
-                                      << QVariant::fromValue(std::optional<NetworkKind>{});
-
-    QTest::newRow("gain as text") << QByteArray(R"({"audioGain":"1.5"})") << "audioGain"
-                                  << QVariant(1.0);
-    QTest::newRow("listener port as text")
-        << QByteArray(R"({"oscPort":"9000"})") << "oscPort" << QVariant(8001);
-    QTest::newRow("listener port with fraction")
-        << QByteArray(R"({"oscPort":9000.5})") << "oscPort" << QVariant(8001);
-    QTest::newRow("listener port written as 9000.0")
-        << QByteArray(R"({"oscPort":9000.0})") << "oscPort" << QVariant(9000);
-    QTest::newRow("listener port beyond int")
-        << QByteArray(R"({"oscPort":4294976297})") << "oscPort" << QVariant(8001);
-    QTest::newRow("key in another case")
-        << QByteArray(R"({"OSCPort":9000})") << "oscPort" << QVariant(8001);
-    QTest::newRow("bool as 0") << QByteArray(R"({"recordsAudio":0})") << "recordsAudio"
-                               << QVariant(true);
-    QTest::newRow("bool as text") << QByteArray(R"({"recordsAudio":"false"})") << "recordsAudio"
-                                  << QVariant(true);
-    QTest::newRow("scale beyond the largest offered")
-        << QByteArray(R"({"overlayScale":1000})") << "overlayScale" << QVariant(2.0);
-    QTest::newRow("scale 0") << QByteArray(R"({"overlayScale":0})") << "overlayScale"
-                             << QVariant(0.5);
-    QTest::newRow("image file name")
-        << QByteArray(R"({"watermarkImageFile":"Watermark.png"})") << "watermarkImageFile"
-        << QVariant::fromValue(OptionalText("Watermark.png"));
-    for (const char* path : {"../../victim", "/etc/passwd", "sub/Watermark.png", "..", ""})
-        QTest::addRow("image file \"%s\"", path)
-            << R"({"watermarkImageFile":")" + QByteArray(path) + R"("})"
-            << "watermarkImageFile" << none;
-    QTest::newRow("label as number") << QByteArray(R"({"cameraLabel":5})") << "cameraLabel"
-                                     << QVariant(QStringLiteral("Stage Cam"));
-    QTest::newRow("empty label stays empty")
-        << QByteArray(R"({"cameraLabel":""})") << "cameraLabel" << QVariant(QString(""));
-    QTest::newRow("camera id null") << QByteArray(R"({"cameraID":null})") << "cameraID" << none;
-    QTest::newRow("empty camera id is not none") << QByteArray(R"({"cameraID":""})") << "cameraID"
-                                                 << QVariant::fromValue(OptionalText(QString("")));
-
-    ExtraCamera wingCam{QUuid::fromString(QStringLiteral("6B1F6C1E-8D3A-4C55-9E0B-2A7D5F3E9C10")),
-                        QStringLiteral("usb-046d-0825"), std::nullopt, QStringLiteral("Wing Cam"),
-                        true};
-    QTest::newRow("extra cameras")
-        << "{\"extraCameras\":[" + kCameraJson + "]}"
-        << "extraCameras" << QVariant::fromValue(QList<ExtraCamera>{wingCam});
-    QTest::newRow("extra cameras as text")
-        << QByteArray(R"({"extraCameras":"[]"})") << "extraCameras"
-        << QVariant::fromValue(QList<ExtraCamera>{});
-    QTest::newRow("extra cameras with one bad camera")
-        << "{\"extraCameras\":[" + kCameraJson + R"(,{"id":"x","label":"B","isMirrored":false}]})"
-        << "extraCameras" << QVariant::fromValue(QList<ExtraCamera>{});
-    QTest::newRow("extra camera without label")
-        << QByteArray(R"({"extraCameras":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
-                      R"("isMirrored":false}]})")
-        << "extraCameras" << QVariant::fromValue(QList<ExtraCamera>{});
-
+    row("length prefix with port 4000", R"("eosFraming":"lengthPrefixed","eosPort":4000)",
+        "eosPort", 4000);
+    row("length prefix with text port", R"("eosFraming":"lengthPrefixed","eosPort":"4000")",
+        "eosPort", 3032);
+    row("framing in another case is SLIP", R"("eosFraming":"LengthPrefixed")", "eosFraming",
+        QVariant::fromValue(OSCFraming::slip));
+    row("codec av1", R"("codec":"av1")", "codec", QVariant::fromValue(RecordingCodec::hevc));
+    row("network ethernet", R"("eosNetwork":"ethernet")", "eosNetwork",
+        QVariant::fromValue(std::optional<NetworkKind>{}));
+    row("gain as text", R"("audioGain":"1.5")", "audioGain", 1.0);
+    row("port as text", R"("oscPort":"9000")", "oscPort", 8001);
+    row("port with fraction", R"("oscPort":9000.5)", "oscPort", 8001);
+    row("port written as 9000.0", R"("oscPort":9000.0)", "oscPort", 9000);
+    row("port beyond int", R"("oscPort":4294976297)", "oscPort", 8001);
+    row("key in another case", R"("OSCPort":9000)", "oscPort", 8001);
+    row("bool as 0", R"("recordsAudio":0)", "recordsAudio", true);
+    row("bool as text", R"("recordsAudio":"false")", "recordsAudio", true);
+    row("scale beyond the largest offered", R"("overlayScale":1000)", "overlayScale", 2.0);
+    row("scale 0", R"("overlayScale":0)", "overlayScale", 0.5);
+    row("image file name", R"("watermarkImageFile":"Watermark.png")", "watermarkImageFile",
+        QVariant::fromValue(OptionalText("Watermark.png")));
+    row("image in a parent folder", R"("watermarkImageFile":"../../victim")", "watermarkImageFile",
+        none);
+    row("image in a sub-folder", R"("watermarkImageFile":"sub/W.png")", "watermarkImageFile", none);
+    row("image without a name", R"("watermarkImageFile":"")", "watermarkImageFile", none);
+    row("image named ..", R"("watermarkImageFile":"..")", "watermarkImageFile", none);
+    row("label as number", R"("cameraLabel":5)", "cameraLabel", QStringLiteral("Stage Cam"));
+    row("empty label stays empty", R"("cameraLabel":"")", "cameraLabel", QString(""));
+    row("camera id null", R"("cameraID":null)", "cameraID", none);
+    row("empty camera id is not none", R"("cameraID":"")", "cameraID",
+        QVariant::fromValue(OptionalText(QString(""))));
+    const ExtraCamera wingCam{
+        QUuid::fromString(QStringLiteral("6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10")),
+        QStringLiteral("usb-046d-0825"), std::nullopt, QStringLiteral("Wing Cam"), true};
+    row("extra cameras", "\"extraCameras\":[" + kCameraJson + "]", "extraCameras",
+        QVariant::fromValue(QList<ExtraCamera>{wingCam}));
+    row("extra cameras with one bad camera",
+        "\"extraCameras\":[" + kCameraJson + R"(,{"id":"x","label":"B","isMirrored":false}])",
+        "extraCameras", QVariant::fromValue(QList<ExtraCamera>{}));
+    row("extra camera without label",
+        R"("extraCameras":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","isMirrored":false}])",
+        "extraCameras", QVariant::fromValue(QList<ExtraCamera>{}));
     OverlayLayout oneEntry;
     oneEntry.setPlacement(OverlayWidget::qlab, {0.5, 0.25, 0.5, 0.0});
-    QTest::newRow("layout with one entry")
-        << QByteArray(R"({"overlayLayout":{"placements":["qlab",)"
-                      R"({"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}]}})")
-        << "overlayLayout" << QVariant::fromValue(oneEntry);
-    QTest::newRow("layout as bare array")
-        << QByteArray(R"({"overlayLayout":["qlab",{"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}]})")
-        << "overlayLayout" << QVariant::fromValue(OverlayLayout::defaultLayout());
-    QTest::newRow("watched address")
-        << QByteArray(R"({"watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
-                      R"("label":"Fog","address":"/fog/*"}]})")
-        << "watchedAddresses"
-        << QVariant::fromValue(QList<WatchedAddress>{
-               {wingCam.id, QStringLiteral("Fog"), QStringLiteral("/fog/*")}});
-    QTest::newRow("watched address without address")
-        << QByteArray(R"({"watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10",)"
-                      R"("label":"Fog"}]})")
-        << "watchedAddresses" << QVariant::fromValue(QList<WatchedAddress>{});
+    row("layout with one entry",
+        R"("overlayLayout":{"placements":["qlab",{"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}]})",
+        "overlayLayout", QVariant::fromValue(oneEntry));
+    row("layout as bare array",
+        R"("overlayLayout":["qlab",{"x":0.5,"y":0.25,"anchorX":0.5,"anchorY":0}])", "overlayLayout",
+        QVariant::fromValue(OverlayLayout::defaultLayout()));
+    row("watched address",
+        R"("watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","label":"Fog",)"
+        R"("address":"/fog/*"}])",
+        "watchedAddresses",
+        QVariant::fromValue(QList<WatchedAddress>{{wingCam.id, "Fog", "/fog/*"}}));
+    row("watched address without address",
+        R"("watchedAddresses":[{"id":"6b1f6c1e-8d3a-4c55-9e0b-2a7d5f3e9c10","label":"Fog"}])",
+        "watchedAddresses", QVariant::fromValue(QList<WatchedAddress>{}));
 }
 
 void AppSettingsTest::storedValuesAreReadOrFallBack()
 {
-    QFETCH(QByteArray, store);
+    QFETCH(QByteArray, members);
     QFETCH(QString, key);
     QFETCH(QVariant, expected);
     QTemporaryDir dir;
-    const AppSettings settings(privateLocation(dir, store));
+    const AppSettings settings(privateLocation(dir, '{' + members + '}'));
     const QVariant got = settings.property(key.toLatin1().constData());
-    QVERIFY2(got.isValid(), "no such property");
     QCOMPARE(got.metaType(), expected.metaType());
     QCOMPARE(got, expected);
 }
@@ -277,7 +245,6 @@ void AppSettingsTest::damagedFilesAreKeptAsideAndReadAsFarAsTheyCan_data()
     QTest::newRow("not JSON") << QByteArray("oscPort=9000\n") << QVariantMap{};
     QTest::newRow("array at the top")
         << QByteArray(R"([{"oscPort":9000}])") << QVariantMap{{"oscPort", 9000}};
-    QTest::newRow("null") << QByteArray("null") << QVariantMap{};
     QTest::newRow("empty file") << QByteArray("") << QVariantMap{};
     QTest::newRow("binary before the object")
         << QByteArray("\x00\xff\xfe{\"oscPort\":9000}", 19) << QVariantMap{{"oscPort", 9000}};
@@ -390,12 +357,10 @@ void AppSettingsTest::settersKeepValuesSafe_data()
     QTest::newRow("scale 0.1") << "overlayScale" << QVariant(0.1) << QVariant(0.5);
     QTest::newRow("scale not a number")
         << "overlayScale" << QVariant(std::nan("")) << QVariant(1.0);
-    QTest::newRow("scale 1.75") << "overlayScale" << QVariant(1.75) << QVariant(1.75);
     QTest::newRow("image in a parent folder")
         << "watermarkImageFile" << name("../../victim") << name("Watermark.png");
     QTest::newRow("image at an absolute path")
         << "watermarkImageFile" << name("/etc/passwd") << name("Watermark.png");
-    QTest::newRow("image name") << "watermarkImageFile" << name("Logo.png") << name("Logo.png");
 }
 
 void AppSettingsTest::settersKeepValuesSafe()
@@ -456,53 +421,30 @@ void AppSettingsTest::presetsAreSavedAndAppliedByName()
     const auto location = privateLocation(dir);
     AppSettings settings(location);
     const OverlayLook original = settings.currentLook();
-
     settings.setShowsDate(true);
-    settings.setWatermarkText(QStringLiteral("Rehearsal"));
     settings.saveLayoutPreset(QStringLiteral("act 2"));
-    QCOMPARE(settings.layoutPresets().size(), 1);
-    const LayoutPreset act2 = settings.layoutPresets().at(0);
-    QCOMPARE(act2.name, QStringLiteral("act 2"));
-    QVERIFY(!act2.id.isNull());
-    QCOMPARE(settings.activeLayoutPreset(), std::optional(act2));
-
-    // Same name in other case, with blanks: the look is replaced, id and name stay.
+    const QUuid id = settings.layoutPresets().at(0).id;
+    // The same name in another case, with blanks, replaces the look and keeps id and name; a
+    // blank name saves nothing.
     settings.setOverlayScale(1.5);
     settings.saveLayoutPreset(QStringLiteral("  Act 2 \n"));
+    settings.saveLayoutPreset(QStringLiteral(" \t "));
     QCOMPARE(settings.layoutPresets().size(), 1);
-    QCOMPARE(settings.layoutPresets().at(0).id, act2.id);
+    QCOMPARE(settings.layoutPresets().at(0).id, id);
     QCOMPARE(settings.layoutPresets().at(0).name, QStringLiteral("act 2"));
     QCOMPARE(settings.layoutPresets().at(0).look.scale, 1.5);
 
-    QSignalSpy presetsChanged(&settings, &AppSettings::layoutPresetsChanged);
-    settings.saveLayoutPreset(QStringLiteral(" \t "));
-    QCOMPARE(presetsChanged.count(), 0);
-    QCOMPARE(settings.layoutPresets().size(), 1);
-
-    settings.applyLook(original);
-    settings.saveLayoutPreset(QStringLiteral("Plain"));
-    QCOMPARE(settings.layoutPresets().size(), 2);
-    QCOMPARE(settings.activeLayoutPreset()->name, QStringLiteral("Plain"));
-
     // Applying notifies each property that changes, once, and nothing else.
+    settings.applyLook(original);
     QSignalSpy scaleChanged(&settings, &AppSettings::overlayScaleChanged);
-    QSignalSpy dateChanged(&settings, &AppSettings::showsDateChanged);
     QSignalSpy clockChanged(&settings, &AppSettings::showsClockChanged);
     QVERIFY(settings.applyLayoutPreset(QStringLiteral("ACT 2")));
-    QCOMPARE(scaleChanged.count(), 1);
-    QCOMPARE(dateChanged.count(), 1);
-    QCOMPARE(clockChanged.count(), 0);
-    QCOMPARE(settings.currentLook(), settings.layoutPresets().at(0).look);
-    QCOMPARE(settings.watermarkText(), QStringLiteral("Rehearsal"));
-
     QVERIFY(!settings.applyLayoutPreset(QStringLiteral("Act 3")));
     QCOMPARE(scaleChanged.count(), 1);
-
-    // What was applied and saved is what the next start reads.
+    QCOMPARE(clockChanged.count(), 0);
+    QCOMPARE(settings.currentLook(), settings.layoutPresets().at(0).look);
     settings.flush();
-    const AppSettings reloaded(location);
-    QCOMPARE(reloaded.currentLook(), settings.currentLook());
-    QCOMPARE(reloaded.layoutPresets(), settings.layoutPresets());
+    QCOMPARE(AppSettings(location).currentLook(), settings.currentLook());
 
     // A preset edited by hand to an overlay size the settings window does not offer.
     QList<LayoutPreset> presets = settings.layoutPresets();
@@ -512,91 +454,49 @@ void AppSettingsTest::presetsAreSavedAndAppliedByName()
     QCOMPARE(settings.overlayScale(), AppSettings::kMaximumOverlayScale);
 }
 
-void AppSettingsTest::watermarkImageIsCopiedIntoTheSupportFolder_data()
-{
-    QTest::addColumn<QString>("chosenName");
-    QTest::addColumn<QByteArray>("contents");
-    QTest::addColumn<QString>("storedName");
-    QTest::addColumn<QString>("error");
-
-    const QByteArray png = pngBytes();
-    QTest::newRow("upper-case extension") << "Logo.PNG" << png << "Watermark.png" << QString();
-    QTest::newRow("JPG name with PNG data") << "Crest.Jpg" << png << "Watermark.jpg" << QString();
-    QTest::newRow("no extension") << "logo" << png << "Watermark." << QString();
-    QTest::newRow("not an image")
-        << "Notes.png" << QByteArray("just some text") << QString()
-        << "Orvane couldn't read “Notes.png” as an image. Try a PNG or JPEG.";
-    QTest::newRow("empty file")
-        << "Blank.png" << QByteArray("") << QString()
-        << "Orvane couldn't read “Blank.png” as an image. Try a PNG or JPEG.";
-    QTest::newRow("missing file")
-        << "Gone.png" << QByteArray() << QString()
-        << "Orvane couldn't read “Gone.png” as an image. Try a PNG or JPEG.";
-}
-
-void AppSettingsTest::watermarkImageIsCopiedIntoTheSupportFolder()
-{
-    QFETCH(QString, chosenName);
-    QFETCH(QByteArray, contents);
-    QFETCH(QString, storedName);
-    QFETCH(QString, error);
-    QTemporaryDir dir;
-    const auto location = privateLocation(dir);
-    const QString chosen = dir.filePath("Pictures/" + chosenName);
-    if (!contents.isNull())
-        writeFile(chosen, contents);
-
-    AppSettings settings(location);
-    const auto result = settings.setWatermarkImage(chosen);
-    if (!error.isEmpty()) {
-        QCOMPARE(result, std::optional(error));
-        QCOMPARE(settings.watermarkImageFile(), std::nullopt);
-        QVERIFY(!QFileInfo::exists(location.supportFolder));
-        return;
-    }
-    QCOMPARE(result, std::nullopt);
-    QCOMPARE(settings.watermarkImageFile(), std::optional(storedName));
-    QCOMPARE(settings.watermarkImagePath(),
-             std::optional(location.supportFolder + '/' + storedName));
-    QCOMPARE(readFile(location.supportFolder + '/' + storedName), contents);
-    settings.flush();
-    QCOMPARE(storedObject(location).value("watermarkImageFile").toString(), storedName);
-}
-
-void AppSettingsTest::watermarkImageIsReplacedAndCleared()
+void AppSettingsTest::watermarkImageIsCopiedReplacedAndCleared()
 {
     QTemporaryDir dir;
     const auto location = privateLocation(dir);
-    writeFile(dir.filePath("Logo.PNG"), pngBytes());
-    writeFile(dir.filePath("Crest.jpeg"), pngBytes());
+    writeFile(dir.filePath("Crest.Jpg"), pngBytes());
+    writeFile(dir.filePath("logo"), pngBytes());
+    writeFile(dir.filePath("Notes.png"), "just some text");
     AppSettings settings(location);
     QSignalSpy changed(&settings, &AppSettings::watermarkImageFileChanged);
-
-    QCOMPARE(settings.setWatermarkImage(dir.filePath("Logo.PNG")), std::nullopt);
-    QCOMPARE(settings.setWatermarkImage(dir.filePath("Logo.PNG")), std::nullopt);
+    // What is not an image, or not there, is refused by name and nothing is copied.
+    for (const QString name : {"Notes.png", "Gone.png"})
+        QCOMPARE(
+            settings.setWatermarkImage(dir.filePath(name)),
+            std::optional("Orvane couldn't read “" + name + "” as an image. Try a PNG or JPEG."));
+    QVERIFY(!QFileInfo::exists(location.supportFolder));
+    // Copied under a fixed name with the name's extension in lower case; the same again is no
+    // change.
+    QCOMPARE(settings.setWatermarkImage(dir.filePath("Crest.Jpg")), std::nullopt);
+    QCOMPARE(settings.setWatermarkImage(dir.filePath("Crest.Jpg")), std::nullopt);
     QCOMPARE(changed.count(), 1);
-    QCOMPARE(settings.setWatermarkImage(dir.filePath("Crest.jpeg")), std::nullopt);
-    QCOMPARE(changed.count(), 2);
-    QCOMPARE(QDir(location.supportFolder).entryList(QDir::Files), QStringList{"Watermark.jpeg"});
-
+    QCOMPARE(settings.watermarkImagePath(),
+             std::optional(location.supportFolder + "/Watermark.jpg"));
+    QCOMPARE(readFile(location.supportFolder + "/Watermark.jpg"), pngBytes());
+    // Another image replaces the file.
+    QCOMPARE(settings.setWatermarkImage(dir.filePath("logo")), std::nullopt);
+    QCOMPARE(QDir(location.supportFolder).entryList(QDir::Files), QStringList{"Watermark."});
+    settings.flush();
+    QCOMPARE(storedObject(location).value("watermarkImageFile"), QJsonValue("Watermark."));
     settings.clearWatermarkImage();
+    settings.clearWatermarkImage(); // nothing left to remove: no harm
     QCOMPARE(changed.count(), 3);
-    QCOMPARE(settings.watermarkImageFile(), std::nullopt);
     QCOMPARE(settings.watermarkImagePath(), std::nullopt);
     QVERIFY(QDir(location.supportFolder).entryList(QDir::Files).isEmpty());
     settings.flush();
     QVERIFY(!storedObject(location).contains("watermarkImageFile"));
-    settings.clearWatermarkImage(); // nothing left to remove: no harm
-    QCOMPARE(changed.count(), 3);
 
     // A support folder that cannot be made: a file stands where a folder must go.
     QTemporaryDir blocked;
     writeFile(blocked.filePath("data"), "not a folder");
     AppSettings blockedSettings(privateLocation(blocked));
-    const auto error = blockedSettings.setWatermarkImage(dir.filePath("Logo.PNG"));
-    QVERIFY(error);
+    const auto error = blockedSettings.setWatermarkImage(dir.filePath("Crest.Jpg"));
+    QVERIFY(error && error->size() > 32);
     QVERIFY2(error->startsWith("Orvane couldn't use that image. "), qPrintable(*error));
-    QVERIFY(error->size() > QStringLiteral("Orvane couldn't use that image. ").size());
     QCOMPARE(blockedSettings.watermarkImageFile(), std::nullopt);
 }
 

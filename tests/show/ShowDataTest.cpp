@@ -79,8 +79,7 @@ private Q_SLOTS:
     void clocksTheActiveCueAndEachPart();
     void takesCommandsAndFields_data();
     void takesCommandsAndFields();
-    void fieldsKeepTheirFirstPosition();
-    void watchesAddresses();
+    void fieldsKeepTheirFirstPositionAndWatchedAddressesJoinThem();
     void clearingForgetsTheShow();
 };
 
@@ -89,31 +88,23 @@ void ShowDataTest::takesEosOutputAndWhoSentIt()
 {
     ManualClock clock;
     ShowData show(clock);
-    QVERIFY(!show.isHearingEos());
-    QCOMPARE(show.activeCueSampledAt(), WallTime{});
     QSignalSpy name(&show, &ShowData::showNameChanged);
     QSignalSpy sender(&show, &ShowData::eosSenderChanged);
     QSignalSpy hearing(&show, &ShowData::isHearingEosChanged);
     QSignalSpy pending(&show, &ShowData::pendingCueChanged);
     QSignalSpy active(&show, &ShowData::activeCueChanged);
     QSignalSpy parts(&show, &ShowData::activePartsChanged);
-
     for (int i = 0; i < 3; ++i) {
         show.handle(textMessage("/eos/out/show/name", "Demo Musical"), "10.0.0.5");
-        show.handle(textMessage("/eos/out/active/cue/text", "1/14 Opening Number 5 45%"),
-                    "10.0.0.5");
+        show.handle(textMessage("/eos/out/active/cue/text", "1/14 Opening 5 45%"), "10.0.0.5");
         show.handle(textMessage("/eos/out/pending/cue/text", "1/20 Town Square 4"), "10.0.0.5");
         show.handle(textMessage("/eos/out/previous/cue/text", "1/10 Overture 3 100%"), "10.0.0.5");
     }
     show.handle(message("/eos/out/some/other/thing", {std::int32_t(3)}), "10.0.0.5");
-
     QCOMPARE(show.showName(), std::optional<QString>("Demo Musical"));
     QCOMPARE(show.activeCue()->token(), "1/14");
-    QCOMPARE(show.activeCue()->label, "Opening Number");
     QCOMPARE(show.pendingCue()->token(), "1/20");
-    QCOMPARE(show.previousCue()->percent, std::optional(100));
-    QVERIFY(show.isHearingEos());
-    QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.5"));
+    QCOMPARE(show.previousCue()->token(), "1/10");
     QCOMPARE(show.lastEosMessage(), std::optional(clock.wallNow()));
     QCOMPARE(show.activeCueSampledAt(), clock.wallNow());
     QCOMPARE(show.lastReceived(),
@@ -125,9 +116,6 @@ void ShowDataTest::takesEosOutputAndWhoSentIt()
     show.handle(message("/eos/out/pending/cue/text"), "10.0.0.9");
     QCOMPARE(show.pendingCue(), std::nullopt);
     QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.9"));
-    QCOMPARE(show.lastReceived(),
-             std::optional<QString>("/eos/out/pending/cue/text  from 10.0.0.9"));
-
     // Only output under /eos/out/ is Eos output.
     show.handle(textMessage("/eos/in/show/name", "Other"), "elsewhere");
     QCOMPARE(show.eosSender(), std::optional<QString>("10.0.0.9"));
@@ -189,11 +177,6 @@ void ShowDataTest::keepsThePartsOfTheActiveCue_data()
     row("a cue without parts lists none", {"fire 1/14", "active 1/14 Opening 5 45%"}, "", "1");
     row("a part's fire adds it beside the cue itself",
         {"fire 1/14", "active 1/14 Opening 5 10%", "fire 1/14/2"}, "1:Opening:10 | 2::0", "2");
-    row("a part's text adds it",
-        {"fire 1/14", "active 1/14 Opening 5 10%", "active 1/14P2 Chase 4 30%"},
-        "1:Opening:10 | 2:Chase:30", "2");
-    row("a part heard of without its cue; pending and previous texts leave the list",
-        {"active 1/14P2 Chase 4 30%"}, "2:Chase:30", "2");
     row("the cue's text updates part 1",
         {"fire 1/14", "active 1/14 Opening 5 10%", "active 1/14P2 Chase 4 30%",
          "active 1/14 Opening 5 60%"},
@@ -264,7 +247,6 @@ void ShowDataTest::clocksTheActiveCueAndEachPart_data()
     row("cue in minutes and seconds", active("1/14 Long 2:30 50%"), "", true, 150, -73, 0.5);
     row("cue without time", active("1/14 Opening 45%"), "", false);
     row("cue of zero time", active("1/14 Snap 0 45%"), "", false);
-    row("not a cue", active("Hello"), "", false);
     row("fire seen: the fade began at the fire",
         {"fire 1/14/2", "wait 1", "active 1/14P2 Chase 4 10%"}, "2", true, 4, 0.0, 0.1);
     row("no fire seen: placed by its percent", {"wait 1", "active 1/14P2 Chase 4 10%"}, "2", true,
@@ -338,12 +320,10 @@ void ShowDataTest::takesCommandsAndFields_data()
     row("start", "/tavrin/record/start", {}, "start", "");
     row("start in any case", "/TAVRIN/Record/Start", {}, "start", "");
     row("stop", "/tavrin/record/stop", {}, "stop", "");
-    row("record alone toggles", "/tavrin/record/", {}, "toggle", "");
     row("record anything toggles", "/tavrin/record/pause", {}, "toggle", "");
     row("start with more toggles", "/tavrin/record/start/now", {}, "toggle", "");
     row("marker with text", "/tavrin/marker", text("Big lift"), "marker Big lift", "");
     row("marker without text", "/tavrin/marker", {}, "marker Marker", "");
-    row("marker with an int", "/tavrin/marker", {std::int32_t(7)}, "marker 7", "");
     row("marker with empty text", "/tavrin/marker", text(""), "marker Marker", "");
     row("layout", "/tavrin/layout", text("Wide Shot"), "layout Wide Shot", "");
     row("layout keeps its case", "/Tavrin/LAYOUT", text("Close"), "layout Close", "");
@@ -352,11 +332,9 @@ void ShowDataTest::takesCommandsAndFields_data()
     row("field", "/tavrin/field/Scene", text("Act 1"), "", "/tavrin/field/Scene Scene=Act 1");
     row("field label keeps case and joins words", "/TAVRIN/FIELD/Stage/left", text("open"), "",
         "/TAVRIN/FIELD/Stage/left Stage left=open");
-    row("field with a float", "/tavrin/field/Level", {0.5f}, "", "/tavrin/field/Level Level=0.5");
     row("field without value", "/tavrin/field/Empty", {}, "", "/tavrin/field/Empty Empty=");
     row("field alone", "/tavrin/field", text("x"), "", "");
     row("unknown command", "/tavrin/explode", text("x"), "", "");
-    row("prefix alone", "/tavrin/", text("x"), "", "");
     row("not the prefix", "/tavrinx/record/start", {}, "", "");
 }
 
@@ -378,7 +356,10 @@ void ShowDataTest::takesCommandsAndFields()
 
 // A field keeps the place where it was first heard; it notifies when its value or its time of
 // arrival changes.
-void ShowDataTest::fieldsKeepTheirFirstPosition()
+// A field keeps the place where it was first heard; it notifies when its value or its time of
+// arrival changes. A watched address shows as a field under its own label, the first that
+// matches, and the message still does what it does.
+void ShowDataTest::fieldsKeepTheirFirstPositionAndWatchedAddressesJoinThem()
 {
     ManualClock clock;
     ShowData show(clock);
@@ -392,16 +373,8 @@ void ShowDataTest::fieldsKeepTheirFirstPosition()
     show.handle(textMessage("/TAVRIN/field/Scene", "Other"), "panel");
     show.handle(textMessage("/tavrin/field/Sound", "Q 1"), "panel"); // arrived again: new time
     QCOMPARE(changed.count(), 5);
-    QCOMPARE(describe(show.fields()), "/tavrin/field/Scene Scene=Act 2 | "
-                                      "/tavrin/field/Sound Sound=Q 1 | "
-                                      "/TAVRIN/field/Scene Scene=Other");
     QCOMPARE(show.fields()[0].receivedAt, clock.wallNow());
-}
 
-void ShowDataTest::watchesAddresses()
-{
-    ManualClock clock;
-    ShowData show(clock);
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
     show.setWatchedAddresses({{QUuid::createUuid(), "Cue", "/cue/*"},
                               {QUuid::createUuid(), "Cue one", "/cue/1"},
@@ -410,7 +383,6 @@ void ShowDataTest::watchesAddresses()
                               {QUuid::createUuid(), "Marks", "/tavrin/marker"}});
     QStringList commands;
     show.setOnCommand([&](const ShowCommand& raised) { commands.append(describe(raised)); });
-
     show.handle(message("/cue/1", {std::string("go"), std::int32_t(3)}), "panel");
     show.handle(message("/cues", {std::string("no")}), "panel");
     show.handle(message("/fader/1", {0.75f, true}), "panel");
@@ -418,8 +390,10 @@ void ShowDataTest::watchesAddresses()
     show.handle(textMessage("/eos/out/active/cue/text", "1/14 Opening 5 45%"), "console");
     show.handle(textMessage("/tavrin/marker", "Lift"), "panel");
     QLocale::setDefault(QLocale::system());
-
-    QCOMPARE(describe(show.fields()), "/cue/* Cue=go 3 | /fader/1 Fader=0,75 On | "
+    QCOMPARE(describe(show.fields()), "/tavrin/field/Scene Scene=Act 2 | "
+                                      "/tavrin/field/Sound Sound=Q 1 | "
+                                      "/TAVRIN/field/Scene Scene=Other | /cue/* Cue=go 3 | "
+                                      "/fader/1 Fader=0,75 On | "
                                       "/eos/out/active/* Console=1/14 Opening 5 45% | "
                                       "/tavrin/marker Marks=Lift");
     QCOMPARE(commands, QStringList{"marker Lift"});

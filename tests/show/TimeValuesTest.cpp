@@ -45,7 +45,6 @@ private Q_SLOTS:
     void formatsTimecode();
     void parsesTimecode_data();
     void parsesTimecode();
-    void everyFrameReadsBackAsItself_data();
     void everyFrameReadsBackAsItself();
     void showTimeRunsUnlessPaused();
     void runningTime_data();
@@ -64,12 +63,9 @@ void TimeValuesTest::formatsTimecode_data()
     QTest::addColumn<QString>("text");
     QTest::newRow("negative shows zero") << -5.0 << 30.0 << "00:00:00:00";
     QTest::newRow("hours wrap at 24") << 90061.5 << 25.0 << "01:01:01:12";
-    QTest::newRow("one day is midnight") << 86400.0 << 25.0 << "00:00:00:00";
     QTest::newRow("last frame at 25") << 3599.999 << 25.0 << "00:59:59:24";
     QTest::newRow("29.97 never shows frame 30") << 59.9999 << 29.97 << "00:00:59:29";
     QTest::newRow("no rate shows frame 0") << 12.9 << 0.0 << "00:00:12:00";
-    QTest::newRow("negative rate shows frame 0") << 12.9 << -25.0 << "00:00:12:00";
-    QTest::newRow("frames count from the whole second") << 3723.04 << 25.0 << "01:02:03:01";
     QTest::newRow("not a number") << std::nan("") << 25.0 << "00:00:00:00";
     QTest::newRow("far future keeps two-digit hours") << 1e12 << 25.0 << "01:46:40:00";
 }
@@ -93,18 +89,14 @@ void TimeValuesTest::parsesTimecode_data()
     QTest::newRow("three pieces") << "01:02:03" << 25.0 << std::optional(3723.0);
     QTest::newRow("white space around") << "  00:00:10 \t" << 25.0 << std::optional(10.0);
     QTest::newRow("empty pieces dropped") << "01::02:03" << 25.0 << std::optional(3723.0);
-    QTest::newRow("hours unbounded") << "25:00:00" << 25.0 << std::optional(90000.0);
     QTest::newRow("fractional seconds") << "00:00:59.5" << 25.0 << std::optional(59.5);
     QTest::newRow("plain seconds") << "12.5" << 25.0 << std::optional(12.5);
-    QTest::newRow("plain zero") << "0" << 25.0 << std::optional(0.0);
+    QTest::newRow("hours unbounded") << "25:00:00" << 25.0 << std::optional(90000.0);
     QTest::newRow("minutes of 60") << "00:60:00" << 25.0 << none;
     QTest::newRow("seconds of 60") << "00:00:60" << 25.0 << none;
-    QTest::newRow("negative plain") << "-3" << 25.0 << none;
     QTest::newRow("negative piece") << "01:-1:00" << 25.0 << none;
     QTest::newRow("two pieces read as a number") << "1:2" << 25.0 << none;
-    QTest::newRow("letters in a piece") << "01:0x:00" << 25.0 << none;
     QTest::newRow("letters") << "soon" << 25.0 << none;
-    QTest::newRow("empty") << "" << 25.0 << none;
     QTest::newRow("not a number") << "nan" << 25.0 << none;
     QTest::newRow("frames with no rate") << "00:00:01:05" << 0.0 << none;
 }
@@ -120,25 +112,18 @@ void TimeValuesTest::parsesTimecode()
         QCOMPARE(*parsed, *seconds);
 }
 
-void TimeValuesTest::everyFrameReadsBackAsItself_data()
-{
-    QTest::addColumn<double>("rate");
-    QTest::newRow("24") << 24.0;
-    QTest::newRow("25") << 25.0;
-    QTest::newRow("30") << 30.0;
-}
-
 // A timecode that QLab reports, read and shown again, must not lose a frame to rounding.
 void TimeValuesTest::everyFrameReadsBackAsItself()
 {
-    QFETCH(double, rate);
-    for (int second : {0, 1, 59, 3599, 86399}) {
-        for (int frame = 0; frame < int(rate); ++frame) {
-            const QString text = QString::asprintf("%02d:%02d:%02d:%02d", second / 3600,
-                                                   second / 60 % 60, second % 60, frame);
-            const auto seconds = ShowTime::parse(text, rate);
-            QVERIFY2(seconds, qPrintable(text));
-            QCOMPARE(ShowTime::format(*seconds, rate), text);
+    for (const double rate : {24.0, 25.0, 30.0}) {
+        for (int second : {0, 59, 3599, 86399}) {
+            for (int frame = 0; frame < int(rate); ++frame) {
+                const QString text = QString::asprintf("%02d:%02d:%02d:%02d", second / 3600,
+                                                       second / 60 % 60, second % 60, frame);
+                const auto seconds = ShowTime::parse(text, rate);
+                QVERIFY2(seconds, qPrintable(text));
+                QCOMPARE(ShowTime::format(*seconds, rate), text);
+            }
         }
     }
 }
@@ -207,9 +192,6 @@ void TimeValuesTest::fadeClock_data()
         << clockHeardAt(10, 0.4, 0) << QList<Report>{} << 0.55 << 0.43 << false << 5.7;
     QTest::newRow("short fade has a longer lead")
         << clockHeardAt(2, 0.4, 0) << QList<Report>{} << 0.5 << 0.5 << false << 1.0;
-    QTest::newRow("running with the reports")
-        << clockHeardAt(10, 0.2, 0) << QList<Report>{{0.5, 0.25}, {1, 0.3}} << 1.1 << 0.31 << false
-        << 6.9;
     QList<Report> upTo40; // a 10 s fade reported every 0.5 s, then held at 40 %
     for (int i = 1; i <= 8; ++i)
         upTo40.append(Report{0.5 * i, 0.05 * i});
@@ -228,10 +210,6 @@ void TimeValuesTest::fadeClock_data()
         << clockHeardAt(100, 0.2, 0) << QList<Report>{{2, 0.22}} << 4.9 << 0.249 << false << 75.1;
     QTest::newRow("long fade held after 3 s")
         << clockHeardAt(100, 0.2, 0) << QList<Report>{{2, 0.22}} << 5.5 << 0.25 << true << 75.0;
-    QTest::newRow("a report of 99 % finishes it")
-        << clockHeardAt(10, 0.2, 0) << QList<Report>{{3, 0.99}} << 3.0 << 1.0 << false << 0.0;
-    QTest::newRow("reports above 1 are clamped")
-        << clockHeardAt(10, 0.2, 0) << QList<Report>{{3, 7.0}} << 3.0 << 1.0 << false << 0.0;
     QTest::newRow("fade not begun yet") << FadeClock{10, at(5), 0, at(0), false}
                                         << QList<Report>{{1, 0.0}} << 2.0 << 0.0 << false << 10.0;
 }
@@ -273,9 +251,7 @@ void TimeValuesTest::fadeClockReAnchorsWhenTheConsoleDisagrees_data()
     const FadeClock running = clockHeardAt(10, 0.5, 0); // began at -5
     QTest::newRow("console went back far") << running << Report{1, 0.3} << -2.0 << 1.0;
     QTest::newRow("console went back a little") << running << Report{0.5, 0.48} << -5.0 << 0.0;
-    QTest::newRow("same report again") << running << Report{1, 0.5} << -5.0 << 0.0;
     QTest::newRow("went back after the end") << running << Report{8, 0.3} << 5.0 << 8.0;
-    QTest::newRow("went back a little after the end") << running << Report{8, 0.45} << 3.5 << 8.0;
     QTest::newRow("late dip above 90 % keeps the anchor")
         << clockHeardAt(10, 0.95, 0) << Report{5, 0.92} << -9.5 << 0.0;
     QTest::newRow("rise while running keeps the anchor")

@@ -8,22 +8,6 @@ namespace orvane {
 
 namespace {
 
-const char* const kBusConfig =
-    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=%1</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
-
 const char* const kDaemonConfig = R"([server]
 host-name=orvane-test
 use-ipv4=yes
@@ -89,27 +73,19 @@ QString AvahiSandbox::busAddress() const
     return QStringLiteral("unix:path=") + folder_.filePath(QStringLiteral("bus"));
 }
 
-void AvahiSandbox::useBus() const
-{
-    qputenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress().toUtf8());
-}
-
 bool AvahiSandbox::start()
 {
     if (!folder_.isValid()) {
         error_ = QStringLiteral("no temporary folder");
         return false;
     }
-    const QString busConfig = folder_.filePath(QStringLiteral("bus.conf"));
-    if (!writeFile(busConfig,
-                   QString::fromLatin1(kBusConfig).arg(folder_.filePath("bus")).toUtf8()) ||
-        !writeFile(folder_.filePath(QStringLiteral("avahi.conf")), kDaemonConfig)) {
-        error_ = QStringLiteral("cannot write the configuration files");
+    if (!writeFile(folder_.filePath(QStringLiteral("avahi.conf")), kDaemonConfig)) {
+        error_ = QStringLiteral("cannot write the daemon's configuration");
         return false;
     }
-
-    bus_ = launch("dbus-daemon",
-                  {"--config-file=" + busConfig, "--nofork", "--nopidfile", "--print-address=1"});
+    // A bus with the session bus's rules (anyone may own any name) at an address of our own.
+    bus_ = launch("dbus-daemon", {"--session", "--address=" + busAddress(), "--nofork",
+                                  "--nopidfile", "--print-address=1"});
     if (!bus_->waitForStarted(5000) || !waitForLine(*bus_, "unix:", 5000)) {
         error_ = QStringLiteral("dbus-daemon did not start: ") + bus_->errorString() +
                  QString::fromLocal8Bit(output_);
@@ -123,6 +99,7 @@ bool AvahiSandbox::start()
                  QString::fromLocal8Bit(output_);
         return false;
     }
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress().toUtf8());
     return startDaemon();
 }
 

@@ -12,21 +12,16 @@ namespace orvane {
 // A private Avahi daemon for tests: its own D-Bus system bus on a socket in a temporary
 // folder, and the daemon in a network namespace of its own with one veth interface
 // (192.0.2.1/24, a documentation address that exists nowhere else), so mDNS never leaves the
-// namespace. Needs root (the test suite runs as root in a private namespace). The process
-// that uses it points the Avahi client library at the bus with useBus().
-// Main thread only.
+// namespace. Needs root (the test suite runs as root in a private namespace). Main thread only.
 class AvahiSandbox {
 public:
     AvahiSandbox();
     ~AvahiSandbox();
 
-    // Starts the bus, the namespace and the daemon. False with error() set when it cannot.
+    // Starts the bus, the namespace and the daemon, and points this process's D-Bus system bus
+    // (and with it the Avahi client library) at them. False with error() set when it cannot.
     bool start();
     QString error() const { return error_; }
-    // "unix:path=…" of the private system bus.
-    QString busAddress() const;
-    // Points this process's D-Bus system bus at the sandbox.
-    void useBus() const;
 
     // The daemon alone stops and starts again (the bus and the namespace stay).
     void stopDaemon();
@@ -40,6 +35,7 @@ public:
     static QString hostAddress() { return QStringLiteral("192.0.2.1"); }
 
 private:
+    QString busAddress() const; // "unix:path=…"
     bool waitForLine(QProcess& process, const QByteArray& line, int milliseconds);
     void stopProcess(std::unique_ptr<QProcess>& process);
 

@@ -5,13 +5,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
 #include <fcntl.h>
-#include <net/if.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,22 +36,6 @@ QString cidr(const QHostAddress& address, int prefixLength)
     return QStringLiteral("%1/%2").arg(address.toString()).arg(prefixLength);
 }
 
-bool bringLoopbackUp()
-{
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    ifreq request{};
-    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-    bool ok = ::ioctl(fd, SIOCGIFFLAGS, &request) == 0;
-    if (ok) {
-        request.ifr_flags |= IFF_UP;
-        ok = ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-    }
-    ::close(fd);
-    return ok;
-}
-
 } // namespace
 
 bool NetNamespace::isolateThisProcess(QString* error)
@@ -62,7 +45,9 @@ bool NetNamespace::isolateThisProcess(QString* error)
                             .arg(QString::fromLocal8Bit(std::strerror(errno))));
         return false;
     }
-    if (!bringLoopbackUp()) {
+    // No thread has started yet, so a child process is the simplest way to configure the
+    // namespace it shares with us.
+    if (std::system("ip link set lo up") != 0) {
         setError(error, QStringLiteral("cannot bring loopback up"));
         return false;
     }

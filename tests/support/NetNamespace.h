@@ -30,7 +30,6 @@ public:
     // main(), before any thread starts. False (with `error`) when not allowed (not root).
     static bool isolateThisProcess(QString* error = nullptr);
 
-    QString name() const { return name_; }
     // The interface names of the link: the end in the caller's namespace and the pretend host's.
     QString localInterface() const { return localInterface_; }
     QString peerInterface() const { return peerInterface_; }

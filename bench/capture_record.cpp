@@ -11,6 +11,7 @@
 // `bench_capture_record --seconds 60` sets the length of each run (default 60).
 
 #include "base/Clock.h"
+#include "capture/CaptureEngine.h"
 #include "capture/CapturePipeline.h"
 #include "capture/Frame.h"
 #include "capture/FramePool.h"
@@ -128,6 +129,8 @@ struct CameraRun {
 CameraRun runCamera(const QString& path, MovieCodec codec, int width, int height, Disk disk,
                     Viewer viewer)
 {
+    // The engine's capture thread runs ahead of the encoder's threads; so does this one.
+    CaptureEngine::raiseCaptureThreadPriority();
     Clock& clock = Clock::system();
     CapturePipeline pipeline(clock);
     pipeline.setOverlay(

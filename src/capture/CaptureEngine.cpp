@@ -24,7 +24,9 @@ constexpr Seconds kFrameWait{0.02};
 // How long quitting waits for stopped movies still being rewritten as ordinary ones.
 constexpr Seconds kQuitGrace{3.0};
 
-void raisePriority()
+} // namespace
+
+void CaptureEngine::raiseCaptureThreadPriority()
 {
     // Capture runs ahead of everything else of ours; without the right to raise it, it stays.
     sched_param param{};
@@ -32,8 +34,6 @@ void raisePriority()
     if (pthread_setschedparam(pthread_self(), SCHED_RR, &param) != 0)
         qCDebug(lcCapture, "capture: running at normal priority");
 }
-
-} // namespace
 
 CaptureEngine::CaptureEngine(Clock& clock, QObject* parent)
     : QObject(parent)
@@ -269,7 +269,7 @@ std::shared_ptr<const Frame> CaptureEngine::latestFrame() const
 
 void CaptureEngine::run()
 {
-    raisePriority();
+    raiseCaptureThreadPriority();
     pipeline_->bindCaptureThread();
     std::vector<std::function<void()>> commands;
     for (;;) {

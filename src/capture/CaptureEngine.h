@@ -47,6 +47,10 @@ public:
     explicit CaptureEngine(Clock& clock = Clock::system(), QObject* parent = nullptr);
     ~CaptureEngine() override;
 
+    // Puts the calling thread ahead of every other thread of ours (round-robin real-time
+    // priority when the system allows it), as each engine does for its capture thread.
+    static void raiseCaptureThreadPriority();
+
     void setTestPatternFormat(const TestPatternFormat& format);
 
     // Opens the camera and the microphone with these identifiers, either of which may be

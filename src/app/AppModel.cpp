@@ -3,6 +3,7 @@
 #include "app/AppLog.h"
 #include "app/EosSettings.h"
 #include "app/RecordingNames.h"
+#include "app/RecordingRecovery.h"
 #include "app/ShowEvents.h"
 #include "capture/TestPatternSource.h"
 
@@ -166,6 +167,12 @@ void AppModel::start()
     overlayWatcher_.start();
     loadWatermarkImage();
     pathMonitor_.start();
+    // Recordings that a crash cut off are finished in the background; the window shows
+    // what became of them, and headless mode prints it.
+    recoverRecordingsInBackground(recordingsFolder(), this, [this](const RecoveryReport& report) {
+        if (!report.sentences().isEmpty())
+            setErrorMessage(report.sentences().join(QLatin1Char(' ')));
+    });
     if (options_.demo && !demo_.isRunning())
         demo_.start();
     if (options_.record) {

@@ -39,13 +39,18 @@ QByteArray cueLogCSV(const QList<CueLogEntry>& entries)
     return text.toUtf8();
 }
 
-QString cueLogPath(const QString& moviePath)
+QString besideMovie(const QString& moviePath, const QString& extension)
 {
     const QFileInfo movie(moviePath);
     const QString suffix = movie.suffix();
     if (suffix.isEmpty() || movie.fileName() == QLatin1Char('.') + suffix)
-        return moviePath + QStringLiteral(".csv");
-    return moviePath.left(moviePath.size() - suffix.size()) + QStringLiteral("csv");
+        return moviePath + QLatin1Char('.') + extension;
+    return moviePath.left(moviePath.size() - suffix.size()) + extension;
+}
+
+QString cueLogPath(const QString& moviePath)
+{
+    return besideMovie(moviePath, QStringLiteral("csv"));
 }
 
 std::optional<QString> writeCueLog(const QString& path, const QList<CueLogEntry>& entries)

@@ -20,6 +20,8 @@ QString cueLogTime(double elapsed);
 QString cueLogField(const QString& field);
 // The whole file, UTF-8.
 QByteArray cueLogCSV(const QList<CueLogEntry>& entries);
+// The file beside the movie at `moviePath` with its extension replaced by `extension`.
+QString besideMovie(const QString& moviePath, const QString& extension);
 // Where the cue log of the movie at `moviePath` goes: the same path with the extension "csv".
 QString cueLogPath(const QString& moviePath);
 // Writes the file in one piece (a partly written file never replaces it); answers the

@@ -2,6 +2,8 @@
 
 #include "app/AppLog.h"
 #include "app/CueLog.h"
+#include "app/MarkerLists.h"
+#include "app/RecordingJournal.h"
 #include "app/RecordingNames.h"
 #include "base/Checks.h"
 #include "capture/CaptureEngine.h"
@@ -51,6 +53,22 @@ std::optional<QString> makeFolder(const QString& folder)
 
 } // namespace
 
+// A recording's journal, kept until every movie of the recording is finished with its
+// chapters; a movie left fragmented (Orvane quit during the rewrite) keeps it for recovery.
+struct RecordingControl::Journal {
+    std::unique_ptr<RecordingJournal> file;
+    bool stopped = false;
+    int finishing = 0; // movies not yet given their chapters
+    bool keep = false;
+    void settle()
+    {
+        if (stopped && finishing == 0 && !keep && file) {
+            file->remove();
+            file.reset();
+        }
+    }
+};
+
 RecordingControl::RecordingControl(AppSettings& settings, Clock& clock, QObject* parent)
     : QObject(parent)
     , settings_(settings)
@@ -60,8 +78,10 @@ RecordingControl::RecordingControl(AppSettings& settings, Clock& clock, QObject*
 
 RecordingControl::~RecordingControl()
 {
-    for (auto& camera : running_)
+    for (auto& camera : running_) {
         disconnect(camera.failure);
+        disconnect(camera.started);
+    }
 }
 
 QString RecordingControl::noFeedMessage()
@@ -93,6 +113,9 @@ bool RecordingControl::start()
         running.failure =
             connect(engine, &CaptureEngine::recordingFailed, this,
                     [this, engine](const CaptureError& error) { cameraFailed(engine, error); });
+        running.started =
+            connect(engine, &CaptureEngine::recordingStarted, this,
+                    [this, engine](const MovieStart& start) { movieStarted(engine, start); });
         engine->startRecording(running.path, codec, camera.includesAudio);
         running_.push_back(std::move(running));
     }
@@ -104,9 +127,13 @@ bool RecordingControl::start()
         Q_EMIT lastRecordingChanged();
     }
     cueLog_.clear();
+    openJournal(mainMovie);
     if (activeCue_) {
-        if (const auto cue = activeCue_())
+        if (const auto cue = activeCue_()) {
             cueLog_.append({0, timecode_ ? timecode_() : QString(), cue->event, cue->detail});
+            if (journal_->file)
+                journal_->file->addRow(cueLog_.back());
+        }
     }
     Q_EMIT recordingStartChanged();
     Q_EMIT cueLogChanged();
@@ -125,6 +152,8 @@ void RecordingControl::stop(std::function<void()> done)
     const QList<CueLogEntry> log = cueLog_;
     std::vector<Running> cameras = std::move(running_);
     running_.clear();
+    std::shared_ptr<Journal> journal = std::move(journal_);
+    journal->stopped = true;
     recordingStart_.reset();
     Q_EMIT recordingStartChanged();
 
@@ -137,45 +166,92 @@ void RecordingControl::stop(std::function<void()> done)
     auto pending = std::make_shared<Pending>();
     pending->left = cameras.size();
     pending->done = std::move(done);
-    finishing_ += int(cameras.size());
     QPointer<RecordingControl> self(this);
-    for (auto& camera : cameras) {
-        finishCamera(std::move(camera), writesCueLog, log, [self, pending](Finished finished) {
-            pending->finished.append(std::move(finished));
-            if (--pending->left > 0)
-                return;
-            if (self)
-                Q_EMIT self->recordingFinished(pending->finished);
-            if (pending->done)
-                pending->done();
-        });
-    }
+    const auto reported = [self, pending](Finished finished) {
+        pending->finished.append(std::move(finished));
+        if (--pending->left > 0)
+            return;
+        if (self)
+            Q_EMIT self->recordingFinished(pending->finished);
+        if (pending->done)
+            pending->done();
+    };
+    for (auto& camera : cameras)
+        finishCamera(std::move(camera), writesCueLog, log, journal, reported);
+    journal->settle();
 }
 
 void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<CueLogEntry> log,
+                                    std::shared_ptr<Journal> journal,
                                     std::function<void(Finished)> done)
 {
     disconnect(camera.failure);
-    if (camera.engine.isNull()) {
-        --finishing_;
+    disconnect(camera.started);
+    CaptureEngine* engine = camera.engine.data();
+    if (!engine) {
+        journal->keep = true; // its movie was left as it was written
         done({camera.label, {}, std::nullopt});
         return;
     }
+    if (!camera.start)
+        camera.start = engine->recordingStart();
+    const double offset = camera.start ? secondsBetween(startedAt_, camera.start->capturedAt) : 0;
+    const Instant stoppedAt = clock_.now();
+
+    // The movie is finished twice: closed as it was written (the outcome, then the cue log
+    // files), then rewritten with its chapters (movieFinished). Each camera is counted until
+    // the second, or until its engine goes away first.
+    struct Rewrite {
+        bool hadMovie = false;
+        bool over = false;
+        QMetaObject::Connection finished;
+        QMetaObject::Connection gone;
+    };
+    auto rewrite = std::make_shared<Rewrite>();
+    ++finishing_;
+    ++journal->finishing;
     QPointer<RecordingControl> self(this);
-    camera.engine->stopRecording([self, label = camera.label, writesCueLog, log = std::move(log),
-                                  done = std::move(done)](Recorder::Outcome outcome) {
-        Finished finished{label, outcome, std::nullopt};
-        if (outcome.movie && !outcome.error && writesCueLog) {
-            const QString path = cueLogPath(*outcome.movie);
-            if (const auto error = writeCueLog(path, log))
-                qCWarning(lcApp, "Couldn't write cue log: %s", qPrintable(*error));
-            else
-                finished.cueLog = path;
-        }
+    const auto rewritten = [self, rewrite, journal](bool cancelled) {
+        if (rewrite->over)
+            return;
+        rewrite->over = true;
+        QObject::disconnect(rewrite->finished);
+        QObject::disconnect(rewrite->gone);
         if (self)
             --self->finishing_;
-        done(std::move(finished));
-    });
+        if (cancelled && rewrite->hadMovie)
+            journal->keep = true;
+        --journal->finishing;
+        journal->settle();
+    };
+    rewrite->finished = connect(
+        engine, &CaptureEngine::movieFinished, this,
+        [path = camera.path, rewritten](const QString& finished, const FinishedMovie& movie) {
+            if (finished == path)
+                rewritten(movie.result == FinishedMovie::Result::cancelled);
+        });
+    rewrite->gone = connect(engine, &QObject::destroyed, this, [rewritten] { rewritten(true); });
+
+    engine->stopRecording(
+        movieChapters(log, offset),
+        [label = camera.label, writesCueLog, log = std::move(log), offset, stoppedAt, rewrite,
+         rewritten, done = std::move(done)](Recorder::Outcome outcome) {
+            Finished finished{label, outcome, std::nullopt};
+            rewrite->hadMovie = outcome.movie.has_value();
+            if (!rewrite->hadMovie)
+                rewritten(false); // no frame ever came: nothing to rewrite
+            if (outcome.movie && !outcome.error && writesCueLog) {
+                const double frameDuration = outcome.start ? outcome.start->frameDuration : 0;
+                const double length =
+                    outcome.start ? secondsBetween(outcome.start->capturedAt, stoppedAt) : 0;
+                if (const auto error =
+                        writeCueLogFiles(*outcome.movie, log, offset, frameDuration, length))
+                    qCWarning(lcApp, "Couldn't write cue log: %s", qPrintable(*error));
+                else
+                    finished.cueLog = cueLogPath(*outcome.movie);
+            }
+            done(std::move(finished));
+        });
 }
 
 void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& error)
@@ -190,13 +266,44 @@ void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& e
     if (!description.endsWith(QLatin1Char('.')))
         description += QLatin1Char('.');
     Q_EMIT errorOccurred(QStringLiteral("A camera stopped recording. ") + description);
-    ++finishing_;
-    // The failed movie keeps what was written before the failure; it gets no cue log.
-    finishCamera(std::move(camera), false, {}, [](const Finished&) {});
+    // The failed movie keeps what was written before the failure, with the chapters so far;
+    // it gets no cue log.
+    finishCamera(std::move(camera), false, cueLog_, journal_, [](const Finished&) {});
     if (running_.empty() && recordingStart_) {
+        journal_->stopped = true;
+        journal_->settle();
+        journal_.reset();
         recordingStart_.reset();
         Q_EMIT recordingStartChanged();
     }
+}
+
+void RecordingControl::openJournal(const QString& mainMovie)
+{
+    journal_ = std::make_shared<Journal>();
+    QStringList files;
+    for (const auto& camera : running_)
+        files.append(QFileInfo(camera.path).fileName());
+    QString error;
+    journal_->file = RecordingJournal::create(RecordingJournal::pathFor(mainMovie),
+                                              QFileInfo(mainMovie).completeBaseName(),
+                                              settings_.writesCueLog(), files, error);
+    if (!journal_->file)
+        qCWarning(lcApp, "Couldn't write the recording journal beside %s: %s",
+                  qPrintable(mainMovie), qPrintable(error));
+}
+
+void RecordingControl::movieStarted(CaptureEngine* engine, const MovieStart& start)
+{
+    const auto found = std::find_if(running_.begin(), running_.end(),
+                                    [engine](const Running& r) { return r.engine == engine; });
+    if (found == running_.end())
+        return;
+    found->start = start;
+    if (journal_ && journal_->file)
+        journal_->file->addMovieStart(QFileInfo(found->path).fileName(),
+                                      secondsBetween(startedAt_, start.capturedAt),
+                                      start.frameDuration);
 }
 
 void RecordingControl::toggle()
@@ -230,6 +337,8 @@ void RecordingControl::addRow(const QString& event, const QString& detail)
     if (!recordingStart_)
         return;
     cueLog_.append({*elapsed(), timecode_ ? timecode_() : QString(), event, detail});
+    if (journal_ && journal_->file)
+        journal_->file->addRow(cueLog_.back());
     Q_EMIT cueLogChanged();
 }
 

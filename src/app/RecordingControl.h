@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -20,8 +21,9 @@ class AppSettings;
 class CaptureEngine;
 
 // Starts and stops the recording of every running camera together, one movie each, keeps
-// the cue log of the recording and writes it as a CSV file beside every finished movie.
-// Main thread only.
+// the cue log of the recording in a journal beside the movies as it grows, and when the
+// recording stops gives every movie its chapters and writes the cue log and the marker lists
+// beside it; the journal goes once every movie is finished. Main thread only.
 class RecordingControl : public QObject {
     Q_OBJECT
 
@@ -79,7 +81,7 @@ public:
     std::optional<double> elapsed() const;
     std::optional<QString> lastRecording() const { return lastRecording_; }
     const QList<CueLogEntry>& cueLog() const { return cueLog_; }
-    // Movies still being finished from earlier stops.
+    // Movies still being finished (closed, then given their chapters) from earlier stops.
     int finishingCount() const { return finishing_; }
     // The movies of the running recording, main camera first.
     QStringList recordingPaths() const;
@@ -105,10 +107,15 @@ private:
         QString label;
         QString path;
         QMetaObject::Connection failure;
+        QMetaObject::Connection started;
+        std::optional<MovieStart> start; // the movie's time zero, once known
     };
+    struct Journal;
     void addRow(const QString& event, const QString& detail);
+    void openJournal(const QString& mainMovie);
+    void movieStarted(CaptureEngine* engine, const MovieStart& start);
     void finishCamera(Running camera, bool writesCueLog, QList<CueLogEntry> log,
-                      std::function<void(Finished)> done);
+                      std::shared_ptr<Journal> journal, std::function<void(Finished)> done);
     void cameraFailed(CaptureEngine* engine, const CaptureError& error);
 
     AppSettings& settings_;
@@ -123,6 +130,7 @@ private:
     Instant startedAt_{};
     std::optional<QString> lastRecording_;
     QList<CueLogEntry> cueLog_;
+    std::shared_ptr<Journal> journal_;
     int finishing_ = 0;
 };
 

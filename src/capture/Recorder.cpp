@@ -292,7 +292,7 @@ bool Recorder::startWriter(const Frame& first)
         return false;
     }
     firstFrameAt_ = secondsOf(first.capturedAt);
-    start_ = MovieStart{first.capturedAt, first.wallCapturedAt};
+    start_ = MovieStart{first.capturedAt, first.wallCapturedAt, video.frameDuration};
     return true;
 }
 

@@ -26,10 +26,12 @@ struct AudioBuffer;
 struct Frame;
 
 // A movie's time zero: the moment its first frame was captured, on the monotonic clock and on
-// the wall clock. A cue at `capturedAt + s` lies `s` seconds into the movie. Plain value.
+// the wall clock, and the camera's frame duration in seconds. A cue at `capturedAt + s` lies
+// `s` seconds into the movie. Plain value.
 struct MovieStart {
     Instant capturedAt{};
     WallTime wallCapturedAt{};
+    double frameDuration = 0;
     friend bool operator==(const MovieStart&, const MovieStart&) = default;
 };
 

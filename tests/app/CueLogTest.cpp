@@ -1,6 +1,9 @@
-// The cue log's CSV file, its file names and the rule for which show events add rows.
+// The cue log's CSV file, its file names, the rule for which show events add rows, the
+// chapters and marker lists made from it, and the journal that keeps it through a crash.
 
 #include "app/CueLog.h"
+#include "app/MarkerLists.h"
+#include "app/RecordingJournal.h"
 #include "app/RecordingNames.h"
 #include "app/ShowEvents.h"
 
@@ -21,6 +24,11 @@ private Q_SLOTS:
     void namesFiles();
     void decidesWhichEventsAddRows();
     void addsARowPerQLabCueStart();
+    void placesMarkersOnFrames_data();
+    void placesMarkersOnFrames();
+    void writesMarkerLists();
+    void readsTheJournalBack_data();
+    void readsTheJournalBack();
 };
 
 namespace {
@@ -159,6 +167,110 @@ void CueLogTest::addsARowPerQLabCueStart()
     QCOMPARE(qlabStartRows(running, {unnumbered}), std::vector<ShowEventRow>{});
     QCOMPARE(qlabStartRows(running, {unnumbered, sound}),
              (std::vector<ShowEventRow>{{"QLab 12", "Thunder"}}));
+}
+
+void CueLogTest::placesMarkersOnFrames_data()
+{
+    QTest::addColumn<double>("frameDuration");
+    QTest::addColumn<double>("seconds");
+    QTest::addColumn<QString>("timecode"); // on a timeline that starts at 01:00:00:00
+    const double ntsc = 1001.0 / 30000;
+    QTest::newRow("25: the start") << 1 / 25.0 << 0.0 << "01:00:00:00";
+    QTest::newRow("25: a time that falls on a frame") << 1 / 25.0 << 0.12 << "01:00:00:03";
+    QTest::newRow("25: late in a frame") << 1 / 25.0 << 3725.999 << "02:02:05:24";
+    QTest::newRow("25: before the movie's first frame") << 1 / 25.0 << -0.5 << "01:00:00:00";
+    QTest::newRow("30: one second") << 1 / 30.0 << 1.0 << "01:00:01:00";
+    QTest::newRow("29.97: one second is still frame 29") << ntsc << 1.0 << "01:00:00:29";
+    QTest::newRow("29.97: frame 1800") << ntsc << 60.06 << "01:01:00:00";
+    QTest::newRow("29.97: an hour runs 3.6 s behind") << ntsc << 3600.0 << "01:59:56:12";
+    QTest::newRow("no usable rate counts 30") << 0.0 << 1.0 << "01:00:01:00";
+}
+
+void CueLogTest::placesMarkersOnFrames()
+{
+    QFETCH(double, frameDuration);
+    QFETCH(double, seconds);
+    QFETCH(QString, timecode);
+    const MarkerRate rate = MarkerRate::of(frameDuration);
+    QCOMPARE(markerTimecode(markerFrame(seconds, rate), rate, 1), timecode);
+    // A row's time in a movie is its time in the recording less the movie's first frame.
+    const auto chapters = movieChapters({{seconds + 0.25, "", "Cue 47", "Storm"}}, 0.25);
+    QCOMPARE(chapters.size(), std::size_t(1));
+    QCOMPARE(chapters[0].title, "Cue 47 Storm");
+    QVERIFY(std::abs(chapters[0].seconds - std::max(0.0, seconds)) < 1e-9);
+}
+
+void CueLogTest::writesMarkerLists()
+{
+    QCOMPARE(MarkerRate::of(1001.0 / 30000), (MarkerRate{30, true}));
+    QCOMPARE(MarkerRate::of(1001.0 / 24000), (MarkerRate{24, true}));
+    const std::vector<MovieChapter> markers = movieChapters(
+        {{0.5, "", "Marker", ""}, {62.0, "01:00:00:00", "Marker", "a|b\n\"c\" & <d>"}}, 0.5);
+    QCOMPARE(resolveMarkerEDL("Stage 2026-03-14 19.30.05", markers, MarkerRate{30, true}),
+             QByteArray("TITLE: Stage 2026-03-14 19.30.05\n"
+                        "FCM: NON-DROP FRAME\n\n"
+                        "001  001      V     C        "
+                        "01:00:00:00 01:00:00:01 01:00:00:00 01:00:00:01  \n"
+                        " |C:ResolveColorBlue |M:Marker |D:1\n\n"
+                        "002  001      V     C        "
+                        "01:01:01:13 01:01:01:14 01:01:01:13 01:01:01:14  \n"
+                        " |C:ResolveColorBlue |M:Marker a b \"c\" & <d> |D:1\n\n"));
+    const QString xml = QString::fromUtf8(
+        premiereMarkerXML("/r/Act 1 x.mov", markers, MarkerRate{25, false}, 90.5));
+    for (const char* part :
+         {"<!DOCTYPE xmeml>", "<timebase>25</timebase>", "<ntsc>FALSE</ntsc>",
+          "<duration>2262</duration>", "<pathurl>file://localhost/r/Act%201%20x.mov</pathurl>",
+          "<name>Marker</name>\n   <comment></comment>\n   <in>0</in>",
+          "<name>Marker a|b &quot;c&quot; &amp; &lt;d&gt;</name>\n   <comment></comment>\n   "
+          "<in>1537</in>"})
+        QVERIFY2(xml.contains(QLatin1String(part)), part);
+}
+
+void CueLogTest::readsTheJournalBack_data()
+{
+    QTest::addColumn<QByteArray>("tail");
+    QTest::addColumn<int>("skipped");
+    QTest::newRow("whole") << QByteArray() << 0;
+    QTest::newRow("a torn last line") << QByteArray("{\"elapsed\":9.5,\"event\":\"Cue") << 1;
+    QTest::newRow("zeros left by a power cut") << QByteArray(300, '\0') << 1;
+    QTest::newRow("a line of another kind") << QByteArray("[1,2]\n{\"elapsed\":\"x\"}\n") << 2;
+}
+
+void CueLogTest::readsTheJournalBack()
+{
+    QFETCH(QByteArray, tail);
+    QFETCH(int, skipped);
+    QTemporaryDir dir;
+    const QString path = RecordingJournal::pathFor(dir.filePath("Act 1-2 x.mov"));
+    QCOMPARE(path, dir.filePath("Act 1-2 x.journal"));
+    const QList<CueLogEntry> rows = {{0, "", "Cue 1", ""},
+                                     {61.25, "01:00:01:07", "Marker", "Scene 1, \"Opening\"\n|\\"},
+                                     {3725.5, "", "QLab 12", "Überfahrt – Akt 2 🎭"}};
+    QString error;
+    auto journal = RecordingJournal::create(path, "Act 1-2 x", false,
+                                            {"Act 1-2 x.mov", "Camera 2 x.mov"}, error);
+    QVERIFY2(journal, qPrintable(error));
+    QVERIFY(RecordingJournal::isInUse(path));
+    journal->addRow(rows[0]);
+    journal->addMovieStart("Camera 2 x.mov", 0.125, 1001.0 / 30000);
+    for (const auto& row : rows.mid(1))
+        journal->addRow(row);
+    journal.reset(); // a crash closes it as well
+    QVERIFY(!RecordingJournal::isInUse(path));
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray whole = file.readAll();
+    const auto contents = readJournal(whole + tail);
+    QVERIFY(contents);
+    QCOMPARE(contents->name, "Act 1-2 x");
+    QCOMPARE(contents->writesCueLog, false);
+    QCOMPARE(contents->movies,
+             (std::vector<JournalContents::Movie>{{"Act 1-2 x.mov", std::nullopt, 0},
+                                                  {"Camera 2 x.mov", 0.125, 1001.0 / 30000}}));
+    QCOMPARE(contents->rows, rows);
+    QCOMPARE(contents->skippedLines, skipped);
+    // Without its first line the journal says nothing usable.
+    QVERIFY(!readJournal(whole.left(whole.indexOf('\n') - 3)));
 }
 
 QTEST_GUILESS_MAIN(CueLogTest)

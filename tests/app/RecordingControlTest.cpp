@@ -3,6 +3,9 @@
 
 #include "app/RecordingControl.h"
 #include "app/CueLog.h"
+#include "app/MarkerLists.h"
+#include "app/RecordingJournal.h"
+#include "app/RecordingRecovery.h"
 #include "base/ManualClock.h"
 #include "capture/CaptureEngine.h"
 #include "capture/TestPatternSource.h"
@@ -156,6 +159,12 @@ void RecordingControlTest::recordsEveryCameraWithItsCueLog()
                            "00:01:01,01:01:01:17,Marker,Scene 2\n"
                            "01:01:01,,Cue 6,Storm\n";
     QCOMPARE(cueLogCSV(control.cueLog()), csv);
+    // The rows are in the journal as they happen; recovery leaves a running recording alone.
+    const QString journal = RecordingJournal::pathFor(paths[0]);
+    QFile journalFile(journal);
+    QVERIFY(journalFile.open(QIODevice::ReadOnly));
+    QCOMPARE(readJournal(journalFile.readAll())->rows, control.cueLog());
+    QCOMPARE(recoverRecordings(folder).sentences(), QStringList());
 
     QTest::qWait(300); // a few frames in each movie
     settings_->setWritesCueLog(writesCueLog);
@@ -166,7 +175,9 @@ void RecordingControlTest::recordsEveryCameraWithItsCueLog()
     QCOMPARE(control.finishingCount(), 2);
     QVERIFY(finished.wait(20000));
     QVERIFY(done);
-    QCOMPARE(control.finishingCount(), 0);
+    // Once every movie has its chapters, the journal goes.
+    QTRY_COMPARE_WITH_TIMEOUT(control.finishingCount(), 0, 20000);
+    QVERIFY(!QFileInfo::exists(journal));
     // The log stays until the next start, and the last movie is remembered.
     control.addMarker("after the stop");
     QCOMPARE(cueLogCSV(control.cueLog()), csv);
@@ -174,6 +185,8 @@ void RecordingControlTest::recordsEveryCameraWithItsCueLog()
     for (const QString& movie : paths) {
         QVERIFY2(QFileInfo(movie).size() > 0, qPrintable(movie));
         QCOMPARE(contents(cueLogPath(movie)), writesCueLog ? csv : QByteArray());
+        QCOMPARE(QFileInfo::exists(resolveMarkersPath(movie)), writesCueLog);
+        QCOMPARE(QFileInfo::exists(premiereMarkersPath(movie)), writesCueLog);
     }
     const auto cameras = finished[0][0].value<QList<RecordingControl::Finished>>();
     QCOMPARE(cameras.size(), 2);

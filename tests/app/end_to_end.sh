@@ -4,7 +4,9 @@
 # recording and add markers, and the result is one movie per camera (checked with ffprobe)
 # with a CSV whose rows match what was sent. Then the bad input: "/tavrin/" commands with
 # wrong argument types, a settings file of random bytes, a recordings folder that cannot be
-# made, and a disk that fills up while recording; SIGTERM finishes the movies each time.
+# made, and a disk that fills up while recording; SIGTERM finishes the movies each time. And a
+# recording cut off by kill -9: the next start and `orvane recover` both finish it, with its
+# chapters and its cue log from the journal.
 #
 # Usage: end_to_end.sh ORVANE   (runs itself inside scripts/offline when not isolated yet)
 set -euo pipefail
@@ -153,9 +155,60 @@ for movie in "${movies[@]}"; do
     check_row ',Marker,"Scene 2, ""Storm"""' "$marker_at" "the marker"
     check_row ",Cue 4,Blackout" "$blackout_at" "cue 4"
     grep -q ',Marker,Marker$' "$csv" || fail "$name: the marker without text"
+    ffprobe -v error -show_chapters "$movie" | grep -qx 'TAG:title=Cue 4 Blackout' &&
+        pass "$name: has its chapters" || fail "$name: no chapter for cue 4"
 done
 [ ${#movies[@]} -eq 2 ] && cmp -s "${movies[0]%.mov}.csv" "${movies[1]%.mov}.csv" &&
     pass "both cameras carry the same cue log" || fail "the cue logs differ"
+
+# --- kill -9 mid-recording: the next start, and `orvane recover`, finish it ----------------------
+write_settings "$work/crash.json" 9104 ', "cameraLabel": "Crash"'
+start_orvane crash --settings "$work/crash.json" --recordings "$work/Crash"
+wait_for "$work/crash.out" "Eos: Connected" 15
+wait_for "$work/crash.out" "The camera is live." 15
+oscsend localhost 9104 /tavrin/record/start
+wait_for "$work/crash.out" "Recording to" 10
+started=$(now)
+sleep 1
+echo "fire 14.5" >&3
+storm_at=$(now)
+wait_for "$work/crash.out" "Cue 14.5 — Storm" 5
+oscsend localhost 9104 /tavrin/marker s 'Interval'
+marker_at=$(now)
+wait_for "$work/crash.out" "Marker — Interval" 5
+sleep 2 # the rows' moments reach the disk in the movie's next fragments
+kill -9 "$orvane_pid"
+wait "$orvane_pid" 2>/dev/null || true
+[ -f "$work/Crash/"*.journal ] && pass "kill -9 left the journal" || fail "no journal after kill -9"
+cp -a "$work/Crash" "$work/CrashCopy"
+"$orvane" recover "$work/CrashCopy" >"$work/recover.out" 2>"$work/recover.err" &&
+    grep -q "^Orvane recovered the recording “Crash [0-9 .-]*” that was cut off.$" "$work/recover.out" &&
+    pass "orvane recover: $(cat "$work/recover.out")" || fail "orvane recover: $(cat "$work/recover.out" "$work/recover.err")"
+start_orvane again --settings "$work/crash.json" --recordings "$work/Crash"
+wait_for "$work/again.out" "that was cut off." 30 &&
+    pass "the next start: $(grep -F "cut off" "$work/again.out")" || fail "the next start recovered nothing"
+stop_orvane
+for folder in Crash CrashCopy; do
+    movie=$(find "$work/$folder" -name '*.mov' | head -1)
+    name="$folder/$(basename "$movie")"
+    csv=${movie%.mov}.csv
+    [ -z "$(find "$work/$folder" -name '*.journal')" ] || fail "$folder: the journal stayed"
+    [ -s "${movie%.mov}.edl" ] && [ -s "${movie%.mov}.xml" ] || fail "$folder: no marker lists"
+    ffprobe -v error -show_entries format=format_name -of csv=p=0 "$movie" | grep -q mov ||
+        fail "$name: ffprobe can't read it"
+    chapters=$(ffprobe -v error -show_entries chapter=start_time:chapter_tags=title -of csv=p=0 "$movie") || true
+    for chapter in "Cue 14.5 Storm:$storm_at" "Marker Interval:$marker_at"; do
+        at=$(grep -F ",${chapter%%:*}" <<<"$chapters" | head -1 | cut -d, -f1) || true
+        expected=$(awk -v a="${chapter##*:}" -v b="$started" 'BEGIN { print a - b }')
+        if [ -n "$at" ] && awk -v e="$at" -v x="$expected" 'BEGIN { exit !(e >= x - 1.5 && e <= x + 1) }'; then
+            pass "$name: chapter ${chapter%%:*} at ${at}s (sent at ${expected}s)"
+        else
+            fail "$name: chapter ${chapter%%:*} at '${at}', sent at ${expected}s; chapters: $chapters"
+        fi
+    done
+    check_row ",Cue 14.5,Storm" "$storm_at" "cue 14.5"
+    check_row ",Marker,Interval" "$marker_at" "the marker"
+done
 
 # --- A settings file of random bytes ----------------------------------------------------------
 head -c 4096 /dev/urandom >"$work/random.json"

@@ -50,7 +50,7 @@ std::optional<MovieStart> record(Recorder& recorder, int width, int height, doub
             return std::nullopt;
         const auto frame = pipeline.captureFrame(source);
         if (frame && !start)
-            start = MovieStart{frame->capturedAt, frame->wallCapturedAt};
+            start = MovieStart{frame->capturedAt, frame->wallCapturedAt, frame->frameDuration};
         while (sound && tone.read(buffer) == AudioSource::Read::buffer)
             pipeline.captureAudio(buffer);
         clock.advance(1.0 / fps);

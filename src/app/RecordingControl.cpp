@@ -232,26 +232,27 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
         });
     rewrite->gone = connect(engine, &QObject::destroyed, this, [rewritten] { rewritten(true); });
 
-    engine->stopRecording(
-        movieChapters(log, offset),
-        [label = camera.label, writesCueLog, log = std::move(log), offset, stoppedAt, rewrite,
-         rewritten, done = std::move(done)](Recorder::Outcome outcome) {
-            Finished finished{label, outcome, std::nullopt};
-            rewrite->hadMovie = outcome.movie.has_value();
-            if (!rewrite->hadMovie)
-                rewritten(false); // no frame ever came: nothing to rewrite
-            if (outcome.movie && !outcome.error && writesCueLog) {
-                const double frameDuration = outcome.start ? outcome.start->frameDuration : 0;
-                const double length =
-                    outcome.start ? secondsBetween(outcome.start->capturedAt, stoppedAt) : 0;
-                if (const auto error =
-                        writeCueLogFiles(*outcome.movie, log, offset, frameDuration, length))
-                    qCWarning(lcApp, "Couldn't write cue log: %s", qPrintable(*error));
-                else
-                    finished.cueLog = cueLogPath(*outcome.movie);
-            }
-            done(std::move(finished));
-        });
+    std::vector<MovieChapter> chapters = movieChapters(log, offset);
+    engine->stopRecording(std::move(chapters), [label = camera.label, writesCueLog,
+                                                log = std::move(log), offset, stoppedAt, rewrite,
+                                                rewritten,
+                                                done = std::move(done)](Recorder::Outcome outcome) {
+        Finished finished{label, outcome, std::nullopt};
+        rewrite->hadMovie = outcome.movie.has_value();
+        if (!rewrite->hadMovie)
+            rewritten(false); // no frame ever came: nothing to rewrite
+        if (outcome.movie && !outcome.error && writesCueLog) {
+            const double frameDuration = outcome.start ? outcome.start->frameDuration : 0;
+            const double length =
+                outcome.start ? secondsBetween(outcome.start->capturedAt, stoppedAt) : 0;
+            if (const auto error =
+                    writeCueLogFiles(*outcome.movie, log, offset, frameDuration, length))
+                qCWarning(lcApp, "Couldn't write cue log: %s", qPrintable(*error));
+            else
+                finished.cueLog = cueLogPath(*outcome.movie);
+        }
+        done(std::move(finished));
+    });
 }
 
 void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& error)

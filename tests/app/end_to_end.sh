@@ -156,7 +156,7 @@ for movie in "${movies[@]}"; do
     check_row ",Cue 4,Blackout" "$blackout_at" "cue 4"
     grep -q ',Marker,Marker$' "$csv" || fail "$name: the marker without text"
     ffprobe -v error -show_chapters "$movie" | grep -qx 'TAG:title=Cue 4 Blackout' &&
-        pass "$name: has its chapters" || fail "$name: no chapter for cue 4"
+        pass "$name: has its chapters" || fail "$name: no chapter for cue 4: $(ffprobe -v error -show_chapters "$movie" | grep title | tr "\n" " ")"
 done
 [ ${#movies[@]} -eq 2 ] && cmp -s "${movies[0]%.mov}.csv" "${movies[1]%.mov}.csv" &&
     pass "both cameras carry the same cue log" || fail "the cue logs differ"

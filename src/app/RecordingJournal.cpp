@@ -10,6 +10,7 @@
 #include <QJsonObject>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -31,8 +32,11 @@ std::unique_ptr<RecordingJournal> RecordingJournal::create(const QString& path, 
                                                            const QStringList& movieFiles,
                                                            QString& error)
 {
-    const int fd = ::open(QFile::encodeName(path).constData(),
-                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    // Made under another name, locked and with its first line, then renamed: recovery never
+    // meets a journal that is half made or not yet locked.
+    const QByteArray made = QFile::encodeName(path + QStringLiteral(".new"));
+    const int fd =
+        ::open(made.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         error = QString::fromLocal8Bit(std::strerror(errno));
         return nullptr;
@@ -42,6 +46,11 @@ std::unique_ptr<RecordingJournal> RecordingJournal::create(const QString& path, 
     journal->append(lineOf({{QStringLiteral("recording"), name},
                             {QStringLiteral("writesCueLog"), writesCueLog},
                             {QStringLiteral("movies"), QJsonArray::fromStringList(movieFiles)}}));
+    if (::rename(made.constData(), QFile::encodeName(path).constData()) != 0) {
+        error = QString::fromLocal8Bit(std::strerror(errno));
+        ::unlink(made.constData());
+        return nullptr;
+    }
     syncFileToDisk(path, true); // its name too
     return journal;
 }

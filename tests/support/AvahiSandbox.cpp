@@ -2,7 +2,8 @@
 
 #include <QDeadlineTimer>
 #include <QFile>
-#include <QThread>
+
+#include <algorithm>
 
 namespace orvane {
 
@@ -34,140 +35,10 @@ echo ready
 exec sleep 100000
 )";
 
-bool writeFile(const QString& path, const QByteArray& contents)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
-}
-
-// Starts `program` with its output merged, on the private bus `bus` when one is given.
-std::unique_ptr<QProcess> launch(const QString& program, const QStringList& arguments,
-                                 const QString& bus = {})
-{
-    auto process = std::make_unique<QProcess>();
-    process->setProcessChannelMode(QProcess::MergedChannels);
-    if (!bus.isEmpty()) {
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("DBUS_SYSTEM_BUS_ADDRESS", bus);
-        process->setProcessEnvironment(environment);
-    }
-    process->start(program, arguments);
-    return process;
-}
-
 } // namespace
 
-AvahiSandbox::AvahiSandbox() = default;
-
-AvahiSandbox::~AvahiSandbox()
+void AvahiSandbox::Stop::operator()(QProcess* process) const
 {
-    for (auto& [name, process] : published_)
-        stopProcess(process);
-    stopProcess(daemon_);
-    stopProcess(holder_);
-    stopProcess(bus_);
-}
-
-QString AvahiSandbox::busAddress() const
-{
-    return QStringLiteral("unix:path=") + folder_.filePath(QStringLiteral("bus"));
-}
-
-bool AvahiSandbox::start()
-{
-    if (!folder_.isValid()) {
-        error_ = QStringLiteral("no temporary folder");
-        return false;
-    }
-    if (!writeFile(folder_.filePath(QStringLiteral("avahi.conf")), kDaemonConfig)) {
-        error_ = QStringLiteral("cannot write the daemon's configuration");
-        return false;
-    }
-    // A bus with the session bus's rules (anyone may own any name) at an address of our own.
-    bus_ = launch("dbus-daemon", {"--session", "--address=" + busAddress(), "--nofork",
-                                  "--nopidfile", "--print-address=1"});
-    if (!bus_->waitForStarted(5000) || !waitForLine(*bus_, "unix:", 5000)) {
-        error_ = QStringLiteral("dbus-daemon did not start: ") + bus_->errorString() +
-                 QString::fromLocal8Bit(output_);
-        return false;
-    }
-
-    holder_ = launch("unshare", {"--net", "--mount", "--propagation", "private", "sh", "-c",
-                                 QString::fromLatin1(kHolderScript)});
-    if (!holder_->waitForStarted(5000) || !waitForLine(*holder_, "ready", 5000)) {
-        error_ = QStringLiteral("cannot make the daemon's network namespace (needs root): ") +
-                 QString::fromLocal8Bit(output_);
-        return false;
-    }
-    qputenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress().toUtf8());
-    return startDaemon();
-}
-
-bool AvahiSandbox::startDaemon()
-{
-    stopProcess(daemon_);
-    // nsenter runs the daemon in the holder's namespaces in place of itself.
-    daemon_ = launch("nsenter",
-                     {"--target", QString::number(holder_->processId()), "--net", "--mount",
-                      "avahi-daemon", "--no-drop-root", "--no-chroot", "--no-rlimits",
-                      "--no-proc-title", "-f", folder_.filePath("avahi.conf")},
-                     busAddress());
-    if (!daemon_->waitForStarted(5000) ||
-        !waitForLine(*daemon_, "Server startup complete", 15000)) {
-        error_ = QStringLiteral("avahi-daemon did not start: ") + QString::fromLocal8Bit(output_);
-        return false;
-    }
-    return true;
-}
-
-void AvahiSandbox::stopDaemon()
-{
-    stopProcess(daemon_);
-    // avahi-publish gives up when its daemon goes away.
-    for (auto& [name, process] : published_)
-        stopProcess(process);
-    published_.clear();
-}
-
-bool AvahiSandbox::publish(const QString& name, const QString& type, int port)
-{
-    unpublish(name);
-    auto process = launch("avahi-publish", {"-s", name, type, QString::number(port)}, busAddress());
-    if (!process->waitForStarted(5000) || !waitForLine(*process, "Established under name", 10000)) {
-        error_ = QStringLiteral("avahi-publish failed: ") + QString::fromLocal8Bit(output_);
-        return false;
-    }
-    published_[name] = std::move(process);
-    return true;
-}
-
-void AvahiSandbox::unpublish(const QString& name)
-{
-    const auto found = published_.find(name);
-    if (found == published_.end())
-        return;
-    stopProcess(found->second);
-    published_.erase(found);
-}
-
-bool AvahiSandbox::waitForLine(QProcess& process, const QByteArray& line, int milliseconds)
-{
-    output_.clear();
-    QDeadlineTimer deadline(milliseconds);
-    while (true) {
-        output_ += process.readAll();
-        if (output_.contains(line))
-            return true;
-        if (deadline.hasExpired() || process.state() == QProcess::NotRunning)
-            return false;
-        process.waitForReadyRead(int(std::max<qint64>(1, deadline.remainingTime())));
-    }
-}
-
-void AvahiSandbox::stopProcess(std::unique_ptr<QProcess>& process)
-{
-    if (!process)
-        return;
     if (process->state() != QProcess::NotRunning) {
         process->terminate();
         if (!process->waitForFinished(5000)) {
@@ -175,7 +46,83 @@ void AvahiSandbox::stopProcess(std::unique_ptr<QProcess>& process)
             process->waitForFinished(5000);
         }
     }
-    process.reset();
+    delete process;
+}
+
+AvahiSandbox::Process AvahiSandbox::launch(const QString& program, const QStringList& arguments,
+                                           bool onBus, const QByteArray& line, int milliseconds)
+{
+    Process process(new QProcess);
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    if (onBus) {
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + folder_.filePath("bus"));
+        process->setProcessEnvironment(environment);
+    }
+    process->start(program, arguments);
+    process->waitForStarted(5000);
+    QByteArray output;
+    QDeadlineTimer deadline(milliseconds);
+    while (!(output += process->readAll()).contains(line)) {
+        if (deadline.hasExpired() || process->state() == QProcess::NotRunning) {
+            error_ = program + " failed (it needs root): " + process->errorString() + ' ' +
+                     QString::fromLocal8Bit(output);
+            return nullptr;
+        }
+        process->waitForReadyRead(int(std::max<qint64>(1, deadline.remainingTime())));
+    }
+    return process;
+}
+
+bool AvahiSandbox::start()
+{
+    if (QFile config(folder_.filePath("avahi.conf"));
+        !config.open(QIODevice::WriteOnly) || config.write(kDaemonConfig) < 0) {
+        error_ = QStringLiteral("cannot write the daemon's configuration");
+        return false;
+    }
+    // A bus with the session bus's rules (anyone may own any name) at an address of our own.
+    const QString bus = "unix:path=" + folder_.filePath("bus");
+    bus_ = launch("dbus-daemon",
+                  {"--session", "--address=" + bus, "--nofork", "--nopidfile", "--print-address=1"},
+                  false, "unix:", 5000);
+    holder_ = bus_ ? launch("unshare",
+                            {"--net", "--mount", "--propagation", "private", "sh", "-c",
+                             QString::fromLatin1(kHolderScript)},
+                            false, "ready", 5000)
+                   : nullptr;
+    if (!holder_)
+        return false;
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", bus.toUtf8());
+    return startDaemon();
+}
+
+bool AvahiSandbox::startDaemon()
+{
+    daemon_.reset();
+    // nsenter runs the daemon in the holder's namespaces in place of itself.
+    daemon_ = launch("nsenter",
+                     {"--target", QString::number(holder_->processId()), "--net", "--mount",
+                      "avahi-daemon", "--no-drop-root", "--no-chroot", "--no-rlimits",
+                      "--no-proc-title", "-f", folder_.filePath("avahi.conf")},
+                     true, "Server startup complete", 15000);
+    return daemon_ != nullptr;
+}
+
+void AvahiSandbox::stopDaemon()
+{
+    daemon_.reset();
+    published_.clear(); // avahi-publish gives up when its daemon goes away
+}
+
+bool AvahiSandbox::publish(const QString& name, const QString& type, int port)
+{
+    unpublish(name);
+    Process process = launch("avahi-publish", {"-s", name, type, QString::number(port)}, true,
+                             "Established under name", 10000);
+    if (process)
+        published_[name] = std::move(process);
+    return bool(published_.count(name));
 }
 
 } // namespace orvane

@@ -9,15 +9,12 @@
 
 namespace orvane {
 
-// A private Avahi daemon for tests: its own D-Bus system bus on a socket in a temporary
-// folder, and the daemon in a network namespace of its own with one veth interface
-// (192.0.2.1/24, a documentation address that exists nowhere else), so mDNS never leaves the
-// namespace. Needs root (the test suite runs as root in a private namespace). Main thread only.
+// A private Avahi daemon for tests: its own D-Bus bus on a socket in a temporary folder, and
+// the daemon in a network namespace of its own with one veth interface (192.0.2.1/24, a
+// documentation address that exists nowhere else), so mDNS never leaves the namespace. Needs
+// root (the suite runs as root in a private namespace). Main thread only.
 class AvahiSandbox {
 public:
-    AvahiSandbox();
-    ~AvahiSandbox();
-
     // Starts the bus, the namespace and the daemon, and points this process's D-Bus system bus
     // (and with it the Avahi client library) at them. False with error() set when it cannot.
     bool start();
@@ -29,23 +26,29 @@ public:
 
     // Publishes a service of `type` under `name` with avahi-publish until unpublish().
     bool publish(const QString& name, const QString& type, int port);
-    void unpublish(const QString& name);
+    void unpublish(const QString& name) { published_.erase(name); }
 
     // The address the daemon's interface has.
     static QString hostAddress() { return QStringLiteral("192.0.2.1"); }
 
 private:
-    QString busAddress() const; // "unix:path=…"
-    bool waitForLine(QProcess& process, const QByteArray& line, int milliseconds);
-    void stopProcess(std::unique_ptr<QProcess>& process);
+    // A process that is terminated (killed if need be) when it goes.
+    struct Stop {
+        void operator()(QProcess* process) const;
+    };
+    using Process = std::unique_ptr<QProcess, Stop>;
 
-    QTemporaryDir folder_;
-    std::unique_ptr<QProcess> bus_;
-    std::unique_ptr<QProcess> holder_;
-    std::unique_ptr<QProcess> daemon_;
-    std::map<QString, std::unique_ptr<QProcess>> published_;
+    // Starts `program` (on the private bus when `onBus`) and waits for `line` in its output;
+    // empty with error() set when it does not come.
+    Process launch(const QString& program, const QStringList& arguments, bool onBus,
+                   const QByteArray& line, int milliseconds);
+
+    QTemporaryDir folder_; // members go in reverse: services, daemon, holder, bus, folder
+    Process bus_;
+    Process holder_;
+    Process daemon_;
+    std::map<QString, Process> published_;
     QString error_;
-    QByteArray output_;
 };
 
 } // namespace orvane

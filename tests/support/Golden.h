@@ -8,16 +8,13 @@
 // instead, and the diff is read before committing.
 namespace orvane::testing {
 
-// Whether golden files are to be rewritten: ORVANE_REBASELINE is exactly "1".
 bool isRebaselining();
 
 struct GoldenComparison {
     bool matches = false;
-    QString difference; // when it does not match: what differs, for the failure message
+    QString difference; // when it does not match: the first line that differs, for the message
 };
 
-// Compares `actual` with the golden file at `path`, or rewrites the file when rebaselining.
-// Text is compared line by line, and the first differing line is named.
 GoldenComparison compareWithGolden(const QByteArray& actual, const QString& path);
 
 } // namespace orvane::testing

@@ -6,7 +6,6 @@
 #include "show/RunningTime.h"
 #include "show/ShowTime.h"
 
-#include <QRandomGenerator>
 #include <QTest>
 
 #include <cmath>
@@ -72,7 +71,6 @@ private Q_SLOTS:
     void fadeClock();
     void fadeClockReAnchorsWhenTheConsoleDisagrees_data();
     void fadeClockReAnchorsWhenTheConsoleDisagrees();
-    void shownProgressIsBoundedAndNeverFallsWhileReportsRise();
     void parsesCueText_data();
     void parsesCueText();
     void readsCueTimes_data();
@@ -288,55 +286,6 @@ void ShowValuesTest::fadeClockReAnchorsWhenTheConsoleDisagrees()
     QCOMPARE(secondsBetween(kT0, clock.advancedAt), advancedAt);
     QCOMPARE(clock.reported, report.fraction);
     QVERIFY(clock.hasAdvanced);
-}
-
-// Random fades, consoles that run slower or faster than the fade time, holds and reports that
-// only rise: the bar stays in 0...1, never leads the last report by more than the lead, and
-// never moves back.
-void ShowValuesTest::shownProgressIsBoundedAndNeverFallsWhileReportsRise()
-{
-    const quint32 seed = QRandomGenerator::global()->generate();
-    QRandomGenerator random(seed);
-    const auto uniform = [&](double low, double high) {
-        return low + random.generateDouble() * (high - low);
-    };
-    constexpr double kTolerance = 1e-6; // instants are whole nanoseconds
-    for (int run = 0; run < 2000; ++run) {
-        const double fade = uniform(0.1, 40);
-        const double firstHeard = random.bounded(3) == 0 ? 0.0 : random.bounded(90) / 100.0;
-        const double speed = uniform(0.3, 3); // how fast the console runs against the fade time
-        FadeClock clock = clockHeardAt(fade, firstHeard, 0);
-        double time = 0;
-        double console = firstHeard;
-        double lastShown = clock.shownProgress(at(0));
-        // Checks the bar at `t`, or right after a report when `t` is the report's time.
-        const auto check = [&](double t) {
-            const double shown = clock.shownProgress(at(t));
-            const bool good = shown >= 0 && shown <= 1 &&
-                              shown <= clock.reported + clock.lead() + kTolerance &&
-                              shown >= lastShown - kTolerance;
-            lastShown = shown;
-            return good ? QString()
-                        : QString::asprintf(
-                              "seed %u run %d fade %g first %g speed %g at %g reported %g shown %g",
-                              seed, run, fade, firstHeard, speed, t, clock.reported, shown);
-        };
-        for (int step = 0; step < 60 && time < 4 * fade + 10; ++step) {
-            const double gap = random.bounded(8) == 0 ? uniform(0.5, 3 * fade) : uniform(0, 0.3);
-            const int samples = 1 + random.bounded(5);
-            for (int i = 1; i <= samples; ++i) {
-                const QString failure = check(time + gap * i / samples);
-                QVERIFY2(failure.isEmpty(), qPrintable(failure));
-            }
-            time += gap;
-            if (random.bounded(6) != 0) // else held
-                console = std::min(1.0, console + speed * gap / fade * uniform(0.5, 1.5));
-            clock.report(std::max(clock.reported, std::floor(console * 100 + 1e-9) / 100),
-                         at(time));
-            const QString failure = check(time);
-            QVERIFY2(failure.isEmpty(), qPrintable(failure));
-        }
-    }
 }
 
 void ShowValuesTest::parsesCueText_data()

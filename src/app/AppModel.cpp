@@ -52,6 +52,11 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     , outputs_(clock)
     , overlayFeed_(show_, clock, this)
     , recording_(*settings_, clock, this)
+    , replies_([this] { return surfaceState(); },
+               [this](const QByteArray& datagram, const QHostAddress& address, quint16 port) {
+                   return input_.listener().send(datagram, address, port);
+               },
+               clock, this)
     , pathMonitor_(clock, this)
     , captureWatcher_([this] { return captureConfiguration(); },
                       [this](const CaptureConfiguration& c) { applyCapture(c); })
@@ -85,6 +90,11 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
     input_.setOnCommand([this](const ShowCommand& command, const ShowInput::Sender& sender) {
         handleCommand(command, sender);
     });
+    input_.setOnAnswerOwed([this](const ShowInput::Sender& sender) {
+        replies_.answer(sender.address, sender.port, std::exchange(commandFailure_, std::nullopt));
+    });
+    connect(&recording_, &RecordingControl::recordingStartChanged, &replies_,
+            &SurfaceReplies::tellAll);
     input_.takePacketsFrom(eos_);
     show_.setOnCueChange([this](const std::optional<EosCue>& cue) { handleCueChange(cue); });
     qlab_.setOnRunningCuesChanged([this] { handleQLabCues(); });
@@ -148,6 +158,7 @@ AppModel::~AppModel()
 {
     pathMonitor_.stop();
     input_.setOnCommand({});
+    input_.setOnAnswerOwed({});
     show_.setOnCueChange({});
     qlab_.setOnRunningCuesChanged({});
 }
@@ -449,6 +460,45 @@ QString AppModel::showRecordings()
     return recording_.showRecordings();
 }
 
+SurfaceReplies::State AppModel::surfaceState() const
+{
+    SurfaceReplies::State state;
+    state.isRecording = isRecording();
+    state.elapsed = recording_.elapsed().value_or(0);
+    const QStringList running = recording_.recordingPaths();
+    if (const auto movie = running.isEmpty() ? lastRecording() : running.front())
+        state.movie = QFileInfo(*movie).fileName();
+    if (const auto free = freeBytesAt(recordingsFolder()))
+        state.minutesLeft = minutesOfDisk(*free, recordingBytesPerSecond());
+    return state;
+}
+
+double AppModel::recordingBytesPerSecond() const
+{
+    // The first seconds of a movie are mostly its header and the encoder filling up.
+    constexpr double kMeasureAfterSeconds = 5;
+    if (const auto elapsed = recording_.elapsed(); elapsed && *elapsed >= kMeasureAfterSeconds) {
+        qint64 written = 0;
+        for (const QString& path : recording_.recordingPaths())
+            written += QFileInfo(path).size();
+        if (written > 0)
+            return double(written) / *elapsed;
+    }
+    const RecordingCodec codec = settings_->codec();
+    const auto estimate = [codec](const CaptureEngine& engine) {
+        const double rate = engine.stats().framesPerSecond;
+        return estimatedBytesPerSecond(codec, engine.videoSize(), rate >= 1 ? rate : 30);
+    };
+    double rate = 0;
+    if (feedState_.kind == FeedState::Kind::live)
+        rate += estimate(engine_);
+    for (const auto& feed : extraFeeds_)
+        if (feed->state().kind == FeedState::Kind::live)
+            rate += estimate(feed->engine());
+    // No camera yet: one camera in full HD.
+    return rate > 0 ? rate : estimatedBytesPerSecond(codec, QSize(1920, 1080), 30);
+}
+
 QString AppModel::recordingsFolder() const
 {
     return options_.recordingsFolder.value_or(standardRecordingsFolder());
@@ -462,21 +512,41 @@ QString AppModel::standardRecordingsFolder()
 
 // The show
 
-void AppModel::handleCommand(const ShowCommand& command, const ShowInput::Sender&)
+void AppModel::handleCommand(const ShowCommand& command, const ShowInput::Sender& sender)
 {
+    const std::optional<QString> failure = carryOut(command);
+    // A surface that sent it is answered with the sentence (ShowInput owes it an answer).
+    if (sender.port != 0 && failure)
+        commandFailure_ = failure;
+}
+
+std::optional<QString> AppModel::carryOut(const ShowCommand& command)
+{
+    std::optional<QString> failure;
+    const auto watch = connect(&recording_, &RecordingControl::errorOccurred, this,
+                               [&failure](const QString& message) { failure = message; });
     switch (command.kind) {
     case ShowCommand::Kind::marker:
-        return addMarker(command.text);
+        if (!isRecording())
+            failure = QStringLiteral("Orvane isn't recording, so the marker wasn't added.");
+        addMarker(command.text);
+        break;
     case ShowCommand::Kind::layout:
-        settings_->applyLayoutPreset(command.text);
-        return;
+        if (!settings_->applyLayoutPreset(command.text))
+            failure = QStringLiteral("There's no saved layout named “%1”.").arg(command.text);
+        break;
     case ShowCommand::Kind::startRecording:
-        return startRecording();
+        startRecording();
+        break;
     case ShowCommand::Kind::stopRecording:
-        return stopRecording();
+        stopRecording();
+        break;
     case ShowCommand::Kind::toggleRecording:
-        return toggleRecording();
+        toggleRecording();
+        break;
     }
+    disconnect(watch);
+    return failure;
 }
 
 void AppModel::handleCueChange(const std::optional<EosCue>& cue)

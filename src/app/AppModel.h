@@ -9,6 +9,7 @@
 #include "app/RecordingControl.h"
 #include "app/RunOptions.h"
 #include "app/ShowInput.h"
+#include "app/SurfaceReplies.h"
 #include "base/Clock.h"
 #include "capture/CameraFeed.h"
 #include "capture/CaptureDevices.h"
@@ -68,6 +69,7 @@ public:
     CaptureEngine& engine() { return engine_; }
     Outputs& outputs() { return outputs_; }
     RecordingControl& recording() { return recording_; }
+    SurfaceReplies& replies() { return replies_; }
     NetworkPathMonitor& pathMonitor() { return pathMonitor_; }
     std::vector<CameraFeed*> extraFeeds() const;
 
@@ -106,6 +108,12 @@ public:
 
     // Connects QLab to a host the browser found; says so when it cannot be reached.
     void chooseQLabHost(const DiscoveredQLab& service);
+
+    // What a control surface is answered: the recording's state and the disk left for it.
+    SurfaceReplies::State surfaceState() const;
+    // The bytes a second the recording writes: the running movies' real rate once they
+    // show it, an estimate for the live cameras before.
+    double recordingBytesPerSecond() const;
 
     // The recordings folder: this run's, or Videos/Orvane.
     QString recordingsFolder() const;
@@ -147,6 +155,7 @@ private:
     void setFeedState(FeedState state);
     void loadWatermarkImage();
     void handleCommand(const ShowCommand& command, const ShowInput::Sender& sender);
+    std::optional<QString> carryOut(const ShowCommand& command);
     void handleCueChange(const std::optional<EosCue>& cue);
     void handleQLabCues();
     std::vector<RecordingControl::Camera> recordingCameras();
@@ -166,6 +175,7 @@ private:
     Outputs outputs_;
     OverlayFeed overlayFeed_;
     RecordingControl recording_;
+    SurfaceReplies replies_;
     NetworkPathMonitor pathMonitor_;
     std::vector<std::unique_ptr<CameraFeed>> extraFeeds_;
 
@@ -178,6 +188,7 @@ private:
     bool recordWhenLive_ = false;
     int captureGeneration_ = 0;
     QSet<QString> runningQLabCues_;
+    std::optional<QString> commandFailure_; // for the answer to the command's sender
 
     ConfigurationWatcher<CaptureConfiguration> captureWatcher_;
     ConfigurationWatcher<NetworkConfiguration> networkWatcher_;

@@ -49,6 +49,18 @@ void ShowInput::receive(const OSCMessage& message, const Sender& sender)
     const Sender* outer = std::exchange(handing_, &sender);
     show_.handle(message, sender.host);
     handing_ = outer;
+    if (onAnswerOwed_ && sender.port != 0 && !sender.address.isNull() && owesAnswer(message))
+        onAnswerOwed_(sender);
+}
+
+bool ShowInput::owesAnswer(const OSCMessage& message)
+{
+    const QString address = QString::fromStdString(message.address);
+    if (!address.startsWith(u"/tavrin/", Qt::CaseInsensitive))
+        return false;
+    const QList<QStringView> words = QStringView(address).split(u'/', Qt::SkipEmptyParts);
+    return words.size() >= 2 && words[1].compare(u"field", Qt::CaseInsensitive) != 0 &&
+           words[1].compare(u"reply", Qt::CaseInsensitive) != 0;
 }
 
 void ShowInput::takePacketsFrom(EosConnection& connection)
@@ -68,6 +80,11 @@ DemoShow::Deliver ShowInput::demoDelivery()
 void ShowInput::setOnCommand(std::function<void(const ShowCommand&, const Sender&)> onCommand)
 {
     onCommand_ = std::move(onCommand);
+}
+
+void ShowInput::setOnAnswerOwed(std::function<void(const Sender&)> onAnswerOwed)
+{
+    onAnswerOwed_ = std::move(onAnswerOwed);
 }
 
 } // namespace orvane

@@ -21,7 +21,8 @@ class ShowData;
 // The one door into the show data: every OSC packet or message for the show comes in here
 // with its sender, is decoded once, and is handed to the show data. Owns Orvane's UDP
 // listener; takes the Eos link's packets and the demo show's messages. The show's commands
-// come out with the sender, so that an answer can go back to it. Main thread only.
+// come out with the sender, and a UDP sender of a "/tavrin/" message is owed an answer once
+// the message is handled. Main thread only.
 class ShowInput : public QObject {
     Q_OBJECT
 public:
@@ -54,12 +55,18 @@ public:
 
     // Called with every "/tavrin/" command and the sender of the message that raised it.
     void setOnCommand(std::function<void(const ShowCommand&, const Sender&)> onCommand);
+    // Called once a message under "/tavrin/" from a UDP sender is handled, its command carried
+    // out: the sender is owed an answer. Fields and answers ("/tavrin/field/…",
+    // "/tavrin/reply/…") are owed none, so two answering peers never talk in a loop.
+    void setOnAnswerOwed(std::function<void(const Sender&)> onAnswerOwed);
+    static bool owesAnswer(const OSCMessage& message);
 
 private:
     ShowData& show_;
     OSCListener listener_;
     const Sender* handing_ = nullptr; // the sender of the message being handed on
     std::function<void(const ShowCommand&, const Sender&)> onCommand_;
+    std::function<void(const Sender&)> onAnswerOwed_;
 };
 
 } // namespace orvane

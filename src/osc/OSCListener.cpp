@@ -222,6 +222,14 @@ void OSCListener::readDatagrams()
     }
 }
 
+bool OSCListener::send(const QByteArray& datagram, const QHostAddress& address, quint16 port)
+{
+    assertOnOwnThread(this);
+    if (socket_ == nullptr)
+        return false;
+    return socket_->writeDatagram(datagram, address, port) == datagram.size();
+}
+
 void OSCListener::hear(const Peer& peer, const QByteArray& datagram)
 {
     const Instant now = clock_.now();

@@ -50,6 +50,10 @@ public:
     // The host of the most recent sender ("192.168.1.20", "fe80::1"), once anyone has sent.
     std::optional<QString> lastSender() const;
 
+    // Sends `datagram` from the listening port to `address` and `port`: an answer goes back
+    // the way its question came. False when not listening or the system refused it.
+    bool send(const QByteArray& datagram, const QHostAddress& address, quint16 port);
+
     // Called with every non-empty datagram and its sender.
     void
     setOnPacket(std::function<void(const QByteArray& datagram, const Sender& sender)> onPacket);

@@ -94,11 +94,12 @@ std::shared_ptr<const Frame> CapturePipeline::captureFrame(VideoSource& source)
     frame->frameDuration = source.frameDuration();
     if (mirrored_)
         mirror(*frame);
-    if (const auto content = overlay_.get()) {
+    frame->overlay = overlay_.get();
+    if (frame->overlay) {
         // Blended into the frame's own planes; its clock shows the moment of capture.
         if (!renderer_)
             renderer_ = std::make_unique<OverlayRenderer>();
-        renderer_->draw(*content, frame->planes(), frame->wallCapturedAt);
+        renderer_->draw(*frame->overlay, frame->planes(), frame->wallCapturedAt);
     }
 
     frameTimes_.push_back(now);

@@ -4,8 +4,11 @@
 #include "overlay/YuvPlanes.h"
 
 #include <cstdint>
+#include <memory>
 
 namespace orvane {
+
+struct OverlayContent;
 
 // One camera picture in the pipeline's layout (I420: see YuvPlanes), in memory that belongs
 // to its camera's FramePool: the three planes follow one another in one buffer, the chroma
@@ -29,6 +32,8 @@ struct Frame {
     double frameDuration = 0;
     // Counts the camera's frames from 0.
     std::int64_t number = 0;
+    // The overlay drawn into it; none when nothing was drawn.
+    std::shared_ptr<const OverlayContent> overlay;
 
     YuvPlanes planes() const
     {

@@ -5,6 +5,8 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
+
 namespace orvane {
 
 namespace {
@@ -52,8 +54,18 @@ StatusReporter::StatusReporter(AppModel& model, QObject* parent)
             say(*message);
     });
     connect(&model, &AppModel::recordingStartChanged, this, [this] {
-        if (!model_.isRecording())
-            return say(QStringLiteral("Recording stopped; finishing the movies."));
+        const int lost = model_.engine().stats().droppedFrames;
+        if (!model_.isRecording()) {
+            say(QStringLiteral("Recording stopped; finishing the movies."));
+            // The camera's count starts again when it is opened again.
+            const int lostWhileRecording = std::max(0, lost - lostBeforeRecording_);
+            return say(QStringLiteral("The main camera lost %1 while recording.")
+                           .arg(lostWhileRecording == 0   ? QStringLiteral("no frames")
+                                : lostWhileRecording == 1 ? QStringLiteral("1 frame")
+                                                          : QStringLiteral("%1 frames")
+                                                                .arg(lostWhileRecording)));
+        }
+        lostBeforeRecording_ = lost;
         reportedRows_ = 0;
         for (const auto& path : model_.recording().recordingPaths())
             say(QStringLiteral("Recording to “%1”.").arg(path));

@@ -9,8 +9,8 @@ namespace orvane {
 class AppModel;
 
 // Turns what happens in the application model into sentences, one a line, as headless mode
-// prints them: the camera's state, recordings started and saved, rows of the cue log, the
-// listener and the links, and every errorMessage. Main thread only.
+// prints them: the camera's state, recordings started and saved with the frames they lost,
+// rows of the cue log, the listener and the links, and every errorMessage. Main thread only.
 class StatusReporter : public QObject {
     Q_OBJECT
 
@@ -27,6 +27,7 @@ private:
 
     AppModel& model_;
     int reportedRows_ = 0;
+    int lostBeforeRecording_ = 0; // the main camera's lost frames when recording started
     QString lastListener_;
     QStringList lastEos_;
     QStringList lastQLab_;

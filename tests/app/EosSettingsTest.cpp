@@ -8,6 +8,8 @@
 
 using namespace orvane;
 
+Q_DECLARE_METATYPE(std::function<void(orvane::EosConnection&)>)
+
 class EosSettingsTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
@@ -19,34 +21,35 @@ private Q_SLOTS:
 namespace {
 
 using Configuration = EosConnection::Configuration;
+using Report = std::function<void(EosConnection&)>;
 
 struct Store {
-    Store()
-        : settings(AppSettings::Location{folder.filePath(QStringLiteral("Orvane.json")),
-                                         folder.filePath(QStringLiteral("support"))})
-    {
-    }
     QTemporaryDir folder;
-    AppSettings settings;
+    AppSettings settings{AppSettings::Location{folder.filePath("Orvane.json"),
+                                               folder.filePath("support")}};
 };
 
 } // namespace
 
 void EosSettingsTest::reportsAreKeptAndAppliedWhole_data()
 {
-    QTest::addColumn<int>("report");
+    QTest::addColumn<Report>("report");
     QTest::addColumn<QString>("host");
     QTest::addColumn<std::optional<QString>>("consoleID");
     QTest::addColumn<bool>("enabled");
 
-    QTest::newRow("adopted") << 0 << "10.0.0.7" << std::optional<QString>("ION-B") << true;
-    QTest::newRow("forgotten") << 1 << "" << std::optional<QString>() << false;
-    QTest::newRow("turned on") << 2 << "10.0.0.5" << std::optional<QString>("ION-A") << true;
+    QTest::newRow("adopted") << Report([](EosConnection& c) {
+        Q_EMIT c.consoleAdopted({"10.0.0.7", std::nullopt, "ION-B", std::nullopt});
+    }) << "10.0.0.7" << std::optional<QString>("ION-B") << true;
+    QTest::newRow("forgotten") << Report([](EosConnection& c) { Q_EMIT c.consoleForgotten(); })
+                               << "" << std::optional<QString>() << false;
+    QTest::newRow("turned on") << Report([](EosConnection& c) { Q_EMIT c.turnedOn(); })
+                               << "10.0.0.5" << std::optional<QString>("ION-A") << true;
 }
 
 void EosSettingsTest::reportsAreKeptAndAppliedWhole()
 {
-    QFETCH(int, report);
+    QFETCH(Report, report);
     QFETCH(QString, host);
     QFETCH(std::optional<QString>, consoleID);
     QFETCH(bool, enabled);
@@ -65,18 +68,7 @@ void EosSettingsTest::reportsAreKeptAndAppliedWhole()
     QList<Configuration> applied;
     connect(&connection, &EosConnection::configurationChanged, this,
             [&] { applied.append(*connection.configuration()); });
-    switch (report) {
-    case 0:
-        Q_EMIT connection.consoleAdopted(
-            {QStringLiteral("10.0.0.7"), std::nullopt, QStringLiteral("ION-B"), std::nullopt});
-        break;
-    case 1:
-        Q_EMIT connection.consoleForgotten();
-        break;
-    case 2:
-        Q_EMIT connection.turnedOn();
-        break;
-    }
+    report(connection);
     QCOMPARE(store.settings.eosHost(), host);
     QCOMPARE(store.settings.eosConsoleID(), consoleID);
     QCOMPARE(store.settings.eosEnabled(), enabled);

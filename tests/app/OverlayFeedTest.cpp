@@ -48,6 +48,7 @@ void OverlayFeedTest::followsTheShowTheDemoAndTheSettings()
     QCOMPARE(f.feed.content().showTime, demo.showTime());
     f.clock.advance(0.5);
     QVERIFY(f.show.activeCue().has_value());
+    QCOMPARE(f.show.eosSender(), std::optional<QString>(DemoShow::kSender));
     QCOMPARE(f.feed.content().cue->number, f.show.activeCue()->token());
     QCOMPARE(f.feed.sources().gatheredAt, f.clock.wallNow());
 

@@ -207,6 +207,11 @@ void AppModelTest::recordsTheDemoWithItsCueLog()
         QVERIFY2(lines.contains(line), qPrintable(line));
     QCOMPARE(lines.filter(QRegularExpression("^The main camera lost .* while recording\\.$")).size(),
              1);
+    // A new recording starts a new log, with the cue that is active then.
+    model->startRecording();
+    QCOMPARE(model->cueLog().size(), 1);
+    model->stopRecording();
+    QTRY_COMPARE(model->recording().finishingCount(), 0);
 }
 
 void AppModelTest::saysWhatWentWrong()

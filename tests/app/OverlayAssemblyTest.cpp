@@ -30,17 +30,8 @@ QLabCue qlabCue(const char* id, const char* number, const char* name, std::optio
                 std::optional<double> duration, std::optional<WallTime> sampledAt,
                 std::optional<WallTime> startedAt, bool paused = false)
 {
-    QLabCue made;
-    made.id = id;
-    made.number = number;
-    made.name = name;
-    made.type = QStringLiteral("Audio");
-    made.actionElapsed = elapsed;
-    made.duration = duration;
-    made.sampledAt = sampledAt;
-    made.startedAt = startedAt;
-    made.isPaused = paused;
-    return made;
+    return QLabCue{id,        number,    name, "Audio", paused, elapsed, duration,
+                   sampledAt, startedAt, {},   {},      {},     {},      {}};
 }
 
 OverlayPart row(const char* id, const char* tag, const char* label, double progress,

@@ -120,6 +120,9 @@ void ShowInputTest::firedCueReachesTheShowWithin50ms()
     QVERIFY2(elapsed < 50, qPrintable(QString::number(elapsed)));
     QCOMPARE(show.activeCue()->label, QStringLiteral("Storm"));
     QCOMPARE(show.eosSender(), std::optional<QString>(QStringLiteral("127.0.0.1")));
+    // The console counts the percent up over the cue's 1 s.
+    QCOMPARE(show.activeCue()->percent, std::optional<int>(0));
+    QTRY_COMPARE_WITH_TIMEOUT(show.activeCue()->percent, std::optional<int>(100), 3000);
 }
 
 int main(int argc, char** argv)

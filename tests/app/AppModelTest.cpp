@@ -201,9 +201,9 @@ void AppModelTest::recordsTheDemoWithItsCueLog()
     QFile csv(cueLogPath(movie));
     QVERIFY(csv.open(QIODevice::ReadOnly));
     QVERIFY(csv.readAll().contains(",Marker,Marker\n"));
-    for (const QString& line :
-         {"The camera is live.", "Recording to “" + movie + "”.", "Saved “" + movie + "”.",
-          "Saved the cue log “" + cueLogPath(movie) + "”."})
+    for (const QString& line : QStringList{"The camera is live.", "Recording to “" + movie + "”.",
+                                           "Saved “" + movie + "”.",
+                                           "Saved the cue log “" + cueLogPath(movie) + "”."})
         QVERIFY2(lines.contains(line), qPrintable(line));
     QCOMPARE(lines.filter(QRegularExpression("^The main camera lost .* while recording\\.$")).size(),
              1);

@@ -134,8 +134,9 @@ int main(int argc, char** argv)
     QGuiApplication app(argc, argv);
 
     QTemporaryDir folder;
-    auto settings = std::make_unique<AppSettings>(AppSettings::Location{
-        folder.filePath(QStringLiteral("Orvane.json")), folder.filePath(QStringLiteral("support"))});
+    auto settings = std::make_unique<AppSettings>(
+        AppSettings::Location{folder.filePath(QStringLiteral("Orvane.json")),
+                              folder.filePath(QStringLiteral("support"))});
     const quint16 port = freeUdpPort();
     settings->setOscPort(port);
     settings->setEosEnabled(false);
@@ -176,9 +177,9 @@ int main(int argc, char** argv)
         awaited = QStringLiteral("1/%1").arg(n);
         handledAt.reset();
         watch->await(awaited);
-        const QByteArray datagram = encodeOSC(OSCMessage{
-            "/eos/out/active/cue/text",
-            {(QStringLiteral("%1 Cue %2 3 0%").arg(awaited).arg(n)).toStdString()}});
+        const QByteArray datagram = encodeOSC(
+            OSCMessage{"/eos/out/active/cue/text",
+                       {(QStringLiteral("%1 Cue %2 3 0%").arg(awaited).arg(n)).toStdString()}});
         const auto sentAt = Steady::now();
         console.writeDatagram(datagram, QHostAddress::LocalHost, port);
         if (!runUntil([&] { return watch->seenAt().has_value(); }, 2000)) {
@@ -199,8 +200,8 @@ int main(int argc, char** argv)
                 kTargetMs);
     printSummary("datagram to show data", toShow);
     printSummary("datagram to recorded frame", toFrame);
-    const auto over = std::count_if(toFrame.begin(), toFrame.end(),
-                                    [](double ms) { return ms > kTargetMs; });
+    const auto over =
+        std::count_if(toFrame.begin(), toFrame.end(), [](double ms) { return ms > kTargetMs; });
     std::printf("over the target: %lld of %zu; never seen: %d; frames lost: %d (%d by the "
                 "recorder)\n",
                 static_cast<long long>(over), toFrame.size(), missed, stats.droppedFrames,

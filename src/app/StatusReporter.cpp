@@ -20,6 +20,16 @@ QString sentence(const QString& text)
     return text + QLatin1Char('.');
 }
 
+// "no frames", "1 frame", "12 frames".
+QString framesText(int count)
+{
+    if (count == 0)
+        return QStringLiteral("no frames");
+    if (count == 1)
+        return QStringLiteral("1 frame");
+    return QStringLiteral("%1 frames").arg(count);
+}
+
 QString feedSentence(const FeedState& state)
 {
     switch (state.kind) {
@@ -60,10 +70,7 @@ StatusReporter::StatusReporter(AppModel& model, QObject* parent)
             // The camera's count starts again when it is opened again.
             const int lostWhileRecording = std::max(0, lost - lostBeforeRecording_);
             return say(QStringLiteral("The main camera lost %1 while recording.")
-                           .arg(lostWhileRecording == 0   ? QStringLiteral("no frames")
-                                : lostWhileRecording == 1 ? QStringLiteral("1 frame")
-                                                          : QStringLiteral("%1 frames")
-                                                                .arg(lostWhileRecording)));
+                           .arg(framesText(lostWhileRecording)));
         }
         lostBeforeRecording_ = lost;
         reportedRows_ = 0;

@@ -119,8 +119,8 @@ double estimatedBytesPerSecond(RecordingCodec codec, QSize size, double framesPe
         megabitsAt1080p30 = 50;
         break;
     }
-    const double share = double(size.width()) * size.height() * framesPerSecond /
-                         (1920.0 * 1080.0 * 30.0);
+    const double share =
+        double(size.width()) * size.height() * framesPerSecond / (1920.0 * 1080.0 * 30.0);
     return megabitsAt1080p30 * 1e6 / 8 * share;
 }
 

@@ -201,12 +201,12 @@ void AppModelTest::recordsTheDemoWithItsCueLog()
     QFile csv(cueLogPath(movie));
     QVERIFY(csv.open(QIODevice::ReadOnly));
     QVERIFY(csv.readAll().contains(",Marker,Marker\n"));
-    for (const QString& line : QStringList{"The camera is live.", "Recording to “" + movie + "”.",
-                                           "Saved “" + movie + "”.",
-                                           "Saved the cue log “" + cueLogPath(movie) + "”."})
+    for (const QString& line :
+         QStringList{"The camera is live.", "Recording to “" + movie + "”.",
+                     "Saved “" + movie + "”.", "Saved the cue log “" + cueLogPath(movie) + "”."})
         QVERIFY2(lines.contains(line), qPrintable(line));
-    QCOMPARE(lines.filter(QRegularExpression("^The main camera lost .* while recording\\.$")).size(),
-             1);
+    QCOMPARE(
+        lines.filter(QRegularExpression("^The main camera lost .* while recording\\.$")).size(), 1);
     // A new recording starts a new log, with the cue that is active then.
     model->startRecording();
     QCOMPARE(model->cueLog().size(), 1);

@@ -25,8 +25,8 @@ using Report = std::function<void(EosConnection&)>;
 
 struct Store {
     QTemporaryDir folder;
-    AppSettings settings{AppSettings::Location{folder.filePath("Orvane.json"),
-                                               folder.filePath("support")}};
+    AppSettings settings{
+        AppSettings::Location{folder.filePath("Orvane.json"), folder.filePath("support")}};
 };
 
 } // namespace
@@ -38,9 +38,10 @@ void EosSettingsTest::reportsAreKeptAndAppliedWhole_data()
     QTest::addColumn<std::optional<QString>>("consoleID");
     QTest::addColumn<bool>("enabled");
 
-    QTest::newRow("adopted") << Report([](EosConnection& c) {
+    const Report adopted = [](EosConnection& c) {
         Q_EMIT c.consoleAdopted({"10.0.0.7", std::nullopt, "ION-B", std::nullopt});
-    }) << "10.0.0.7" << std::optional<QString>("ION-B") << true;
+    };
+    QTest::newRow("adopted") << adopted << "10.0.0.7" << std::optional<QString>("ION-B") << true;
     QTest::newRow("forgotten") << Report([](EosConnection& c) { Q_EMIT c.consoleForgotten(); })
                                << "" << std::optional<QString>() << false;
     QTest::newRow("turned on") << Report([](EosConnection& c) { Q_EMIT c.turnedOn(); })

@@ -53,7 +53,7 @@ void SurfaceRepliesTest::answersTheSender_data()
     QTest::addColumn<OSCMessage>("message");
     QTest::addColumn<bool>("answered");
     QTest::addColumn<int>("recording");
-    QTest::addColumn<QString>("error"); // the beginning of the sentence
+    QTest::addColumn<QString>("error");  // the beginning of the sentence
     QTest::addColumn<QString>("marker"); // the last cue log row's detail
 
     const QByteArray blob("\x01\x02", 2);
@@ -81,8 +81,8 @@ void SurfaceRepliesTest::answersTheSender_data()
     row("start where the folder cannot be made", Before::noFolder, {"/tavrin/record", {}}, 0,
         "Orvane couldn't create the recordings folder in Videos. ");
     QTest::newRow("an answer is not answered")
-        << Before::stopped << OSCMessage{"/tavrin/reply/recording", {std::int32_t(1)}} << false
-        << 0 << QString() << QString();
+        << Before::stopped << OSCMessage{"/tavrin/reply/recording", {std::int32_t(1)}} << false << 0
+        << QString() << QString();
     QTest::newRow("a field is not answered")
         << Before::stopped << OSCMessage{"/tavrin/field/Scene", {std::string("2")}} << false << 0
         << QString() << QString();

@@ -105,8 +105,10 @@ std::optional<int> minutesOfDisk(qint64 freeBytes, double bytesPerSecond)
 
 double estimatedBytesPerSecond(RecordingCodec codec, QSize size, double framesPerSecond)
 {
-    // Measured on a busy stage picture with the overlay at 1080p30, rounded up: the encoders'
-    // quality settings make the rate follow the picture, so a real show can write more.
+    // Generous figures for a camera at 1080p30 with the recorder's settings (x264 veryfast and
+    // x265 ultrafast at their default quality, ProRes 422 Proxy near its nominal 45 Mbit/s):
+    // the quality settings make the rate follow the picture, and a minute too few is better
+    // than a minute too many. Five seconds into a recording the real rate takes over.
     double megabitsAt1080p30 = 0;
     switch (codec) {
     case RecordingCodec::h264:

@@ -81,6 +81,7 @@ RecordingControl::~RecordingControl()
     for (auto& camera : running_) {
         disconnect(camera.failure);
         disconnect(camera.started);
+        disconnect(camera.behind);
     }
 }
 
@@ -116,9 +117,12 @@ bool RecordingControl::start()
         running.started =
             connect(engine, &CaptureEngine::recordingStarted, this,
                     [this, engine](const MovieStart& start) { movieStarted(engine, start); });
+        running.behind = connect(engine, &CaptureEngine::recordingFallingBehind, this,
+                                 [this, codec] { encoderFellBehind(codec); });
         engine->startRecording(running.path, codec, camera.includesAudio);
         running_.push_back(std::move(running));
     }
+    saidFallingBehind_ = false;
     startedAt_ = clock_.now();
     recordingStart_ = clock_.wallNow();
     const QString mainMovie = running_.front().path;
@@ -187,6 +191,7 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
 {
     disconnect(camera.failure);
     disconnect(camera.started);
+    disconnect(camera.behind);
     CaptureEngine* engine = camera.engine.data();
     if (!engine) {
         journal->keep = true; // its movie was left as it was written
@@ -253,6 +258,34 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
         }
         done(std::move(finished));
     });
+}
+
+QString RecordingControl::fallingBehindMessage(MovieCodec codec)
+{
+    switch (codec) {
+    case MovieCodec::hevc:
+        return QStringLiteral("This computer can't encode HEVC as fast as the camera sends "
+                              "pictures, so the recording is missing frames. Choose H.264 in the "
+                              "recording settings to record every frame.");
+    case MovieCodec::proRes422Proxy:
+        return QStringLiteral("This computer can't write ProRes as fast as the camera sends "
+                              "pictures, so the recording is missing frames. Choose H.264 in the "
+                              "recording settings, or record to a faster disk.");
+    case MovieCodec::h264:
+        break;
+    }
+    return QStringLiteral("This computer can't encode the recording as fast as the cameras send "
+                          "pictures, so it is missing frames. Record fewer cameras, or close "
+                          "other programs.");
+}
+
+void RecordingControl::encoderFellBehind(MovieCodec codec)
+{
+    // Said once a recording, however many cameras fall behind.
+    if (!isRecording() || saidFallingBehind_)
+        return;
+    saidFallingBehind_ = true;
+    Q_EMIT errorOccurred(fallingBehindMessage(codec));
 }
 
 void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& error)

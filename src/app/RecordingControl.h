@@ -91,6 +91,8 @@ public:
     QString showRecordings();
 
     static QString noFeedMessage();
+    // What the user reads when the encoder cannot keep up with the cameras.
+    static QString fallingBehindMessage(MovieCodec codec);
 
 Q_SIGNALS:
     void recordingStartChanged();
@@ -108,10 +110,12 @@ private:
         QString path;
         QMetaObject::Connection failure;
         QMetaObject::Connection started;
+        QMetaObject::Connection behind;
         std::optional<MovieStart> start; // the movie's time zero, once known
     };
     struct Journal;
     void addRow(const QString& event, const QString& detail);
+    void encoderFellBehind(MovieCodec codec);
     void openJournal(const QString& mainMovie);
     void movieStarted(CaptureEngine* engine, const MovieStart& start);
     void finishCamera(Running camera, bool writesCueLog, QList<CueLogEntry> log,
@@ -127,6 +131,7 @@ private:
 
     std::vector<Running> running_;
     std::optional<WallTime> recordingStart_;
+    bool saidFallingBehind_ = false;
     Instant startedAt_{};
     std::optional<QString> lastRecording_;
     QList<CueLogEntry> cueLog_;

@@ -214,6 +214,11 @@ void RecordingControlTest::aFailingCameraStopsAlone()
     QCOMPARE(errors[0][0].toString(),
              QStringLiteral("A camera stopped recording. The recording couldn't be saved. No "
                             "space left on device."));
+    // An encoder that cannot keep up is said once a recording, with the codec's advice.
+    Q_EMIT main->recordingFallingBehind();
+    Q_EMIT main->recordingFallingBehind();
+    QCOMPARE(errors.size(), 2);
+    QCOMPARE(errors[1][0].toString(), RecordingControl::fallingBehindMessage(MovieCodec::h264));
     QVERIFY(control.isRecording());
     QVERIFY(main->isRecording());
     QTRY_VERIFY(!extra->isRecording());
@@ -232,7 +237,7 @@ void RecordingControlTest::aFailingCameraStopsAlone()
     Q_EMIT main->recordingFailed(CaptureError::writerFailed("x"));
     Q_EMIT extra->recordingFailed(CaptureError::writerFailed("y"));
     QVERIFY(!control.isRecording());
-    QCOMPARE(errors.size(), 3);
+    QCOMPARE(errors.size(), 4);
     QTRY_COMPARE(control.finishingCount(), 0);
 }
 

@@ -13,6 +13,7 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QTimer>
 
 #include <cstdio>
@@ -20,6 +21,9 @@
 namespace orvane {
 
 namespace {
+
+// How long quitting waits for the movies' chapters once the movies are closed.
+constexpr qint64 kChapterGraceMilliseconds = 10'000;
 
 void printLine(const QString& text)
 {
@@ -67,9 +71,20 @@ int runApplication(const RunOptions& options)
             // nothing outlives it.
             auto* poll = new QTimer(QCoreApplication::instance());
             poll->setInterval(50);
-            const auto tryQuit = [&model, poll] {
-                if (model.recording().finishingCount() > 0)
-                    return;
+            // The movies are closed and playable, with their cue logs, by now; what may still
+            // run is the rewrite that adds their chapters. A long show's rewrite can take
+            // minutes, longer than a service manager waits: after a grace it is left to the
+            // next start, which finishes it from the recording's journal.
+            QElapsedTimer sinceClosed;
+            sinceClosed.start();
+            const auto tryQuit = [&model, poll, sinceClosed] {
+                if (model.recording().finishingCount() > 0) {
+                    if (sinceClosed.elapsed() < kChapterGraceMilliseconds)
+                        return;
+                    printLine(QStringLiteral("The movies are playable with their cue logs; "
+                                             "Orvane adds their chapters the next time it "
+                                             "starts."));
+                }
                 poll->stop();
                 model.settings().flush();
                 printLine(QStringLiteral("Orvane stopped."));

@@ -87,6 +87,8 @@ public:
     bool isRecording() const { return recording_ != nullptr; }
     // The running movie's time zero, once its first frame is written; none before and after.
     std::optional<MovieStart> recordingStart() const { return recordingStart_; }
+    // Frames the running recording has written to its movie so far.
+    int recordedFramesForTesting() const { return recording_ ? recording_->writtenFrames() : 0; }
     // What made the running recording fail, if it did.
     std::optional<CaptureError> recordingFailure() const;
 

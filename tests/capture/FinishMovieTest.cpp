@@ -8,7 +8,7 @@
 #include "capture/TestPatternSource.h"
 
 #include <QDir>
-#include <QFile>
+#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -21,34 +21,27 @@ namespace {
 
 // How the movie on the disk came to be.
 enum class Left {
-    stopped,        // the recording was stopped: closed, still fragmented
     killed,         // the program died: no trailer, the fragment being made is missing
     torn,           // the program died while a fragment was written: it ends mid-way
     finishedBefore, // already ordinary, with chapters of its own
 };
 
-// Writes `frames` pictures of the test pattern at 30 per second into a movie at `path`.
-void writeMovie(const QString& path, int frames, Left left)
+// Writes 100 pictures of the test pattern at 30 per second, with sound, into a movie at `path`.
+void writeMovie(const QString& path, Left left)
 {
-    MovieWriter::Video video;
-    video.codec = MovieCodec::h264;
-    video.width = 320;
-    video.height = 180;
     QString error;
-    auto writer = MovieWriter::create(path, video, true, error);
+    auto writer = MovieWriter::create(path, {MovieCodec::h264, 320, 180}, true, error);
     QVERIFY2(writer, qPrintable(error));
     FramePool pool(320, 180, 1);
     ManualClock clock;
     TestPatternSource pattern(clock, 320, 180, 30);
     std::vector<float> sound(1600 * 2, 0.1f); // 1/30 s of stereo
-    for (int i = 0; i < frames; ++i) {
+    for (int i = 0; i < 100; ++i) {
         std::shared_ptr<Frame> frame = pool.acquire();
-        QVERIFY(frame);
         pattern.paint(*frame, i);
-        QVERIFY(writer->writeVideo(std::move(frame), i));
-        QVERIFY(writer->writeAudio(sound.data(), 1600));
+        QVERIFY(writer->writeVideo(std::move(frame), i) && writer->writeAudio(sound.data(), 1600));
     }
-    if (left == Left::stopped || left == Left::finishedBefore)
+    if (left == Left::finishedBefore)
         QVERIFY(writer->finish());
     writer.reset();
     if (left == Left::torn) {
@@ -56,8 +49,7 @@ void writeMovie(const QString& path, int frames, Left left)
         QVERIFY(file.resize(file.size() - 20000));
     }
     if (left == Left::finishedBefore)
-        QCOMPARE(finishMovie(path, {{1.0, QStringLiteral("old")}}).result,
-                 FinishedMovie::Result::finished);
+        QCOMPARE(finishMovie(path, {{1.0, "old"}}).result, FinishedMovie::Result::finished);
 }
 
 QByteArray contents(const QString& path)
@@ -70,93 +62,126 @@ QByteArray contents(const QString& path)
 
 Q_DECLARE_METATYPE(Left)
 
+// A recording must survive the death of the program: the movie a crash leaves plays, and is
+// made ordinary later. (The movie a stopped recording leaves is finished in the recorder's
+// own test.)
 class FinishMovieTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void makesAnOrdinaryMovieWithChapters_data();
-    void makesAnOrdinaryMovieWithChapters();
-    void aDiskThatFillsUpLeavesTheMovieAsItWas();
+    void makesAnOrdinaryMovieWithChapters_data()
+    {
+        QTest::addColumn<Left>("left");
+        QTest::addColumn<int>("minimumFrames");
+        QTest::newRow("killed: the last fragment is lost") << Left::killed << 60;
+        QTest::newRow("killed while writing: torn last fragment") << Left::torn << 30;
+        QTest::newRow("finished before: chapters replaced") << Left::finishedBefore << 100;
+    }
+    void makesAnOrdinaryMovieWithChapters()
+    {
+        QFETCH(Left, left);
+        QFETCH(int, minimumFrames);
+        QTemporaryDir folder;
+        const QString path = folder.filePath("Show 2026-11-23.mov");
+        writeMovie(path, left);
+        if (QTest::currentTestFailed())
+            return;
+        const FinishedMovie result = finishMovie(
+            path, {{0.5, "Q 12 Blackout"}, {0.0, "Q 11 «Doors»"}, {500.0, "past the end"}});
+        QVERIFY2(result.result == FinishedMovie::Result::finished, qPrintable(result.message));
+        QCOMPARE(result.chapters, 2);
+
+        const QStringList boxes = topLevelBoxes(path);
+        QVERIFY2(boxes.contains("moov") && !boxes.contains("moof"), qPrintable(boxes.join(' ')));
+        const auto movie = probeMovie(path);
+        QVERIFY(movie && movie->stream("video") && movie->count("audio") == 1);
+        const int frames = movie->stream("video")->frameCount;
+        QVERIFY2(frames >= minimumFrames && frames <= 100, qPrintable(QString::number(frames)));
+        const auto& chapters = movie->chapters;
+        QCOMPARE(int(chapters.size()), 2);
+        QCOMPARE(chapters[0].title, "Q 11 «Doors»");
+        QCOMPARE(std::pair(chapters[0].start, chapters[0].end), std::pair(0.0, 0.5));
+        QCOMPARE(chapters[1].title, "Q 12 Blackout");
+        QVERIFY2(std::abs(chapters[1].end - movie->duration) < 0.05,
+                 qPrintable(QString("%1 s, %2 s").arg(chapters[1].end).arg(movie->duration)));
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden),
+                 QStringList{"Show 2026-11-23.mov"});
+    }
+
+    void aDiskThatFillsUpLeavesTheMovieAsItWas()
+    {
+        QTemporaryDir folder;
+        const QString path = folder.filePath("Camera 1.mov");
+        writeMovie(path, Left::killed);
+        if (QTest::currentTestFailed())
+            return;
+        const QByteArray before = contents(path);
+        QVERIFY(before.size() > 60000);
+
+        // The disk fills up half-way through the copy: writes beyond this size fail.
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit saved{};
+        QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+        rlimit limit = saved;
+        limit.rlim_cur = rlim_t(before.size() / 2);
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+        const FinishedMovie result = finishMovie(path, {{0.0, "Q 1"}});
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &saved), 0);
+
+        QCOMPARE(result.result, FinishedMovie::Result::noRoom);
+        QCOMPARE(result.message, "There isn't enough room on the disk to finish the movie.");
+        QCOMPARE(contents(path), before);
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden),
+                 QStringList{"Camera 1.mov"});
+        // With room again it finishes.
+        QCOMPARE(finishMovie(path, {}).result, FinishedMovie::Result::finished);
+    }
+
+    // kill -9 in the middle of a real recording leaves a movie that plays and holds every
+    // fragment written before the kill.
+    void aKilledRecordingStillPlays_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::newRow("HEVC with sound") << QStringList{"--codec", "hevc", "--sound"};
+        QTest::newRow("H.264 with sound") << QStringList{"--codec", "h264", "--sound"};
+        QTest::newRow("ProRes 422 Proxy") << QStringList{"--codec", "prores"};
+    }
+    void aKilledRecordingStillPlays()
+    {
+        QFETCH(QStringList, options);
+        QTemporaryDir folder;
+        QProcess orvane;
+        orvane.start(qEnvironmentVariable("ORVANE_EXECUTABLE"),
+                     QStringList{"test-recording", "--seconds", "60", "--size", "640x360", "--out",
+                                 folder.path()} +
+                         options);
+        QByteArray output;
+        while (!output.contains('\n')) {
+            QVERIFY2(orvane.waitForReadyRead(20000), orvane.readAllStandardError().constData());
+            output += orvane.readAllStandardOutput();
+        }
+        QVERIFY2(output.startsWith("recording: "), output.constData());
+        const QString path = QString::fromLocal8Bit(output.mid(11).trimmed());
+        QElapsedTimer recording;
+        recording.start();
+        // Killed once two fragments are on the disk: the first is whole, the second may not be.
+        QTRY_VERIFY_WITH_TIMEOUT(topLevelBoxes(path).count("moof") >= 2, 20000);
+        ::kill(pid_t(orvane.processId()), SIGKILL);
+        const double recorded = double(recording.elapsed()) / 1000;
+        QVERIFY(orvane.waitForFinished(10000));
+        QCOMPARE(orvane.exitStatus(), QProcess::CrashExit);
+
+        QCOMPARE(QDir(folder.path()).entryList({"*.mov"}).size(), 1);
+        const auto movie = probeMovie(path);
+        QVERIFY2(movie, "ffprobe could not read the movie");
+        const ProbedStream* video = movie->stream("video");
+        QVERIFY(video && video->width == 640 && video->frameCount > 0);
+        QVERIFY2(video->duration >= 0.9 && video->duration <= recorded + 0.5,
+                 qPrintable(QString("%1 s of %2 s").arg(video->duration).arg(recorded)));
+        QCOMPARE(movie->count("audio"), options.contains("--sound") ? 1 : 0);
+        // Every picture in it decodes.
+        QVERIFY(runTool("ffmpeg", {"-v", "error", "-xerror", "-i", path, "-f", "null", "-"}));
+    }
 };
-
-void FinishMovieTest::makesAnOrdinaryMovieWithChapters_data()
-{
-    QTest::addColumn<Left>("left");
-    QTest::addColumn<int>("minimumFrames");
-    QTest::addColumn<int>("maximumFrames");
-    QTest::newRow("stopped") << Left::stopped << 100 << 100;
-    QTest::newRow("killed: the last fragment is lost") << Left::killed << 60 << 99;
-    QTest::newRow("killed while writing: torn last fragment") << Left::torn << 30 << 99;
-    QTest::newRow("finished before: chapters replaced") << Left::finishedBefore << 100 << 100;
-}
-
-void FinishMovieTest::makesAnOrdinaryMovieWithChapters()
-{
-    QFETCH(Left, left);
-    QFETCH(int, minimumFrames);
-    QFETCH(int, maximumFrames);
-    QTemporaryDir folder;
-    const QString path = folder.filePath(QStringLiteral("Show 2026-11-23.mov"));
-    writeMovie(path, 100, left);
-    if (QTest::currentTestFailed())
-        return;
-
-    const FinishedMovie result = finishMovie(path, {{0.5, QStringLiteral("Q 12 Blackout")},
-                                                    {0.0, QStringLiteral("Q 11 «Doors»")},
-                                                    {500.0, QStringLiteral("past the end")}});
-    QVERIFY2(result.result == FinishedMovie::Result::finished, qPrintable(result.message));
-    QCOMPARE(result.chapters, 2);
-
-    const QStringList boxes = topLevelBoxes(path);
-    QVERIFY2(boxes.contains(QStringLiteral("moov")) && !boxes.contains(QStringLiteral("moof")),
-             qPrintable(boxes.join(QLatin1Char(' '))));
-    const auto movie = probeMovie(path);
-    QVERIFY(movie);
-    const ProbedStream* video = movie->stream(QStringLiteral("video"));
-    QVERIFY(video);
-    QVERIFY2(video->frameCount >= minimumFrames && video->frameCount <= maximumFrames,
-             qPrintable(QString::number(video->frameCount)));
-    QCOMPARE(movie->count(QStringLiteral("audio")), 1);
-    const auto* chapters = &movie->chapters;
-    QCOMPARE(int(chapters->size()), 2);
-    QCOMPARE((*chapters)[0].title, QStringLiteral("Q 11 «Doors»"));
-    QCOMPARE((*chapters)[0].start, 0.0);
-    QCOMPARE((*chapters)[0].end, 0.5);
-    QCOMPARE((*chapters)[1].title, QStringLiteral("Q 12 Blackout"));
-    QVERIFY2(std::abs((*chapters)[1].end - movie->duration) < 0.05,
-             qPrintable(QStringLiteral("%1 s, %2 s").arg((*chapters)[1].end).arg(movie->duration)));
-    QCOMPARE(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden),
-             QStringList{QStringLiteral("Show 2026-11-23.mov")});
-}
-
-void FinishMovieTest::aDiskThatFillsUpLeavesTheMovieAsItWas()
-{
-    QTemporaryDir folder;
-    const QString path = folder.filePath(QStringLiteral("Camera 1.mov"));
-    writeMovie(path, 100, Left::killed);
-    if (QTest::currentTestFailed())
-        return;
-    const QByteArray before = contents(path);
-    QVERIFY(before.size() > 60000);
-
-    // The disk fills up half-way through the copy: writes beyond this size fail.
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit saved{};
-    QCOMPARE(::getrlimit(RLIMIT_FSIZE, &saved), 0);
-    rlimit limit = saved;
-    limit.rlim_cur = rlim_t(before.size() / 2);
-    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-    const FinishedMovie result = finishMovie(path, {{0.0, QStringLiteral("Q 1")}});
-    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &saved), 0);
-
-    QCOMPARE(result.result, FinishedMovie::Result::noRoom);
-    QCOMPARE(result.message,
-             QStringLiteral("There isn't enough room on the disk to finish the movie."));
-    QCOMPARE(contents(path), before);
-    QCOMPARE(QDir(folder.path()).entryList(QDir::Files | QDir::Hidden),
-             QStringList{QStringLiteral("Camera 1.mov")});
-    // With room again it finishes.
-    QCOMPARE(finishMovie(path, {}).result, FinishedMovie::Result::finished);
-}
 
 QTEST_GUILESS_MAIN(FinishMovieTest)
 #include "FinishMovieTest.moc"

@@ -9,6 +9,7 @@
 
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -34,293 +35,240 @@ int freePort()
 std::shared_ptr<Frame> paintedFrame(FramePool& pool, std::uint8_t shade)
 {
     auto frame = pool.acquire();
-    if (!frame)
-        return nullptr;
-    std::memset(frame->data[0], shade, frame->bytes);
+    if (frame)
+        std::memset(frame->data[0], shade, frame->bytes);
     return frame;
 }
+
+// Outputs with a manual clock, loading the runtime afresh.
+struct Coordinator {
+    ManualClock clock;
+    Outputs outputs{clock, &loadFresh};
+    Outputs* operator->() { return &outputs; }
+};
 
 } // namespace
 
 class NDIOutputTest : public QObject {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-    void saysWhyThereIsNoNDI_data();
-    void saysWhyThereIsNoNDI();
-    void sendsFramesAsPublished_data();
-    void sendsFramesAsPublished();
-    void staysOffWhenTurnedOffAtOnce();
-    void pollsReceivers();
-    void restartsOnceAfterARename();
-    void appliesOnlyWhatChanged_data();
-    void appliesOnlyWhatChanged();
-
-private:
-    // The stand-in's log lines that start with one of `kinds` ("create|destroy").
-    QStringList calls(const QString& kinds) const;
-
     QTemporaryDir folder_;
-    QString runtimeFolder_;
-    QString log_;
-};
+    QString log_ = folder_.filePath("ndi.log");
 
-void NDIOutputTest::initTestCase()
-{
-    runtimeFolder_ = qEnvironmentVariable("ORVANE_NDI_TEST_RUNTIME_DIR");
-    QVERIFY2(QFile::exists(runtimeFolder_ + "/libndi.so.6"), qPrintable(runtimeFolder_));
-    log_ = folder_.filePath(QStringLiteral("ndi.log"));
-    qputenv("ORVANE_NDI_TEST_LOG", QFile::encodeName(log_));
-}
-
-void NDIOutputTest::init()
-{
-    QFile::remove(log_);
-    qputenv("NDI_RUNTIME_DIR_V6", QFile::encodeName(runtimeFolder_));
-    for (const char* name : {"ORVANE_NDI_TEST_FAIL_INITIALIZE", "ORVANE_NDI_TEST_FAIL_CREATE",
-                             "ORVANE_NDI_TEST_CONNECTIONS", "ORVANE_NDI_TEST_SEND_MS"})
-        qunsetenv(name);
-}
-
-QStringList NDIOutputTest::calls(const QString& kinds) const
-{
-    QFile file(log_);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll())
-        .split(QLatin1Char('\n'))
-        .filter(QRegularExpression("^(" + kinds + ") "));
-}
-
-void NDIOutputTest::saysWhyThereIsNoNDI_data()
-{
-    QTest::addColumn<bool>("runtimeFolderSet");
-    QTest::addColumn<QByteArray>("failure");
-    QTest::addColumn<bool>("available");
-    QTest::addColumn<bool>("sending");
-    QTest::addColumn<QString>("status");
-    QTest::newRow("no runtime anywhere")
-        << false << QByteArray() << false << false << Outputs::kNDINotInstalledText;
-    QTest::newRow("runtime does not initialise")
-        << true << QByteArray("ORVANE_NDI_TEST_FAIL_INITIALIZE") << false << false
-        << Outputs::kNDICouldNotStartText;
-    QTest::newRow("runtime makes no sender") << true << QByteArray("ORVANE_NDI_TEST_FAIL_CREATE")
-                                             << true << false << Outputs::kNDICouldNotStartText;
-    QTest::newRow("runtime works") << true << QByteArray() << true << true << QString();
-}
-
-void NDIOutputTest::saysWhyThereIsNoNDI()
-{
-    QFETCH(bool, runtimeFolderSet);
-    QFETCH(QByteArray, failure);
-    QFETCH(bool, available);
-    QFETCH(bool, sending);
-    QFETCH(QString, status);
-    if (!runtimeFolderSet)
-        qunsetenv("NDI_RUNTIME_DIR_V6");
-    if (!failure.isEmpty())
-        qputenv(failure.constData(), "1");
-
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    QSignalSpy statusChanges(&outputs, &Outputs::ndiStatusTextChanged);
-    const int port = freePort();
-    outputs.apply({true, QStringLiteral("Stage"), true, port});
-    QTRY_COMPARE(outputs.ndiStatusText(), status);
-    QTRY_COMPARE(outputs.isSendingNDI(), sending);
-    QCOMPARE(outputs.isNDIAvailable(), available);
-    QCOMPARE(statusChanges.size(), status.isEmpty() ? 0 : 1);
-
-    // Whatever NDI does, the web viewer works.
-    QTRY_COMPARE(outputs.webState(), WebViewer::State::listening(port));
-    QProcess curl;
-    curl.start("curl", {"-s", QStringLiteral("http://127.0.0.1:%1/none").arg(port)});
-    QVERIFY(curl.waitForFinished(10000));
-    QCOMPARE(curl.readAllStandardOutput(), "Not found");
-
-    // Turning NDI off and on tries again.
-    qunsetenv("ORVANE_NDI_TEST_FAIL_CREATE");
-    outputs.apply({false, QStringLiteral("Stage"), true, port});
-    outputs.apply({true, QStringLiteral("Stage"), true, port});
-    QTRY_COMPARE(outputs.isSendingNDI(), available);
-}
-
-void NDIOutputTest::sendsFramesAsPublished_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<double>("duration");
-    QTest::addColumn<QString>("sentName");
-    QTest::addColumn<QString>("rate");
-    QTest::newRow("empty name, 30") << QString() << 1.0 / 30 << "Orvane"
-                                    << "30/1";
-    QTest::newRow("own name, 29.97") << QStringLiteral("Stage Left – Ü") << 1001.0 / 30000
-                                     << QStringLiteral("Stage Left – Ü") << "30000/1001";
-}
-
-void NDIOutputTest::sendsFramesAsPublished()
-{
-    QFETCH(QString, name);
-    QFETCH(double, duration);
-    QFETCH(QString, sentName);
-    QFETCH(QString, rate);
-    qputenv("ORVANE_NDI_TEST_SEND_MS", "400");
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    outputs.apply({true, name, false, 8090});
-    QTRY_VERIFY(outputs.isSendingNDI());
-    const QStringList created = calls("create");
-    QCOMPARE(created.size(), 1);
-    QVERIFY2(
-        created[0].endsWith(" name=" + sentName + " groups=(none) clock_video=0 clock_audio=0"),
-        qPrintable(created[0]));
-
-    FramePool pool(64, 36, 1);
-    outputs.sink()->takeFrame(paintedFrame(pool, 7), duration);
-    // The frame stays with the sender until the runtime is done with it; what comes meanwhile
-    // is dropped.
-    QVERIFY(!pool.acquire());
-    FramePool others(64, 36, 8);
-    for (int i = 0; i < 8; ++i)
-        outputs.send(paintedFrame(others, std::uint8_t(i * 20)), duration);
-    QTRY_COMPARE(calls("video").size(), 1);
-    QTRY_VERIFY(pool.freeCount() == 1);
-    QTest::qWait(500);
-    QCOMPARE(calls("video").size(), 1);
-    const QString video = calls("video")[0];
-    QVERIFY2(QRegularExpression("^video sender=\\d+ size=64x36 fourcc=I420 rate=" +
-                                QRegularExpression::escape(rate) +
-                                " aspect=0 format=progressive timecode=synthesize stride=64 "
-                                "metadata=\\(none\\) picture=[0-9a-f]{8}$")
-                 .match(video)
-                 .hasMatch(),
-             qPrintable(video));
-    outputs.send(paintedFrame(pool, 99), duration);
-    QTRY_COMPARE(calls("video").size(), 2);
-}
-
-void NDIOutputTest::staysOffWhenTurnedOffAtOnce()
-{
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    outputs.apply({true, QString(), false, 8090});
-    outputs.apply({false, QString(), false, 8090});
-    QTRY_COMPARE(calls("destroy").size(), 1);
-    QTest::qWait(100); // the start's outcome arrives after the stop
-    QVERIFY(!outputs.isSendingNDI());
-    QCOMPARE(outputs.ndiStatusText(), QString());
-}
-
-void NDIOutputTest::pollsReceivers()
-{
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    QSignalSpy changes(&outputs, &Outputs::ndiReceiversChanged);
-    outputs.apply({true, QString(), false, 8090});
-    QTRY_VERIFY(outputs.isSendingNDI());
-    qputenv("ORVANE_NDI_TEST_CONNECTIONS", "3");
-    clock.advance(Outputs::kStatusInterval);
-    QTRY_COMPARE(outputs.ndiReceivers(), 3);
-    clock.advance(Outputs::kStatusInterval); // unchanged: no signal
-    qputenv("ORVANE_NDI_TEST_CONNECTIONS", "1");
-    clock.advance(Outputs::kStatusInterval);
-    QTRY_COMPARE(outputs.ndiReceivers(), 1);
-    outputs.apply({false, QString(), false, 8090});
-    QTRY_COMPARE(outputs.ndiReceivers(), 0);
-    QTest::qWait(50);
-    QCOMPARE(changes.size(), 3);
-}
-
-void NDIOutputTest::restartsOnceAfterARename()
-{
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    outputs.apply({true, QStringLiteral("S"), false, 8090});
-    QTRY_VERIFY(outputs.isSendingNDI());
-    // Typing a name: one restart, with the last name, after the last key.
-    for (const char* name : {"St", "Sta", "Stage"}) {
-        outputs.apply({true, QString::fromLatin1(name), false, 8090});
-        clock.advance(Outputs::kRenameDelay / 2);
+    // The stand-in's log lines that start with one of `kinds` ("create|destroy").
+    QStringList calls(const QString& kinds) const
+    {
+        QFile file(log_);
+        if (!file.open(QIODevice::ReadOnly))
+            return {};
+        return QString::fromUtf8(file.readAll())
+            .split('\n')
+            .filter(QRegularExpression("^(" + kinds + ") "));
     }
-    QCOMPARE(outputs.ndiStartsForTesting(), 1);
-    clock.advance(Outputs::kRenameDelay);
-    QTRY_COMPARE(calls("create").size(), 2);
-    QCOMPARE(outputs.ndiStartsForTesting(), 2);
-    const QStringList lifecycle = calls("create|destroy");
-    QCOMPARE(lifecycle.size(), 3);
-    QVERIFY(lifecycle[0].contains(" name=S "));
-    QVERIFY(lifecycle[1].startsWith("destroy") && lifecycle[1].endsWith(" name=S"));
-    QVERIFY(lifecycle[2].contains(" name=Stage "));
-    QVERIFY(outputs.isSendingNDI());
-}
 
-void NDIOutputTest::appliesOnlyWhatChanged_data()
-{
-    QTest::addColumn<Outputs::Configuration>("from");
-    QTest::addColumn<Outputs::Configuration>("to");
-    QTest::addColumn<int>("webStarts");
-    QTest::addColumn<int>("ndiStarts");
-    QTest::addColumn<bool>("webOn");
-    QTest::addColumn<bool>("ndiOn");
-    // Port 1 stands for the first free port, 2 for the second.
-    const Outputs::Configuration both{true, QStringLiteral("A"), true, 1};
-    QTest::newRow("nothing changed") << both << both << 0 << 0 << true << true;
-    QTest::newRow("port changed") << both << Outputs::Configuration{true, "A", true, 2} << 1 << 0
-                                  << true << true;
-    QTest::newRow("web off") << both << Outputs::Configuration{true, "A", false, 1} << 0 << 0
-                             << false << true;
-    QTest::newRow("port changed while web is off")
-        << Outputs::Configuration{true, "A", false, 1}
-        << Outputs::Configuration{true, "A", false, 2} << 0 << 0 << false << true;
-    QTest::newRow("NDI off") << both << Outputs::Configuration{false, "A", true, 1} << 0 << 0
-                             << true << false;
-    QTest::newRow("name changed") << both << Outputs::Configuration{true, "B", true, 1} << 0 << 1
-                                  << true << true;
-    QTest::newRow("name changed while NDI is off")
-        << Outputs::Configuration{false, "A", true, 1}
-        << Outputs::Configuration{false, "B", true, 1} << 0 << 0 << true << false;
-    QTest::newRow("both on from off")
-        << Outputs::Configuration{false, "A", false, 1} << both << 1 << 1 << true << true;
-}
+private Q_SLOTS:
+    void initTestCase()
+    {
+        const QString runtime = qEnvironmentVariable("ORVANE_NDI_TEST_RUNTIME_DIR");
+        QVERIFY2(QFile::exists(runtime + "/libndi.so.6"), qPrintable(runtime));
+        qputenv("ORVANE_NDI_TEST_LOG", QFile::encodeName(log_));
+    }
+    void init()
+    {
+        QFile::remove(log_);
+        qputenv("NDI_RUNTIME_DIR_V6", qgetenv("ORVANE_NDI_TEST_RUNTIME_DIR"));
+        for (const char* name : {"ORVANE_NDI_TEST_FAIL_INITIALIZE", "ORVANE_NDI_TEST_FAIL_CREATE",
+                                 "ORVANE_NDI_TEST_CONNECTIONS", "ORVANE_NDI_TEST_SEND_MS"})
+            qunsetenv(name);
+    }
 
-void NDIOutputTest::appliesOnlyWhatChanged()
-{
-    QFETCH(Outputs::Configuration, from);
-    QFETCH(Outputs::Configuration, to);
-    QFETCH(int, webStarts);
-    QFETCH(int, ndiStarts);
-    QFETCH(bool, webOn);
-    QFETCH(bool, ndiOn);
-    const int ports[] = {0, freePort(), freePort()};
-    from.webPort = ports[from.webPort];
-    to.webPort = ports[to.webPort];
+    void saysWhyThereIsNoNDI_data()
+    {
+        QTest::addColumn<QByteArray>("setting"); // an environment variable set to "1"
+        QTest::addColumn<bool>("available");
+        QTest::addColumn<bool>("sending");
+        QTest::addColumn<QString>("status");
+        QTest::newRow("no runtime anywhere")
+            << QByteArray("NDI_RUNTIME_DIR_V6") << false << false << Outputs::kNDINotInstalledText;
+        QTest::newRow("runtime does not initialise")
+            << QByteArray("ORVANE_NDI_TEST_FAIL_INITIALIZE") << false << false
+            << Outputs::kNDICouldNotStartText;
+        QTest::newRow("runtime makes no sender") << QByteArray("ORVANE_NDI_TEST_FAIL_CREATE")
+                                                 << true << false << Outputs::kNDICouldNotStartText;
+        QTest::newRow("runtime works") << QByteArray() << true << true << QString();
+    }
+    void saysWhyThereIsNoNDI()
+    {
+        QFETCH(QByteArray, setting);
+        QFETCH(bool, available);
+        QFETCH(bool, sending);
+        QFETCH(QString, status);
+        if (!setting.isEmpty())
+            qputenv(setting.constData(), "1"); // a runtime folder "1" holds none
+        Coordinator outputs;
+        QSignalSpy statusChanges(&outputs.outputs, &Outputs::ndiStatusTextChanged);
+        const int port = freePort();
+        outputs->apply({true, "Stage", true, port});
+        QTRY_COMPARE(outputs->ndiStatusText(), status);
+        QTRY_COMPARE(outputs->isSendingNDI(), sending);
+        QCOMPARE(outputs->isNDIAvailable(), available);
+        QCOMPARE(statusChanges.size(), status.isEmpty() ? 0 : 1);
+        // Whatever NDI does, the web viewer works.
+        QTRY_COMPARE(outputs->webState(), WebViewer::State::listening(port));
+        QProcess curl;
+        curl.start("curl", {"-s", QString("http://127.0.0.1:%1/none").arg(port)});
+        QVERIFY(curl.waitForFinished(10000));
+        QCOMPARE(curl.readAllStandardOutput(), "Not found");
+        // Turning NDI off and on tries again.
+        qunsetenv("ORVANE_NDI_TEST_FAIL_CREATE");
+        outputs->apply({false, "Stage", true, port});
+        outputs->apply({true, "Stage", true, port});
+        QTRY_COMPARE(outputs->isSendingNDI(), available);
+    }
 
-    ManualClock clock;
-    Outputs outputs(clock, &loadFresh);
-    outputs.apply(from);
-    QTRY_COMPARE(outputs.isSendingNDI(), from.ndiEnabled);
-    if (from.webEnabled)
-        QTRY_COMPARE(outputs.webState(), WebViewer::State::listening(from.webPort));
-    const int webBefore = outputs.webStartsForTesting();
-    const int ndiBefore = outputs.ndiStartsForTesting();
-    QSignalSpy webStates(&outputs, &Outputs::webStateChanged);
-    QSignalSpy sending(&outputs, &Outputs::isSendingNDIChanged);
+    // The frame goes out in its own planes at its own rate, and stays with the sender until the
+    // runtime is done with it; what comes meanwhile is dropped.
+    void sendsFramesAsPublished()
+    {
+        qputenv("ORVANE_NDI_TEST_SEND_MS", "400");
+        Coordinator outputs;
+        const QString name = "Stage Left – Ü";
+        outputs->apply({true, name, false, 8090});
+        QTRY_VERIFY(outputs->isSendingNDI());
+        const QStringList created = calls("create");
+        QVERIFY2(
+            created.size() == 1 &&
+                created[0].endsWith(" name=" + name + " groups=(none) clock_video=0 clock_audio=0"),
+            qPrintable(created.join('\n')));
+        FramePool pool(64, 36, 1);
+        outputs->sink()->takeFrame(paintedFrame(pool, 7), 1001.0 / 30000);
+        QVERIFY(!pool.acquire());
+        FramePool others(64, 36, 8);
+        for (int i = 0; i < 8; ++i)
+            outputs->send(paintedFrame(others, std::uint8_t(i * 20)), 1.0 / 30);
+        QTRY_COMPARE(calls("video").size(), 1);
+        QTRY_VERIFY(pool.freeCount() == 1);
+        QTest::qWait(500);
+        const QStringList video = calls("video");
+        QCOMPARE(video.size(), 1);
+        QVERIFY2(
+            QRegularExpression("^video sender=\\d+ size=64x36 fourcc=I420 rate=30000/1001 aspect=0 "
+                               "format=progressive timecode=synthesize stride=64 "
+                               "metadata=\\(none\\) picture=[0-9a-f]{8}$")
+                .match(video[0])
+                .hasMatch(),
+            qPrintable(video[0]));
+        outputs->send(paintedFrame(pool, 99), 1.0 / 30);
+        QTRY_COMPARE(calls("video").size(), 2);
+    }
 
-    outputs.apply(to);
-    clock.advance(Outputs::kRenameDelay * 2);
-    QTRY_COMPARE(outputs.isSendingNDI(), ndiOn);
-    QTRY_COMPARE(outputs.webState(),
-                 webOn ? WebViewer::State::listening(to.webPort) : WebViewer::State{});
-    QCOMPARE(outputs.webStartsForTesting() - webBefore, webStarts);
-    QCOMPARE(outputs.ndiStartsForTesting() - ndiBefore, ndiStarts);
-    QCOMPARE(outputs.configuration(), std::optional(to));
-    QTest::qWait(50);
-    // Properties notify only on a real change.
-    QCOMPARE(sending.size(), from.ndiEnabled == ndiOn ? 0 : 1);
-    if (webStarts == 0 && from.webEnabled == webOn)
-        QCOMPARE(webStates.size(), 0);
-}
+    void staysOffWhenTurnedOffAtOnce()
+    {
+        Coordinator outputs;
+        outputs->apply({true, QString(), false, 8090});
+        outputs->apply({false, QString(), false, 8090});
+        QTRY_COMPARE(calls("destroy").size(), 1);
+        QTest::qWait(100); // the start's outcome arrives after the stop
+        QVERIFY(!outputs->isSendingNDI());
+        QCOMPARE(outputs->ndiStatusText(), QString());
+    }
+
+    // An empty name sends as "Orvane"; the receivers are polled, and told only on a change.
+    void pollsReceivers()
+    {
+        Coordinator outputs;
+        QSignalSpy changes(&outputs.outputs, &Outputs::ndiReceiversChanged);
+        outputs->apply({true, QString(), false, 8090});
+        QTRY_VERIFY(outputs->isSendingNDI());
+        QVERIFY(calls("create").value(0).contains(" name=Orvane "));
+        qputenv("ORVANE_NDI_TEST_CONNECTIONS", "3");
+        outputs.clock.advance(Outputs::kStatusInterval);
+        QTRY_COMPARE(outputs->ndiReceivers(), 3);
+        outputs.clock.advance(Outputs::kStatusInterval); // unchanged: no signal
+        qputenv("ORVANE_NDI_TEST_CONNECTIONS", "1");
+        outputs.clock.advance(Outputs::kStatusInterval);
+        QTRY_COMPARE(outputs->ndiReceivers(), 1);
+        outputs->apply({false, QString(), false, 8090});
+        QTRY_COMPARE(outputs->ndiReceivers(), 0);
+        QTest::qWait(50);
+        QCOMPARE(changes.size(), 3);
+    }
+
+    void restartsOnceAfterARename()
+    {
+        Coordinator outputs;
+        outputs->apply({true, "S", false, 8090});
+        QTRY_VERIFY(outputs->isSendingNDI());
+        // Typing a name: one restart, with the last name, after the last key.
+        for (const char* name : {"St", "Sta", "Stage"}) {
+            outputs->apply({true, name, false, 8090});
+            outputs.clock.advance(Outputs::kRenameDelay / 2);
+        }
+        QCOMPARE(outputs->ndiStartsForTesting(), 1);
+        outputs.clock.advance(Outputs::kRenameDelay);
+        QTRY_COMPARE(calls("create").size(), 2);
+        QCOMPARE(outputs->ndiStartsForTesting(), 2);
+        const QStringList lifecycle = calls("create|destroy");
+        QCOMPARE(lifecycle.size(), 3);
+        QVERIFY(lifecycle[0].contains(" name=S ") && lifecycle[2].contains(" name=Stage "));
+        QVERIFY(lifecycle[1].startsWith("destroy") && lifecycle[1].endsWith(" name=S"));
+        QVERIFY(outputs->isSendingNDI());
+    }
+
+    void appliesOnlyWhatChanged_data()
+    {
+        QTest::addColumn<Outputs::Configuration>("from");
+        QTest::addColumn<Outputs::Configuration>("to");
+        QTest::addColumn<int>("webStarts");
+        QTest::addColumn<int>("ndiStarts");
+        // Port 1 stands for the first free port, 2 for the second.
+        using C = Outputs::Configuration;
+        const C both{true, "A", true, 1};
+        QTest::newRow("nothing changed") << both << both << 0 << 0;
+        QTest::newRow("port changed") << both << C{true, "A", true, 2} << 1 << 0;
+        QTest::newRow("web off") << both << C{true, "A", false, 1} << 0 << 0;
+        QTest::newRow("port changed while web is off")
+            << C{true, "A", false, 1} << C{true, "A", false, 2} << 0 << 0;
+        QTest::newRow("NDI off") << both << C{false, "A", true, 1} << 0 << 0;
+        QTest::newRow("name changed") << both << C{true, "B", true, 1} << 0 << 1;
+        QTest::newRow("name changed while NDI is off")
+            << C{false, "A", true, 1} << C{false, "B", true, 1} << 0 << 0;
+        QTest::newRow("both on from off") << C{false, "A", false, 1} << both << 1 << 1;
+    }
+    void appliesOnlyWhatChanged()
+    {
+        QFETCH(Outputs::Configuration, from);
+        QFETCH(Outputs::Configuration, to);
+        QFETCH(int, webStarts);
+        QFETCH(int, ndiStarts);
+        const int ports[] = {0, freePort(), freePort()};
+        from.webPort = ports[from.webPort];
+        to.webPort = ports[to.webPort];
+        Coordinator outputs;
+        outputs->apply(from);
+        QTRY_COMPARE(outputs->isSendingNDI(), from.ndiEnabled);
+        if (from.webEnabled)
+            QTRY_COMPARE(outputs->webState(), WebViewer::State::listening(from.webPort));
+        const int webBefore = outputs->webStartsForTesting();
+        const int ndiBefore = outputs->ndiStartsForTesting();
+        QSignalSpy webStates(&outputs.outputs, &Outputs::webStateChanged);
+        QSignalSpy sending(&outputs.outputs, &Outputs::isSendingNDIChanged);
+
+        outputs->apply(to);
+        outputs.clock.advance(Outputs::kRenameDelay * 2);
+        QTRY_COMPARE(outputs->isSendingNDI(), to.ndiEnabled);
+        QTRY_COMPARE(outputs->webState(),
+                     to.webEnabled ? WebViewer::State::listening(to.webPort) : WebViewer::State{});
+        QCOMPARE(outputs->webStartsForTesting() - webBefore, webStarts);
+        QCOMPARE(outputs->ndiStartsForTesting() - ndiBefore, ndiStarts);
+        QCOMPARE(outputs->configuration(), std::optional(to));
+        QTest::qWait(50);
+        // Properties notify only on a real change.
+        QCOMPARE(sending.size(), from.ndiEnabled == to.ndiEnabled ? 0 : 1);
+        if (webStarts == 0 && from.webEnabled == to.webEnabled)
+            QCOMPARE(webStates.size(), 0);
+    }
+};
 
 QTEST_GUILESS_MAIN(NDIOutputTest)
 #include "NDIOutputTest.moc"

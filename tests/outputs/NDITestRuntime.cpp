@@ -15,7 +15,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,12 +29,6 @@ namespace {
 std::mutex logMutex;
 std::atomic<int> nextSender{1};
 
-bool isSet(const char* name)
-{
-    const char* value = std::getenv(name);
-    return value && std::strcmp(value, "1") == 0;
-}
-
 int number(const char* name)
 {
     const char* value = std::getenv(name);
@@ -45,10 +38,8 @@ int number(const char* name)
 __attribute__((format(printf, 1, 2))) void logLine(const char* format, ...)
 {
     const char* path = std::getenv("ORVANE_NDI_TEST_LOG");
-    if (!path || !*path)
-        return;
     std::lock_guard lock(logMutex);
-    if (std::FILE* file = std::fopen(path, "a")) {
+    if (std::FILE* file = path && *path ? std::fopen(path, "a") : nullptr) {
         va_list arguments;
         va_start(arguments, format);
         std::vfprintf(file, format, arguments);
@@ -58,20 +49,6 @@ __attribute__((format(printf, 1, 2))) void logLine(const char* format, ...)
     }
 }
 
-std::string fourCC(std::int32_t code)
-{
-    std::string text;
-    for (int shift = 0; shift < 32; shift += 8)
-        text.push_back(char((code >> shift) & 0xff));
-    return text;
-}
-
-const char* formatName(NDIlib_frame_format_type_e format)
-{
-    static const char* const names[] = {"interleaved", "progressive", "field0", "field1"};
-    return format >= 0 && format < 4 ? names[format] : "unknown";
-}
-
 // A checksum of the picture, read as the runtime reads an I420 frame (Y, then Cb and Cr at
 // half the stride, down to the last chroma row), so a reader can tell frames apart and see
 // that the planes were readable for the whole call.
@@ -79,12 +56,10 @@ std::uint32_t pictureSum(const NDIlib_video_frame_v2_t& frame)
 {
     std::uint32_t sum = 0;
     const int stride = frame.line_stride_in_bytes;
-    const std::uint8_t* chroma = frame.p_data + std::ptrdiff_t(frame.yres) * stride;
-    for (int y = 0; y < frame.yres; ++y) {
-        const std::uint8_t* line = frame.p_data + std::ptrdiff_t(y) * stride;
+    for (int y = 0; y < frame.yres; ++y)
         for (int x = y % 7; x < frame.xres; x += 13)
-            sum = sum * 31 + line[x];
-    }
+            sum = sum * 31 + frame.p_data[std::ptrdiff_t(y) * stride + x];
+    const std::uint8_t* chroma = frame.p_data + std::ptrdiff_t(frame.yres) * stride;
     for (int y = 0; y < frame.yres; ++y) { // two chroma planes of yres / 2 rows
         const std::uint8_t* line = chroma + std::ptrdiff_t(y) * (stride / 2);
         sum = sum * 31 + line[0] + line[frame.xres / 2 - 1];
@@ -98,7 +73,7 @@ extern "C" {
 
 __attribute__((visibility("default"))) bool NDIlib_initialize()
 {
-    const bool ok = !isSet("ORVANE_NDI_TEST_FAIL_INITIALIZE");
+    const bool ok = number("ORVANE_NDI_TEST_FAIL_INITIALIZE") != 1;
     logLine("initialize %s", ok ? "ok" : "failed");
     return ok;
 }
@@ -106,7 +81,7 @@ __attribute__((visibility("default"))) bool NDIlib_initialize()
 __attribute__((visibility("default"))) NDIlib_send_instance_t
 NDIlib_send_create(const NDIlib_send_create_t* settings)
 {
-    if (isSet("ORVANE_NDI_TEST_FAIL_CREATE") || !settings) {
+    if (number("ORVANE_NDI_TEST_FAIL_CREATE") == 1 || !settings) {
         logLine("create failed");
         return nullptr;
     }
@@ -131,15 +106,16 @@ NDIlib_send_send_video_v2(NDIlib_send_instance_t sender, const NDIlib_video_fram
 {
     if (!sender || !frame)
         return;
+    static const char* const formats[] = {"interleaved", "progressive", "field0", "field1"};
+    const int format = frame->frame_format_type;
     const std::uint32_t before = pictureSum(*frame);
-    if (const int ms = number("ORVANE_NDI_TEST_SEND_MS"); ms > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    std::this_thread::sleep_for(std::chrono::milliseconds(number("ORVANE_NDI_TEST_SEND_MS")));
     const std::uint32_t after = pictureSum(*frame);
-    logLine("video sender=%d size=%dx%d fourcc=%s rate=%d/%d aspect=%g format=%s timecode=%s "
+    logLine("video sender=%d size=%dx%d fourcc=%.4s rate=%d/%d aspect=%g format=%s timecode=%s "
             "stride=%d metadata=%s picture=%08" PRIx32 "%s",
-            sender->id, frame->xres, frame->yres, fourCC(frame->FourCC).c_str(),
+            sender->id, frame->xres, frame->yres, reinterpret_cast<const char*>(&frame->FourCC),
             frame->frame_rate_N, frame->frame_rate_D, double(frame->picture_aspect_ratio),
-            formatName(frame->frame_format_type),
+            format >= 0 && format < 4 ? formats[format] : "unknown",
             frame->timecode == NDIlib_send_timecode_synthesize ? "synthesize" : "given",
             frame->line_stride_in_bytes, frame->p_metadata ? frame->p_metadata : "(none)", after,
             before == after ? "" : " changed-while-sending");

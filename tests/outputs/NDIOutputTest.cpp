@@ -21,11 +21,6 @@ using namespace orvane;
 
 namespace {
 
-NDILibrary::LoadResult loadFresh()
-{
-    return NDILibrary::load(NDILibrary::candidatePaths());
-}
-
 int freePort()
 {
     QTcpServer probe;
@@ -43,7 +38,7 @@ std::shared_ptr<Frame> paintedFrame(FramePool& pool, std::uint8_t shade)
 // Outputs with a manual clock, loading the runtime afresh.
 struct Coordinator {
     ManualClock clock;
-    Outputs outputs{clock, &loadFresh};
+    Outputs outputs{clock, [] { return NDILibrary::load(NDILibrary::candidatePaths()); }};
     Outputs* operator->() { return &outputs; }
 };
 

@@ -129,7 +129,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<QStringList>("options");
         QTest::newRow("HEVC with sound") << QStringList{"--codec", "hevc", "--sound"};
-        QTest::newRow("H.264 with sound") << QStringList{"--codec", "h264", "--sound"};
         QTest::newRow("ProRes 422 Proxy") << QStringList{"--codec", "prores"};
     }
     void aKilledRecordingStillPlays()

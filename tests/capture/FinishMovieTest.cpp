@@ -72,7 +72,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<Left>("left");
         QTest::addColumn<int>("minimumFrames");
-        QTest::newRow("killed: the last fragment is lost; a full disk at first") << Left::killed << 60;
+        QTest::newRow("killed: the last fragment is lost; a full disk at first")
+            << Left::killed << 60;
         QTest::newRow("killed while writing: torn last fragment") << Left::torn << 30;
         QTest::newRow("finished before: chapters replaced") << Left::finishedBefore << 100;
     }

@@ -69,12 +69,6 @@ private:
     __user_cap_data_struct saved_[2]{};
 };
 
-bool makeFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly);
-}
-
 } // namespace
 
 class CaptureDevicesTest : public QObject {
@@ -241,7 +235,8 @@ private Q_SLOTS:
         QTemporaryDir folder;
         QVERIFY(QFile::link("/dev/null", folder.filePath("video0")));
         const QString denied = folder.filePath("video97");
-        QVERIFY(makeFile(denied) && makeFile(folder.filePath("video98")));
+        QVERIFY(QFile(denied).open(QIODevice::WriteOnly));
+        QVERIFY(QFile(folder.filePath("video98")).open(QIODevice::WriteOnly));
         QVERIFY(QFile::setPermissions(denied, {}));
         WithoutFileAccessOverride unprivileged;
         if (QFile probe(denied); probe.open(QIODevice::ReadOnly))

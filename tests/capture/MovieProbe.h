@@ -102,14 +102,3 @@ inline QStringList topLevelBoxes(const QString& path)
     }
     return boxes;
 }
-
-// Picture number `index` of the movie's video as 32-bit BGRA, or nothing.
-inline QByteArray decodePicture(const QString& path, int index, int width, int height)
-{
-    const QByteArray picture =
-        runTool("ffmpeg",
-                {"-v", "error", "-i", path, "-vf", QString("select=eq(n\\,%1)").arg(index),
-                 "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "bgra", "-"})
-            .value_or(QByteArray());
-    return picture.size() == qsizetype(width) * height * 4 ? picture : QByteArray();
-}

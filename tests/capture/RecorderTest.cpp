@@ -81,11 +81,9 @@ private Q_SLOTS:
         QTest::newRow("H.264 with sound") << Take{h264, 320, 180, 30, true, "h264", {}};
         QTest::newRow("H.264, 25 fps") << Take{h264, 256, 144, 25, false, "h264", {}};
         QTest::newRow("HEVC with sound") << Take{MovieCodec::hevc, 320, 180, 30, true, "hevc", {}};
-        // Intra-only: every picture is a key frame, yet fragments still last a second.
-        QTest::newRow("ProRes 422 Proxy, 1080p")
-            << Take{proRes, 1920, 1080, 30, false, "prores", "Proxy"};
-        // A USB stick or a spinning disk can take a second to sync: the encoder goes on.
-        QTest::newRow("ProRes with sound, 29.97 fps, on a disk that holds its syncs")
+        // Intra-only: every picture is a key frame, yet fragments still last a second. And a
+        // USB stick or a spinning disk can take a second to sync: the encoder goes on.
+        QTest::newRow("ProRes 422 Proxy with sound, 29.97 fps, on a disk that holds its syncs")
             << Take{proRes, 320, 240, 30000.0 / 1001, true, "prores", "Proxy", true};
     }
     void stopsQuicklyThenFinishesAnOrdinaryMovie()
@@ -187,8 +185,12 @@ private Q_SLOTS:
         QCOMPARE(video->frameCount, 40);
         for (const int scale : {1, 2}) {
             const int index = scale == 1 ? 10 : 30;
-            const QByteArray decoded = decodePicture(path, index, kWidth, kHeight);
-            QVERIFY(!decoded.isEmpty());
+            const QByteArray decoded =
+                runTool("ffmpeg",
+                        {"-v", "error", "-i", path, "-vf", QString("select=eq(n\\,%1)").arg(index),
+                         "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "bgra", "-"})
+                    .value_or(QByteArray());
+            QCOMPARE(decoded.size(), qsizetype(kWidth) * kHeight * 4);
             // The camera's own picture, as it gave it.
             FramePool pool(kWidth * scale, kHeight * scale, 1);
             const auto frame = pool.acquire();

@@ -123,8 +123,13 @@ private slots:
         QCOMPARE(decode("{}"), std::optional(OverlayContent()));
     }
 
+    // Everything set; the watermark image is read beside the content file.
     void fullContent()
     {
+        QTemporaryDir folder;
+        QImage logo(64, 32, QImage::Format_ARGB32);
+        logo.fill(Qt::white);
+        QVERIFY(logo.save(folder.filePath("logo.png")));
         const auto content = decode(R"({
             "showName": "Hamlet", "scale": 1.5, "opacity": 0.5, "cameraLabel": "Wide",
             "showsClock": false, "showsDate": true, "showsTimecode": true,
@@ -139,7 +144,8 @@ private slots:
                           "running": {"elapsed": 4, "duration": 30, "isPaused": true}},
                          {"id": "B", "running": {"elapsed": 2}}],
             "fields": [{"caption": "Sound", "value": "Q 30", "detail": "GO"}],
-            "watermarkText": "Rehearsal", "watermarkOpacity": 0.3})");
+            "watermarkText": "Rehearsal", "watermarkOpacity": 0.3, "watermarkImage": "logo.png"})",
+                                    QDir(folder.path()));
         QVERIFY(content);
         QCOMPARE(*content->showName, "Hamlet");
         QCOMPARE(content->scale, 1.5);
@@ -158,6 +164,7 @@ private slots:
         QCOMPARE(content->qlabCues[1].statusAt(kNow), "+2.0s");
         QCOMPARE(content->fields[0], (OverlayItem{"Sound", "Q 30", "GO"}));
         QCOMPARE(content->watermarkOpacity, 0.3);
+        QCOMPARE(content->watermarkImage->size(), QSize(64, 32));
     }
 
     void rejected_data()
@@ -182,16 +189,6 @@ private slots:
     {
         QFETCH(QByteArray, json);
         QVERIFY(!decode(json.constData()));
-    }
-
-    void watermarkImageIsReadBesideTheFile()
-    {
-        QTemporaryDir folder;
-        QImage logo(64, 32, QImage::Format_ARGB32);
-        logo.fill(Qt::white);
-        QVERIFY(logo.save(folder.filePath("logo.png")));
-        const auto content = decode(R"({"watermarkImage": "logo.png"})", QDir(folder.path()));
-        QCOMPARE(content ? content->watermarkImage->size() : QSize(), QSize(64, 32));
     }
 
     // The picture tool end to end: it writes a PNG of the asked size, and refuses bad input.

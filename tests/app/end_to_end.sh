@@ -70,14 +70,15 @@ frames() {
 seconds() { awk -F: '{ print $1 * 3600 + $2 * 60 + $3 }' <<<"$1"; }
 # since SENT_AT: the seconds from the recording's start to SENT_AT.
 since() { awk -v a="$1" -v b="$started" 'BEGIN { print a - b }'; }
-# near SECONDS SENT_AT: SECONDS into the movie is when SENT_AT came, give or take a frame's wait.
+# near SECONDS SENT_AT: SECONDS into the movie is when SENT_AT came, give or take.
 near() { awk -v e="$1" -v x="$(since "$2")" 'BEGIN { exit !(e >= x - 1.5 && e <= x + 1) }'; }
 # check_row PATTERN SENT_AT WHAT: the row of $csv matching PATTERN is at the moment it was sent.
 check_row() {
     local row
     row=$(grep -F -- "$1" "$csv" | head -1)
     [ -n "$row" ] || { fail "$name: no row $3"; cat "$csv"; return; }
-    near "$(seconds "${row%%,*}")" "$2" && pass "$name: $3 at ${row%%,*} (sent at $(since "$2")s)" ||
+    near "$(seconds "${row%%,*}")" "$2" &&
+        pass "$name: $3 at ${row%%,*} (sent at $(since "$2")s)" ||
         fail "$name: $3 at ${row%%,*}, sent at $(since "$2")s"
 }
 # record_storm NAME PORT ARGS...: starts orvane recording with OSC, then cue 14.5 is fired.

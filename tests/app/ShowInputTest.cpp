@@ -58,8 +58,6 @@ void ShowInputTest::decodesEachPacketOnce_data()
 
     const QByteArray name = textPacket("/eos/out/show/name", "Bundled");
     const QByteArray cue = textPacket("/eos/out/active/cue/text", "1/3 Three 2 20%");
-    QTest::newRow("one message") << QByteArrayList{name} << "Bundled"
-                                 << "/eos/out/show/name Bundled from 10.0.0.7" << 1;
     QTest::newRow("a bundle, in order")
         << QByteArrayList{bundleOf({name, cue})} << "Bundled"
         << "/eos/out/active/cue/text 1/3 Three 2 20% from 10.0.0.7" << 2;

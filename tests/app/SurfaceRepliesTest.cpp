@@ -80,12 +80,11 @@ void SurfaceRepliesTest::answersTheSender_data()
         "There's no camera feed to record.");
     row("start where the folder cannot be made", Before::noFolder, {"/tavrin/record", {}}, 0,
         "Orvane couldn't create the recordings folder in Videos. ");
-    QTest::newRow("an answer is not answered")
-        << Before::stopped << OSCMessage{"/tavrin/reply/recording", {std::int32_t(1)}} << false << 0
-        << QString() << QString();
-    QTest::newRow("a field is not answered")
-        << Before::stopped << OSCMessage{"/tavrin/field/Scene", {std::string("2")}} << false << 0
-        << QString() << QString();
+    const auto unanswered = [](const char* name, OSCMessage message) {
+        QTest::newRow(name) << Before::stopped << message << false << 0 << QString() << QString();
+    };
+    unanswered("an answer", {"/tavrin/reply/recording", {std::int32_t(1)}});
+    unanswered("a field", {"/tavrin/field/Scene", {std::string("2")}});
 }
 
 void SurfaceRepliesTest::answersTheSender()

@@ -2,11 +2,11 @@
 # End to end, with real processes, inside a private network namespace: a pretend Eos console
 # on its own address fires cues, oscsend sends "/tavrin/" commands that start and stop a
 # recording and add markers, and the result is one movie per camera (checked with ffprobe)
-# with a CSV whose rows match what was sent. Then the bad input: "/tavrin/" commands with
-# wrong argument types, a settings file of random bytes, a recordings folder that cannot be
-# made, and a disk that fills up while recording; SIGTERM finishes the movies each time. And a
-# recording cut off by kill -9: the next start and `orvane recover` both finish it, with its
-# chapters and its cue log from the journal.
+# with a CSV whose rows match what was sent. A recording cut off by kill -9: the next start
+# and `orvane recover` both finish it, with its chapters and its cue log from the journal. Then
+# the bad input: "/tavrin/" commands with wrong argument types, a settings file of random bytes
+# with a recordings folder that cannot be made, and a disk that fills up while recording;
+# SIGTERM finishes the movies each time.
 #
 # Usage: end_to_end.sh ORVANE   (runs itself inside scripts/offline when not isolated yet)
 set -euo pipefail
@@ -68,6 +68,33 @@ frames() {
 }
 # seconds HH:MM:SS
 seconds() { awk -F: '{ print $1 * 3600 + $2 * 60 + $3 }' <<<"$1"; }
+# since SENT_AT: the seconds from the recording's start to SENT_AT.
+since() { awk -v a="$1" -v b="$started" 'BEGIN { print a - b }'; }
+# near SECONDS SENT_AT: SECONDS into the movie is when SENT_AT came, give or take.
+near() { awk -v e="$1" -v x="$(since "$2")" 'BEGIN { exit !(e >= x - 1.5 && e <= x + 1) }'; }
+# check_row PATTERN SENT_AT WHAT: the row of $csv matching PATTERN is at the moment it was sent.
+check_row() {
+    local row
+    row=$(grep -F -- "$1" "$csv" | head -1)
+    [ -n "$row" ] || { fail "$name: no row $3"; cat "$csv"; return; }
+    near "$(seconds "${row%%,*}")" "$2" &&
+        pass "$name: $3 at ${row%%,*} (sent at $(since "$2")s)" ||
+        fail "$name: $3 at ${row%%,*}, sent at $(since "$2")s"
+}
+# record_storm NAME PORT ARGS...: starts orvane recording with OSC, then cue 14.5 is fired.
+record_storm() {
+    local name=$1 port=$2; shift 2
+    start_orvane "$name" "$@"
+    wait_for "$work/$name.out" "Eos: Connected" 15
+    wait_for "$work/$name.out" "The camera is live." 15
+    oscsend localhost "$port" /tavrin/record/start
+    wait_for "$work/$name.out" "Recording to" 10
+    started=$(now)
+    sleep 1
+    echo "fire 14.5" >&3
+    storm_at=$(now)
+    wait_for "$work/$name.out" "Cue 14.5 — Storm" 5
+}
 
 write_settings() { # FILE OSC_PORT [EXTRA JSON]
     cat >"$1" <<JSON
@@ -95,16 +122,7 @@ wait_for "$work/console.out" "Pretend Eos console" 10
 port=9101
 write_settings "$work/show.json" $port \
     ', "extraCameras": [{"id": "6F1C1A52-7A43-4C1B-9A51-6B2B0B7A1E11", "deviceID": "orvane:test-pattern", "label": "", "isMirrored": false}]'
-start_orvane show --settings "$work/show.json" --recordings "$work/Recordings" --demo
-wait_for "$work/show.out" "Eos: Connected" 15
-wait_for "$work/show.out" "The camera is live." 15
-oscsend localhost $port /tavrin/record/start
-wait_for "$work/show.out" "Recording to" 10
-started=$(now)
-sleep 1
-echo "fire 14.5" >&3
-storm_at=$(now)
-wait_for "$work/show.out" "Cue 14.5 — Storm" 5
+record_storm show $port --settings "$work/show.json" --recordings "$work/Recordings" --demo
 oscsend localhost $port /tavrin/marker s 'Scene 2, "Storm"'
 marker_at=$(now)
 # Wrong argument types: a number for a marker's text, a layout without a name, a blob-less
@@ -139,18 +157,6 @@ for movie in "${movies[@]}"; do
     else
         fail "$name: a row without timecode"; cat "$csv"
     fi
-    check_row() { # PATTERN SENT_AT WHAT
-        local row elapsed expected
-        row=$(grep -F -- "$1" "$csv" | head -1)
-        [ -n "$row" ] || { fail "$name: no row $3"; cat "$csv"; return; }
-        elapsed=$(seconds "${row%%,*}")
-        expected=$(awk -v a="$2" -v b="$started" 'BEGIN { print a - b }')
-        if awk -v e="$elapsed" -v x="$expected" 'BEGIN { exit !(e >= x - 1.5 && e <= x + 1) }'; then
-            pass "$name: $3 at ${row%%,*} (sent at ${expected}s)"
-        else
-            fail "$name: $3 at ${elapsed}s, sent at ${expected}s"
-        fi
-    }
     check_row ",Cue 14.5,Storm" "$storm_at" "cue 14.5"
     check_row ',Marker,"Scene 2, ""Storm"""' "$marker_at" "the marker"
     check_row ",Cue 4,Blackout" "$blackout_at" "cue 4"
@@ -163,16 +169,7 @@ done
 
 # --- kill -9 mid-recording: the next start, and `orvane recover`, finish it ----------------------
 write_settings "$work/crash.json" 9104 ', "cameraLabel": "Crash"'
-start_orvane crash --settings "$work/crash.json" --recordings "$work/Crash"
-wait_for "$work/crash.out" "Eos: Connected" 15
-wait_for "$work/crash.out" "The camera is live." 15
-oscsend localhost 9104 /tavrin/record/start
-wait_for "$work/crash.out" "Recording to" 10
-started=$(now)
-sleep 1
-echo "fire 14.5" >&3
-storm_at=$(now)
-wait_for "$work/crash.out" "Cue 14.5 — Storm" 5
+record_storm crash 9104 --settings "$work/crash.json" --recordings "$work/Crash"
 oscsend localhost 9104 /tavrin/marker s 'Interval'
 marker_at=$(now)
 wait_for "$work/crash.out" "Marker — Interval" 5
@@ -199,33 +196,27 @@ for folder in Crash CrashCopy; do
     chapters=$(ffprobe -v error -show_entries chapter=start_time:chapter_tags=title -of csv=p=0 "$movie") || true
     for chapter in "Cue 14.5 Storm:$storm_at" "Marker Interval:$marker_at"; do
         at=$(grep -F ",${chapter%%:*}" <<<"$chapters" | head -1 | cut -d, -f1) || true
-        expected=$(awk -v a="${chapter##*:}" -v b="$started" 'BEGIN { print a - b }')
-        if [ -n "$at" ] && awk -v e="$at" -v x="$expected" 'BEGIN { exit !(e >= x - 1.5 && e <= x + 1) }'; then
-            pass "$name: chapter ${chapter%%:*} at ${at}s (sent at ${expected}s)"
+        if [ -n "$at" ] && near "$at" "${chapter##*:}"; then
+            pass "$name: chapter ${chapter%%:*} at ${at}s (sent at $(since "${chapter##*:}")s)"
         else
-            fail "$name: chapter ${chapter%%:*} at '${at}', sent at ${expected}s; chapters: $chapters"
+            fail "$name: chapter ${chapter%%:*} at '${at}', sent at $(since "${chapter##*:}")s; chapters: $chapters"
         fi
     done
     check_row ",Cue 14.5,Storm" "$storm_at" "cue 14.5"
     check_row ",Marker,Interval" "$marker_at" "the marker"
 done
 
-# --- A settings file of random bytes ----------------------------------------------------------
+# --- A settings file of random bytes, and a recordings folder that cannot be made -------------
 head -c 4096 /dev/urandom >"$work/random.json"
-start_orvane random --settings "$work/random.json" --recordings "$work/Random"
+touch "$work/not-a-folder"
+start_orvane random --settings "$work/random.json" --recordings "$work/not-a-folder/Recordings" --record
 wait_for "$work/random.out" "Orvane couldn't read all of its settings" 10 &&
     pass "random settings: $(grep -F "couldn't read all" "$work/random.out")" ||
     fail "no sentence for a damaged settings file"
 wait_for "$work/random.out" "The camera is live." 15 || fail "no camera with damaged settings"
-stop_orvane
-
-# --- A recordings folder that cannot be made --------------------------------------------------
-touch "$work/not-a-folder"
-write_settings "$work/plain.json" 9102 ', "eosEnabled": false'
-start_orvane folder --settings "$work/plain.json" --recordings "$work/not-a-folder/Recordings" --record
-wait_for "$work/folder.out" "Orvane couldn't create the recordings folder in Videos. " 15 &&
-    pass "$(grep -F "couldn't create" "$work/folder.out")" || fail "no sentence for the folder"
-oscsend localhost 9102 /tavrin/record/start
+wait_for "$work/random.out" "Orvane couldn't create the recordings folder in Videos. " 15 &&
+    pass "$(grep -F "couldn't create" "$work/random.out")" || fail "no sentence for the folder"
+oscsend localhost 8001 /tavrin/record/start # the listener's port when the settings are lost
 stop_orvane
 
 # --- A disk that fills up while recording -----------------------------------------------------

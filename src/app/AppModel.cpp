@@ -218,7 +218,7 @@ CaptureConfiguration AppModel::captureConfiguration() const
         std::none_of(
             cameras.begin(), cameras.end(),
             [&](const CaptureSource& source) { return source.id == *configuration.cameraID; }) &&
-        *configuration.cameraID != TestPatternSource::kID)
+        !TestPatternSource::isTestPattern(*configuration.cameraID))
         configuration.missingCameraName = QStringLiteral("The camera");
     if (settings_->recordsAudio())
         configuration.microphoneID = settings_->audioDeviceID();
@@ -256,9 +256,10 @@ ExtraConfiguration AppModel::extraConfiguration() const
         feed.deviceID = camera.deviceID;
         feed.deviceName = camera.deviceName;
         feed.isMirrored = camera.isMirrored;
-        feed.isAvailable =
-            camera.deviceID && std::any_of(cameras.begin(), cameras.end(),
-                                           [&](const auto& c) { return c.id == *camera.deviceID; });
+        feed.isAvailable = camera.deviceID &&
+                           (TestPatternSource::isTestPattern(*camera.deviceID) ||
+                            std::any_of(cameras.begin(), cameras.end(),
+                                        [&](const auto& c) { return c.id == *camera.deviceID; }));
         configuration.feeds.push_back(std::move(feed));
     }
     return configuration;

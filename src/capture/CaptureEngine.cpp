@@ -111,11 +111,14 @@ CaptureEngine::applyConfiguration(const std::optional<QString>& cameraID,
         lastSize_ = QSize();
         pipeline_->resetStats();
         if (cameraID) {
-            if (*cameraID == TestPatternSource::kID)
-                camera_ = std::make_unique<TestPatternSource>(
-                    clock_, testPattern_.width, testPattern_.height, testPattern_.framesPerSecond);
-            else
+            if (TestPatternSource::isTestPattern(*cameraID)) {
+                const QSize size = TestPatternSource::sizeIn(*cameraID).value_or(
+                    QSize(testPattern_.width, testPattern_.height));
+                camera_ = std::make_unique<TestPatternSource>(clock_, size.width(), size.height(),
+                                                              testPattern_.framesPerSecond);
+            } else {
                 camera_ = CaptureDevices::openCamera(*cameraID, clock_);
+            }
             if (camera_)
                 cameraID_ = cameraID;
             else

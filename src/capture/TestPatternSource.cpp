@@ -2,6 +2,8 @@
 
 #include "capture/Frame.h"
 
+#include <QStringList>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -44,6 +46,28 @@ void fillRect(const Frame& frame, int x, int y, int w, int h, YuvColour colour)
 }
 
 } // namespace
+
+bool TestPatternSource::isTestPattern(const QString& cameraID)
+{
+    return cameraID == kID || sizeIn(cameraID).has_value();
+}
+
+std::optional<QSize> TestPatternSource::sizeIn(const QString& cameraID)
+{
+    const QString prefix = kID + QLatin1Char('@');
+    if (!cameraID.startsWith(prefix))
+        return std::nullopt;
+    const QStringList dimensions = cameraID.mid(prefix.size()).split(QLatin1Char('x'));
+    if (dimensions.size() != 2)
+        return std::nullopt;
+    bool widthOK = false;
+    bool heightOK = false;
+    const QSize size(dimensions[0].toInt(&widthOK), dimensions[1].toInt(&heightOK));
+    if (!widthOK || !heightOK || size.width() < 16 || size.height() < 16 || size.width() > 7680 ||
+        size.height() > 4320 || size.width() % 2 != 0 || size.height() % 2 != 0)
+        return std::nullopt;
+    return size;
+}
 
 TestPatternSource::TestPatternSource(Clock& clock, int width, int height, double framesPerSecond,
                                      Pacing pacing)

@@ -4,8 +4,11 @@
 #include "capture/CaptureSource.h"
 #include "capture/VideoSource.h"
 
+#include <QSize>
+
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace orvane {
@@ -21,6 +24,12 @@ public:
 
     static inline const QString kID = QStringLiteral("orvane:test-pattern");
     static CaptureSource source() { return {kID, QStringLiteral("Test Pattern")}; }
+    // A camera identifier may also ask for the test pattern at a size of its own, as
+    // "orvane:test-pattern@1280x720" (even sizes from 16x16 to 7680x4320), so the settings can
+    // give the main camera and each extra camera a different picture with no hardware.
+    static bool isTestPattern(const QString& cameraID);
+    // The size such an identifier asks for; none for the plain kID and for anything else.
+    static std::optional<QSize> sizeIn(const QString& cameraID);
 
     TestPatternSource(Clock& clock, int width, int height, double framesPerSecond,
                       Pacing pacing = Pacing::realTime);

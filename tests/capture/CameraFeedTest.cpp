@@ -59,25 +59,36 @@ private Q_SLOTS:
         QTest::addColumn<bool>("authorized");
         QTest::addColumn<FeedState>("state");
         QTest::addColumn<Configured>("configured");
+        QTest::addColumn<QSize>("size"); // of the frames, when live
         const Configured closed = std::optional<QString>();
         Feed unplugged = testPattern, mirrored = testPattern;
         unplugged.isAvailable = false;
         mirrored.isMirrored = true;
-        QTest::newRow("no access")
-            << testPattern << false << FeedState::of(FeedState::Kind::noAccess) << closed;
+        const auto unopened =
+            FeedState::failed("The camera couldn't be opened. Another app may be using it.");
+        const QString sized = TestPatternSource::kID + "@64x48";
+        QTest::newRow("no access") << testPattern << false
+                                   << FeedState::of(FeedState::Kind::noAccess) << closed << QSize();
         QTest::newRow("no camera chosen")
-            << feed({}, {}, false) << true << FeedState::of(FeedState::Kind::unassigned) << closed;
-        QTest::newRow("unplugged")
-            << unplugged << true << FeedState::disconnected("Test Pattern") << Configured();
+            << feed({}, {}, false) << true << FeedState::of(FeedState::Kind::unassigned) << closed
+            << QSize();
+        QTest::newRow("unplugged") << unplugged << true << FeedState::disconnected("Test Pattern")
+                                   << Configured() << QSize();
         QTest::newRow("unplugged, no name")
             << feed("/dev/v4l/by-id/usb-cam", {}, false) << true
-            << FeedState::disconnected("The camera") << Configured();
+            << FeedState::disconnected("The camera") << Configured() << QSize();
         QTest::newRow("cannot be opened")
-            << feed("/dev/null", "Null", true) << true
-            << FeedState::failed("The camera couldn't be opened. Another app may be using it.")
-            << Configured();
+            << feed("/dev/null", "Null", true) << true << unopened << Configured() << QSize();
         QTest::newRow("the same camera, mirrored: not opened again")
-            << mirrored << true << live << Configured(testPattern.deviceID);
+            << mirrored << true << live << Configured(testPattern.deviceID) << QSize(160, 90);
+        QTest::newRow("the test pattern at a size of its own: opened anew")
+            << feed(sized, {}, true) << true << live << Configured(sized) << QSize(64, 48);
+        QTest::newRow("the test pattern at an odd size: no such camera")
+            << feed(TestPatternSource::kID + "@63x48", {}, true) << true << unopened << Configured()
+            << QSize();
+        QTest::newRow("the test pattern beyond 8K: no such camera")
+            << feed(TestPatternSource::kID + "@7682x4320", {}, true) << true << unopened
+            << Configured() << QSize();
     }
     void stateFollowsTheFeed()
     {
@@ -85,6 +96,7 @@ private Q_SLOTS:
         QFETCH(bool, authorized);
         QFETCH(FeedState, state);
         QFETCH(Configured, configured);
+        QFETCH(QSize, size);
         Camera camera;
         QSignalSpy opened(&camera.engine(), &CaptureEngine::framesStarted);
         QVERIFY(camera.isLive());
@@ -94,11 +106,12 @@ private Q_SLOTS:
         QCOMPARE(camera.configuredDevice(), configured);
         QCOMPARE(camera.engine().isMirrored(), applied.isMirrored);
         if (state == live) {
+            QTRY_COMPARE_WITH_TIMEOUT(camera.videoSize(), size, 10000);
             // A few frames later: a reopened camera would have started again.
             const auto number = [&] { return camera.engine().latestFrame()->number; };
             const auto appliedAt = number();
             QTRY_VERIFY(number() >= appliedAt + 3);
-            QCOMPARE(opened.count(), 1);
+            QCOMPARE(opened.count(), size == QSize(160, 90) ? 1 : 2);
             return;
         }
         // The camera is closed: nothing more is captured or recorded from it.

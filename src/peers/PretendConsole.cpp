@@ -56,6 +56,7 @@ const std::vector<PretendConsole::Cue>& PretendConsole::cueList()
         {QStringLiteral("3"), QStringLiteral("Opening Number"), 5},
         {QStringLiteral("4"), QStringLiteral("Blackout"), 0},
         {QStringLiteral("5"), QStringLiteral("Sunrise"), 2.5},
+        {QStringLiteral("6"), QStringLiteral("Day to Dusk"), 4, 3},
         {QStringLiteral("14.5"), QStringLiteral("Storm"), 1},
         {QStringLiteral("20"), QStringLiteral("Bows"), 3},
     };
@@ -276,25 +277,36 @@ void PretendConsole::handle(Client* client, const OSCMessage& message)
     }
 }
 
-QString PretendConsole::cueText(int index, std::optional<int> percent) const
+QString PretendConsole::cueText(int index, std::optional<int> percent, int part) const
 {
     if (index < 0)
         return {};
     const Cue& cue = cueList()[std::size_t(index)];
-    QString text = QStringLiteral("1/%1 %2 %3").arg(cue.number, cue.label, secondsText(cue.seconds));
+    const QString token = part > 0 ? QStringLiteral("1/%1P%2").arg(cue.number).arg(part)
+                                   : QStringLiteral("1/") + cue.number;
+    QString text = QStringLiteral("%1 %2 %3").arg(token, cue.label, secondsText(cue.seconds));
     if (percent)
         text += QStringLiteral(" %1%").arg(*percent);
     return text;
 }
 
+std::vector<OSCMessage> PretendConsole::activeCueTexts() const
+{
+    const int parts = active_ < 0 ? 0 : cueList()[std::size_t(active_)].parts;
+    std::vector<OSCMessage> texts;
+    for (int part = parts > 0 ? 1 : 0; part <= parts; ++part)
+        texts.push_back(
+            {"/eos/out/active/cue/text", {cueText(active_, percent_, part).toStdString()}});
+    return texts;
+}
+
 void PretendConsole::sendCueTexts(Client* client)
 {
     const int pending = (active_ + 1) % int(cueList().size());
-    const OSCMessage texts[] = {
-        {"/eos/out/active/cue/text", {cueText(active_, percent_).toStdString()}},
-        {"/eos/out/pending/cue/text", {cueText(pending, std::nullopt).toStdString()}},
-        {"/eos/out/previous/cue/text", {cueText(previous_, std::nullopt).toStdString()}},
-    };
+    std::vector<OSCMessage> texts = activeCueTexts();
+    texts.push_back({"/eos/out/pending/cue/text", {cueText(pending, std::nullopt).toStdString()}});
+    texts.push_back(
+        {"/eos/out/previous/cue/text", {cueText(previous_, std::nullopt).toStdString()}});
     for (const OSCMessage& text : texts) {
         if (client)
             send(client, text);
@@ -314,6 +326,10 @@ bool PretendConsole::fireCue(const QString& number)
     active_ = int(found - cues.begin());
     percent_ = found->seconds > 0 ? 0 : 100;
     sendToAll(OSCMessage{QStringLiteral("/eos/out/event/cue/1/%1/fire").arg(number).toStdString(), {}});
+    for (int part = 1; part <= found->parts; ++part)
+        sendToAll(OSCMessage{
+            QStringLiteral("/eos/out/event/cue/1/%1/%2/fire").arg(number).arg(part).toStdString(),
+            {}});
     sendCueTexts(nullptr);
     fade_.stop();
     if (percent_ < 100)
@@ -332,7 +348,8 @@ void PretendConsole::stepFade()
     const double seconds = cueList()[std::size_t(active_)].seconds;
     const int step = std::max(1, int(std::lround(100.0 * options_.fadeStepSeconds / seconds)));
     percent_ = std::min(100, percent_ + step);
-    sendToAll(OSCMessage{"/eos/out/active/cue/text", {cueText(active_, percent_).toStdString()}});
+    for (const OSCMessage& text : activeCueTexts())
+        sendToAll(text);
     if (percent_ >= 100)
         fade_.stop();
 }

@@ -22,9 +22,9 @@ namespace orvane {
 
 // A pretend Eos lighting console for tests and for trying Orvane without one. It speaks OSC 1.1
 // (SLIP frames) on TCP 3037 and OSC 1.0 (length-prefixed) on TCP 3032, answers "/eos/ping",
-// "/eos/get/version" and "/eos/reset" as a console does, fires cues from a small cue list with
-// their fire events and cue texts whose percent counts up, and answers discovery requests on
-// UDP 3034. Main thread only.
+// "/eos/get/version" and "/eos/reset" as a console does, fires cues from a small cue list (one
+// of them in three parts) with their fire events and cue texts whose percent counts up, and
+// answers discovery requests on UDP 3034. Main thread only.
 class PretendConsole : public QObject {
     Q_OBJECT
 public:
@@ -48,6 +48,7 @@ public:
         QString number;
         QString label;
         double seconds;
+        int parts = 0; // a multipart cue: parts 1 to `parts` fire together, each with its text
     };
     // Makes the sockets; the default is ::socket(AF_INET, type, 0) in this process's network.
     using SocketFactory = std::function<int(int type)>;
@@ -92,7 +93,9 @@ private:
     void send(Client* client, const OSCMessage& message);
     void sendCueTexts(Client* client);
     void stepFade();
-    QString cueText(int index, std::optional<int> percent) const;
+    QString cueText(int index, std::optional<int> percent, int part = 0) const;
+    // The active cue's text, one line per part for a multipart cue.
+    std::vector<OSCMessage> activeCueTexts() const;
     int socket(int type) const;
 
     Options options_;

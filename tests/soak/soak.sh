@@ -1,0 +1,429 @@
+#!/usr/bin/env bash
+# The soak: the whole application under a show's load for a long run, with real processes in a
+# private network namespace. Headless Orvane records two test-pattern cameras in H.264 while a
+# pretend Eos console on a host of its own fires a cue every 0.2 s (fades, and a cue in three
+# parts), a pretend QLab runs its timecode and starts and stops sound cues, oscsend sets fields
+# and adds markers, ten web viewers watch the stream (one of them connects and never reads),
+# the stand-in NDI runtime takes every frame Orvane sends, and the recording is stopped and
+# started again and again. Midway the console is killed and started again.
+# It then checks: no crash and no sanitizer report; resident memory after the warm-up grows by
+# less than 5 %; under 0.5 % of the frames lost (Orvane's own count and the movies' frame counts
+# against their durations); every movie decodes to its last second; every cue log holds the
+# console's cues in order with none missing, the QLab cues and the markers; the console is
+# followed again within 15 s of its restart. A second run kills Orvane with SIGKILL at a random
+# moment and checks that the next start recovers the movies and their cue logs.
+#
+# Usage: soak.sh [--ci | --minutes M] ORVANE NDI_RUNTIME_DIR
+#   --minutes M  M minutes at full size (1920x1080 and 1280x720 at 30), recording restarted
+#                every 2 minutes (the default: 10 minutes)
+#   --ci         60 s at 960x540 and 640x360, recording restarted every 20 s, so that it also
+#                runs in the sanitizer build on two cores
+# Runs itself inside scripts/offline when not isolated yet. ORVANE_SOAK_KEEP=1 keeps the movies
+# (the logs of a failed run are always kept; the last line says where).
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+
+mode=full
+minutes=10
+while [ $# -gt 2 ]; do
+    case "$1" in
+        --ci) mode=ci; shift ;;
+        --minutes) minutes=$2; shift 2 ;;
+        *) echo "usage: soak.sh [--ci | --minutes M] ORVANE NDI_RUNTIME_DIR" >&2; exit 2 ;;
+    esac
+done
+[ $# -eq 2 ] || { echo "usage: soak.sh [--ci | --minutes M] ORVANE NDI_RUNTIME_DIR" >&2; exit 2; }
+orvane=$(realpath "$1")
+ndi_runtime=$(realpath "$2")
+if [ "${ORVANE_SOAK_ISOLATED:-0}" != 1 ]; then
+    args=(--minutes "$minutes")
+    [ $mode = ci ] && args=(--ci)
+    ORVANE_SOAK_ISOLATED=1 exec "$here/../../scripts/offline" bash "$0" "${args[@]}" "$orvane" \
+        "$ndi_runtime"
+fi
+for tool in oscsend ffprobe curl ip; do
+    command -v $tool >/dev/null || { echo "SKIP: $tool is not installed"; exit 0; }
+done
+[ -f "$ndi_runtime/libndi.so.6" ] || { echo "no stand-in NDI runtime in $ndi_runtime" >&2; exit 2; }
+
+if [ $mode = ci ]; then
+    duration=60 cycle=20 warmup=20 main_size=960x540 extra_size=640x360 kill_max=12
+else
+    duration=$((minutes * 60)) cycle=120 warmup=60 main_size=1920x1080 extra_size=1280x720
+    kill_max=40
+fi
+[ $duration -ge 60 ] || { echo "soak: give at least 1 minute" >&2; exit 2; }
+osc_port=9301 web_port=9380 fps=30 cue_every=0.2 viewers=10
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/orvane-soak.XXXXXX")
+pids=()
+stall_fd=
+cleanup() {
+    local code=$?
+    for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
+    ip netns del soak-console 2>/dev/null || true
+    if [ "${ORVANE_SOAK_KEEP:-0}" = 1 ]; then
+        echo "soak: everything kept in $work"
+    elif [ $code -eq 0 ]; then
+        rm -rf "$work"
+    else
+        find "$work" -name '*.mov' -delete
+        echo "soak: logs and cue logs kept in $work"
+    fi
+}
+trap cleanup EXIT
+export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/home/.local/share
+export QT_QPA_PLATFORM=offscreen ORVANE_STRICT_CHECKS=1
+# The stand-in NDI runtime, found through the ordinary search; it logs every frame it is given
+# and reports one receiver.
+export NDI_RUNTIME_DIR_V6=$ndi_runtime ORVANE_NDI_TEST_LOG=$work/ndi.log ORVANE_NDI_TEST_CONNECTIONS=1
+# In a sanitizer build, freed memory waits in a quarantine that would look like growth.
+export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16
+mkdir -p "$HOME"
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+pass() { echo "PASS: $*"; }
+note() { echo "      $*"; }
+now() { date +%s.%N; }
+since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
+# ratio A B: A / B as a percentage with two decimals (0 when B is 0).
+percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", b > 0 ? 100 * a / b : 0 }'; }
+
+# wait_for FILE PATTERN SECONDS [FROM_LINE]: until a line of FILE (from FROM_LINE on) holds the
+# fixed text PATTERN.
+wait_for() {
+    local deadline=$(($(date +%s) + $3))
+    until tail -n +"${4:-1}" "$1" 2>/dev/null | grep -qF -- "$2"; do
+        if [ "$(date +%s)" -ge $deadline ]; then
+            echo "timed out waiting for '$2' in $1"; tail -20 "$1" | sed 's/^/    /'; return 1
+        fi
+        sleep 0.1
+    done
+}
+lines_of() { wc -l <"$1"; }
+
+# --- The pretend console on a host of its own, the pretend QLab on this one -------------------
+ip netns add soak-console
+ip link add soak-o type veth peer name soak-c netns soak-console
+ip addr add 10.99.7.1/24 dev soak-o && ip link set soak-o up
+ip netns exec soak-console ip addr add 10.99.7.2/24 dev soak-c
+ip netns exec soak-console ip link set soak-c up
+ip netns exec soak-console ip link set lo up
+start_console() {
+    ip netns exec soak-console "$orvane" pretend-console --address 10.99.7.2 --no-discovery \
+        --auto-go $cue_every </dev/null >>"$work/console.out" 2>&1 &
+    console_pid=$!
+    pids+=("$console_pid")
+}
+start_console
+"$orvane" pretend-qlab --address 127.0.0.1 --port 53000 >"$work/qlab.out" 2>&1 &
+pids+=($!)
+wait_for "$work/console.out" "Pretend Eos console" 20
+wait_for "$work/qlab.out" "Pretend QLab on" 20
+
+# --- Orvane ---------------------------------------------------------------------------------
+cat >"$work/soak.json" <<JSON
+{"cameraID": "orvane:test-pattern@$main_size", "cameraLabel": "Soak Main", "recordsAudio": false,
+ "extraCameras": [{"id": "0D5A1C2E-55B4-4E0B-8C3F-7A9D2B6E4F10",
+                   "deviceID": "orvane:test-pattern@$extra_size", "label": "Soak Wide",
+                   "isMirrored": false}],
+ "codec": "h264", "writesCueLog": true, "showsShowName": true, "showsDate": true,
+ "eosEnabled": true, "eosHost": "10.99.7.2", "eosAutoConnect": false,
+ "qlabEnabled": true, "qlabHost": "127.0.0.1", "qlabPort": 53000,
+ "oscEnabled": true, "oscPort": $osc_port,
+ "webViewerEnabled": true, "webViewerPort": $web_port, "ndiEnabled": true, "ndiName": "Soak"}
+JSON
+# start_orvane NAME FOLDER ARGS...: headless Orvane with its output in $work/NAME.out.
+start_orvane() {
+    local name=$1 folder=$2; shift 2
+    "$orvane" --headless --settings "$work/soak.json" --recordings "$folder" "$@" \
+        >"$work/$name.out" 2>"$work/$name.err" &
+    orvane_pid=$!
+    pids+=("$orvane_pid")
+}
+# stop_orvane: SIGTERM; the exit code must be 0 within 60 s.
+stop_orvane() {
+    kill -TERM "$orvane_pid"
+    local code=0
+    timeout 60 tail --pid="$orvane_pid" -f /dev/null || { fail "orvane did not stop"; return; }
+    wait "$orvane_pid" || code=$?
+    [ $code -eq 0 ] || fail "orvane exited with $code"
+}
+rss() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status" 2>/dev/null || echo 0; }
+osc() { oscsend localhost $osc_port "$@"; }
+
+start_orvane soak "$work/Recordings"
+for line in "The camera is live." "Eos: Connected." "QLab: Connected." "Watch the picture at"; do
+    wait_for "$work/soak.out" "$line" 60
+done
+ndi_before=$(grep -c '^video ' "$work/ndi.log" 2>/dev/null || true)
+
+# --- Viewers: nine that read, one that stalls -------------------------------------------------
+for i in $(seq 2 $viewers); do
+    curl -s -N --max-time $((duration + 120)) "http://127.0.0.1:$web_port/stream.mjpg" \
+        > >(grep -a -c -- '^--frame' >"$work/viewer$i.frames") &
+    pids+=($!)
+done
+exec {stall_fd}<>"/dev/tcp/127.0.0.1/$web_port"
+printf 'GET /stream.mjpg HTTP/1.1\r\nHost: localhost\r\n\r\n' >&"$stall_fd"
+
+# --- The run ----------------------------------------------------------------------------------
+# Every second: a field now and then, a marker in the middle of each recording, the recording
+# stopped and started every $cycle s, the console killed once and started again 3 s later,
+# resident memory every 5 s. The loop ends after $duration seconds.
+recording=0
+osc /tavrin/record/start
+wait_for "$work/soak.out" "Recording to" 30
+run_start=$(now)
+recording_started=$run_start
+kill_at=$(((duration / cycle) / 2 * cycle + 2))
+[ $kill_at -gt 2 ] && [ $((kill_at + 20)) -le $duration ] || kill_at=$((duration / 3))
+: >"$work/markers.txt"
+: >"$work/rss.txt"
+follow=none
+marker=0
+for second in $(seq 1 $duration); do
+    sleep "$(awk -v s="$second" -v start="$run_start" -v t="$(now)" \
+        'BEGIN { d = start + s - t; print d > 0 ? d : 0 }')"
+    [ -d "/proc/$orvane_pid" ] || { fail "orvane died after $second s"; break; }
+    [ $((second % 5)) -eq 0 ] && echo "$second $(rss "$orvane_pid")" >>"$work/rss.txt"
+    [ $((second % 2)) -eq 0 ] && osc /tavrin/field/Scene s "Scene $second"
+    if [ $((second % cycle)) -eq $((cycle / 2)) ]; then
+        marker=$((marker + 1))
+        osc /tavrin/marker s "Soak marker $marker, at $second s"
+        echo "$recording Soak marker $marker, at $second s" >>"$work/markers.txt"
+    fi
+    if [ $second -eq $kill_at ]; then
+        kill -9 "$console_pid"
+        note "killed the console at $second s"
+    fi
+    if [ $second -eq $((kill_at + 3)) ]; then
+        start_console
+        restarted_at=$(now)
+        from=$(($(lines_of "$work/soak.out") + 1))
+        # Followed again: a cue of the new console in Orvane's cue log lines.
+        (wait_for "$work/soak.out" ": Cue " 30 $from >/dev/null && since "$restarted_at" \
+            >"$work/follow.txt" || echo none >"$work/follow.txt") &
+        pids+=($!)
+    fi
+    if [ $((second % cycle)) -eq 0 ] && [ $second -lt $duration ]; then
+        from=$(($(lines_of "$work/soak.out") + 1))
+        osc /tavrin/record/stop
+        wait_for "$work/soak.out" "Frames lost during that recording" 30 $from || fail "no stop"
+        osc /tavrin/record/start
+        wait_for "$work/soak.out" "Recording to" 30 $from || fail "no new recording"
+        recording=$((recording + 1))
+    fi
+done
+run_seconds=$(since "$run_start")
+ndi_frames=$(($(grep -c '^video ' "$work/ndi.log" || true) - ${ndi_before:-0}))
+# The stalled viewer: once its unread bytes are taken, the connection ends if Orvane dropped
+# it; one still served would stream on until the time-out.
+if timeout 10 cat <&"$stall_fd" >/dev/null; then
+    stalled=dropped
+else
+    stalled="still connected"
+fi
+exec {stall_fd}<&-
+stop_orvane
+[ -f "$work/follow.txt" ] && follow=$(cat "$work/follow.txt")
+
+# --- What the run left ------------------------------------------------------------------------
+echo "soak: $mode, ${run_seconds}s, main $main_size and extra $extra_size at $fps fps"
+
+# No crash, no sanitizer report.
+if grep -qE 'ERROR: (Address|Leak)Sanitizer|runtime error:|SUMMARY: UndefinedBehavior' \
+    "$work"/*.err "$work"/*.out; then
+    fail "a sanitizer report:"
+    grep -hE -A5 'Sanitizer|runtime error:' "$work"/*.err "$work"/*.out | head -40
+else
+    pass "no sanitizer report"
+fi
+
+# Resident memory after the warm-up.
+read -r rss_warm rss_end rss_max < <(awk -v w=$warmup '
+    $1 >= w && !warm { warm = $2 } { last[NR] = $2 } $1 >= w && $2 > max { max = $2 }
+    END { n = NR; end = n >= 3 ? (last[n] + last[n - 1] + last[n - 2]) / 3 : 0
+          print warm + 0, int(end), max + 0 }' "$work/rss.txt")
+growth=$(percent $((rss_end - rss_warm)) "$rss_warm")
+note "resident memory: ${rss_warm} kB at ${warmup} s, ${rss_end} kB at the end, ${rss_max} kB at most"
+if awk -v g="$growth" 'BEGIN { exit !(g < 5) }'; then
+    pass "memory grew ${growth} % after the warm-up"
+else
+    fail "memory grew ${growth} % after the warm-up"
+fi
+
+# Frames: what Orvane says it lost, and what the movies hold against their durations.
+reported_lost=$(awk '/^Frames lost during that recording: / { gsub(/[^0-9]/, "", $NF); s += $NF }
+    END { print s + 0 }' "$work/soak.out")
+frames_of() {
+    ffprobe -v error -select_streams v:0 -count_packets \
+        -show_entries stream=nb_read_packets -of csv=p=0 "$1" 2>/dev/null || echo 0
+}
+duration_of() {
+    ffprobe -v error -select_streams v:0 -show_entries stream=duration -of csv=p=0 "$1" \
+        2>/dev/null || echo 0
+}
+# decodes_to_end MOVIE DURATION: the last second decodes without an error, frame by frame.
+decodes_to_end() {
+    local from last errors
+    from=$(awk -v d="$2" 'BEGIN { print d > 1 ? d - 1 : 0 }')
+    last=$(ffprobe -v error -read_intervals "${from}%" -select_streams v:0 \
+        -show_entries frame=pts_time -of csv=p=0 "$1" 2>"$work/decode.err" |
+        awk -v f="$from" '$1 >= f { n++ } END { print n + 0 }')
+    errors=$(wc -l <"$work/decode.err")
+    [ "$errors" -eq 0 ] && [ "$last" -ge $((fps - 2)) ]
+}
+mapfile -t movies < <(find "$work/Recordings" -name '*.mov' | sort)
+expected_movies=$((2 * ((duration + cycle - 1) / cycle)))
+[ ${#movies[@]} -eq $expected_movies ] && pass "$expected_movies movies" ||
+    fail "${#movies[@]} movies, expected $expected_movies"
+total_frames=0 total_expected=0
+for movie in "${movies[@]}"; do
+    name=$(basename "$movie" .mov)
+    frames=$(frames_of "$movie")
+    seconds=$(duration_of "$movie")
+    expected=$(awk -v d="$seconds" -v f=$fps 'BEGIN { printf "%d", d * f + 0.5 }')
+    total_frames=$((total_frames + frames)) total_expected=$((total_expected + expected))
+    lost=$(percent $((expected - frames)) "$expected")
+    note "$name: ${seconds}s, $frames frames of $expected (${lost} % lost)"
+    awk -v l="$lost" 'BEGIN { exit !(l < 0.5) }' || fail "$name lost ${lost} % of its frames"
+    decodes_to_end "$movie" "$seconds" || fail "$name does not decode to its end: $(head -3 "$work/decode.err")"
+done
+movie_lost=$(percent $((total_expected - total_frames)) "$total_expected")
+orvane_lost=$(percent "$reported_lost" "$total_expected")
+if awk -v a="$movie_lost" -v b="$orvane_lost" 'BEGIN { exit !(a < 0.5 && b < 0.5) }'; then
+    pass "frames lost: ${movie_lost} % by the movies, ${orvane_lost} % ($reported_lost) by Orvane"
+else
+    fail "frames lost: ${movie_lost} % by the movies, ${orvane_lost} % ($reported_lost) by Orvane"
+fi
+
+# Cue logs: the console's cues in its order with none missing (one break where the console was
+# restarted), from the first second to the last; the QLab cues; the markers sent meanwhile; the
+# same log beside every movie of a recording.
+cycle_of_cues="1 2 3 4 5 6 14.5 20"
+check_cue_log() { # CSV DURATION BREAKS_ALLOWED
+    awk -F, -v cycle="$cycle_of_cues" -v d="$2" -v breaks_allowed="$3" '
+        BEGIN { n = split(cycle, order, " "); for (i = 1; i <= n; i++) next_of[order[i]] = order[i % n + 1] }
+        NR == 1 { if ($0 != "Recording Time,Timecode,Event,Detail") { print "header: " $0; bad = 1 }; next }
+        { split($1, t, ":"); s = t[1] * 3600 + t[2] * 60 + t[3] }
+        $2 !~ /^[0-9][0-9]:[0-9][0-9]:[0-9][0-9][:;][0-9][0-9]$/ { print "no timecode: " $0; bad = 1 }
+        $3 ~ /^Cue / {
+            cue = substr($3, 5); cues++
+            if (previous != "" && next_of[previous] != cue) { breaks++; where = where " " previous "->" cue " at " $1 }
+            if (first == "") first = s
+            previous = cue; last = s
+        }
+        $3 ~ /^QLab / { qlab++ }
+        END {
+            if (breaks > breaks_allowed) { print breaks " breaks in the cue order:" where; bad = 1 }
+            if (first > 1 || last < d - 2) { print "cues from " first " s to " last " s of " d; bad = 1 }
+            if (qlab < int(d / 10) - 1) { print qlab " QLab cues in " d " s"; bad = 1 }
+            printf "%d cues, %d QLab cues, %d breaks\n", cues, qlab, breaks > "/dev/stderr"
+            exit bad
+        }' "$1"
+}
+mapfile -t stamps < <(for movie in "${movies[@]}"; do basename "$movie" .mov; done |
+    sed 's/^Soak [A-Za-z]* //' | sort -u)
+for index in "${!stamps[@]}"; do
+    stamp=${stamps[$index]}
+    main_csv="$work/Recordings/Soak Main $stamp.csv"
+    extra_csv="$work/Recordings/Soak Wide $stamp.csv"
+    [ -f "$main_csv" ] && [ -f "$extra_csv" ] || { fail "$stamp: a cue log is missing"; continue; }
+    cmp -s "$main_csv" "$extra_csv" || fail "$stamp: the two cameras' cue logs differ"
+    seconds=$(duration_of "$work/Recordings/Soak Main $stamp.mov")
+    allowed=0
+    [ $index -eq $(((kill_at - 1) / cycle)) ] && allowed=1 # the console's restart
+    if summary=$(check_cue_log "$main_csv" "$seconds" $allowed 2>&1); then
+        pass "$stamp cue log: $summary"
+    else
+        fail "$stamp cue log: $summary"
+    fi
+    while IFS= read -r text; do
+        count=$(grep -cF ",Marker,\"$text\"" "$main_csv" || true)
+        [ "$count" -eq 1 ] || fail "$stamp: the marker \"$text\" is there $count times"
+    done < <(awk -v r=$index '$1 == r { $1 = ""; print substr($0, 2) }' "$work/markers.txt")
+done
+
+# The console followed again after its restart.
+if [ "$follow" != none ] && awk -v f="$follow" 'BEGIN { exit !(f <= 15) }'; then
+    pass "the console was followed again ${follow}s after its restart"
+else
+    fail "the console was not followed again within 15 s of its restart ($follow)"
+fi
+
+# Viewers: each reading one got frames all along (their streams ended with Orvane); the stalled
+# one was dropped.
+for _ in $(seq 1 100); do
+    [ "$(cat "$work"/viewer*.frames 2>/dev/null | wc -l)" -eq $((viewers - 1)) ] && break
+    sleep 0.2
+done
+viewer_rates=$(for i in $(seq 2 $viewers); do
+    awk -v s="$run_seconds" '{ printf "%.1f\n", $1 / s }' "$work/viewer$i.frames" 2>/dev/null ||
+        echo 0
+done | sort -n | tr '\n' ' ')
+note "web frames a second at each of $((viewers - 1)) reading viewers: $viewer_rates"
+slowest=${viewer_rates%% *}
+awk -v r="$slowest" 'BEGIN { exit !(r >= 5) }' && pass "every reading viewer got frames" ||
+    fail "a viewer got $slowest frames a second"
+[ "$stalled" = dropped ] && pass "the stalled viewer was dropped" ||
+    fail "the stalled viewer was still connected at the end"
+
+# NDI: frames sent into the stand-in runtime, none changed while it read them, every sender
+# destroyed.
+ndi_rate=$(awk -v n="$ndi_frames" -v s="$run_seconds" 'BEGIN { printf "%.1f", n / s }')
+note "NDI: $ndi_frames frames, $ndi_rate a second"
+awk -v r="$ndi_rate" -v f=$fps 'BEGIN { exit !(r >= f * 0.9) }' && pass "NDI got $ndi_rate frames a second" ||
+    fail "NDI got $ndi_rate frames a second"
+grep -q 'changed-while-sending' "$work/ndi.log" && fail "an NDI frame changed while it was sent"
+[ "$(grep -c '^create ' "$work/ndi.log")" -eq "$(grep -c '^destroy ' "$work/ndi.log")" ] ||
+    fail "an NDI sender was not destroyed"
+
+# --- A second run: SIGKILL at a random moment, then the next start recovers ---------------
+if ! "$orvane" recover --help >/dev/null 2>&1; then
+    echo "SKIP: the SIGKILL run: this Orvane cannot recover recordings yet (no 'orvane recover')"
+else
+    start_orvane killed "$work/Killed" --record
+    wait_for "$work/killed.out" "Recording to" 60
+    sleep $((5 + RANDOM % kill_max))
+    kill -9 "$orvane_pid"
+    wait "$orvane_pid" 2>/dev/null || true
+    mapfile -t logged < <(grep -o 'Cue log [0-9:]*: .*' "$work/killed.out" |
+        sed -E 's/^Cue log [0-9:]+: //; s/ \(timecode .*\)$//; s/ — /,/')
+    note "killed Orvane after ${#logged[@]} cue log rows"
+    start_orvane recovered "$work/Killed"
+    if wait_for "$work/recovered.out" "recovered" 60; then
+        pass "$(grep -m1 'recovered' "$work/recovered.out")"
+    else
+        fail "the next start recovered nothing"
+    fi
+    stop_orvane
+    mapfile -t killed_movies < <(find "$work/Killed" -name '*.mov' | sort)
+    [ ${#killed_movies[@]} -eq 2 ] || fail "${#killed_movies[@]} movies after the kill"
+    for movie in "${killed_movies[@]}"; do
+        name=$(basename "$movie" .mov)
+        seconds=$(duration_of "$movie")
+        decodes_to_end "$movie" "$seconds" && pass "$name decodes to its end (${seconds}s)" ||
+            fail "$name does not decode to its end"
+        csv=${movie%.mov}.csv
+        [ -f "$csv" ] || { fail "$name: no cue log after the recovery"; continue; }
+        # Every row printed before the kill but the last (it may not have reached the disk).
+        rows=$(($(wc -l <"$csv") - 1)) missing=0
+        for row in "${logged[@]:0:${#logged[@]}-1}"; do
+            grep -qF -- ",$row" "$csv" || missing=$((missing + 1))
+        done
+        if [ $missing -eq 0 ] && [ $rows -ge $((${#logged[@]} - 1)) ]; then
+            pass "$name: the recovered cue log holds all $rows rows"
+        else
+            fail "$name: $rows rows, $missing of the ${#logged[@]} printed rows missing"
+        fi
+    done
+    "$orvane" recover "$work/Killed" >"$work/recover.out" 2>&1 || fail "orvane recover failed"
+fi
+
+if [ $failures -eq 0 ]; then
+    echo "soak: all checks passed"
+    exit 0
+fi
+echo "soak: $failures checks failed"
+exit 1

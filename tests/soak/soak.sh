@@ -76,7 +76,8 @@ export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/ho
 export QT_QPA_PLATFORM=offscreen ORVANE_STRICT_CHECKS=1
 # The stand-in NDI runtime, found through the ordinary search; it logs every frame it is given
 # and reports one receiver.
-export NDI_RUNTIME_DIR_V6=$ndi_runtime ORVANE_NDI_TEST_LOG=$work/ndi.log ORVANE_NDI_TEST_CONNECTIONS=1
+export NDI_RUNTIME_DIR_V6=$ndi_runtime ORVANE_NDI_TEST_LOG=$work/ndi.log
+export ORVANE_NDI_TEST_CONNECTIONS=1
 # In a sanitizer build, freed memory waits in a quarantine that would look like growth.
 export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16
 mkdir -p "$HOME"
@@ -93,7 +94,8 @@ percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", b > 0 ? 100 * a / b 
 # fixed text PATTERN.
 wait_for() {
     local deadline=$(($(date +%s) + $3))
-    until tail -n +"${4:-1}" "$1" 2>/dev/null | grep -qF -- "$2"; do
+    until awk -v from="${4:-1}" -v text="$2" 'NR >= from && index($0, text) { found = 1; exit }
+        END { exit !found }' "$1" 2>/dev/null; do
         if [ "$(date +%s)" -ge $deadline ]; then
             echo "timed out waiting for '$2' in $1"; tail -20 "$1" | sed 's/^/    /'; return 1
         fi
@@ -150,6 +152,11 @@ stop_orvane() {
     [ $code -eq 0 ] || fail "orvane exited with $code"
 }
 rss() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status" 2>/dev/null || echo 0; }
+alive() { # PID: running, not a zombie
+    local state
+    state=$(awk '/^State:/ { print $2 }' "/proc/$1/status" 2>/dev/null || true)
+    [ -n "$state" ] && [ "$state" != Z ]
+}
 osc() { oscsend localhost $osc_port "$@"; }
 
 start_orvane soak "$work/Recordings"
@@ -175,7 +182,6 @@ recording=0
 osc /tavrin/record/start
 wait_for "$work/soak.out" "Recording to" 30
 run_start=$(now)
-recording_started=$run_start
 kill_at=$(((duration / cycle) / 2 * cycle + 2))
 [ $kill_at -gt 2 ] && [ $((kill_at + 20)) -le $duration ] || kill_at=$((duration / 3))
 : >"$work/markers.txt"
@@ -185,7 +191,7 @@ marker=0
 for second in $(seq 1 $duration); do
     sleep "$(awk -v s="$second" -v start="$run_start" -v t="$(now)" \
         'BEGIN { d = start + s - t; print d > 0 ? d : 0 }')"
-    [ -d "/proc/$orvane_pid" ] || { fail "orvane died after $second s"; break; }
+    alive "$orvane_pid" || { fail "orvane died after $second s"; break; }
     [ $((second % 5)) -eq 0 ] && echo "$second $(rss "$orvane_pid")" >>"$work/rss.txt"
     [ $((second % 2)) -eq 0 ] && osc /tavrin/field/Scene s "Scene $second"
     if [ $((second % cycle)) -eq $((cycle / 2)) ]; then
@@ -235,7 +241,7 @@ echo "soak: $mode, ${run_seconds}s, main $main_size and extra $extra_size at $fp
 if grep -qE 'ERROR: (Address|Leak)Sanitizer|runtime error:|SUMMARY: UndefinedBehavior' \
     "$work"/*.err "$work"/*.out; then
     fail "a sanitizer report:"
-    grep -hE -A5 'Sanitizer|runtime error:' "$work"/*.err "$work"/*.out | head -40
+    grep -hE -A5 'Sanitizer|runtime error:' "$work"/*.err "$work"/*.out | head -40 || true
 else
     pass "no sanitizer report"
 fi
@@ -246,7 +252,7 @@ read -r rss_warm rss_end rss_max < <(awk -v w=$warmup '
     END { n = NR; end = n >= 3 ? (last[n] + last[n - 1] + last[n - 2]) / 3 : 0
           print warm + 0, int(end), max + 0 }' "$work/rss.txt")
 growth=$(percent $((rss_end - rss_warm)) "$rss_warm")
-note "resident memory: ${rss_warm} kB at ${warmup} s, ${rss_end} kB at the end, ${rss_max} kB at most"
+note "resident memory: $rss_warm kB at $warmup s, $rss_end kB at the end, $rss_max kB at most"
 if awk -v g="$growth" 'BEGIN { exit !(g < 5) }'; then
     pass "memory grew ${growth} % after the warm-up"
 else
@@ -288,7 +294,8 @@ for movie in "${movies[@]}"; do
     lost=$(percent $((expected - frames)) "$expected")
     note "$name: ${seconds}s, $frames frames of $expected (${lost} % lost)"
     awk -v l="$lost" 'BEGIN { exit !(l < 0.5) }' || fail "$name lost ${lost} % of its frames"
-    decodes_to_end "$movie" "$seconds" || fail "$name does not decode to its end: $(head -3 "$work/decode.err")"
+    decodes_to_end "$movie" "$seconds" ||
+        fail "$name does not decode to its end: $(head -3 "$work/decode.err")"
 done
 movie_lost=$(percent $((total_expected - total_frames)) "$total_expected")
 orvane_lost=$(percent "$reported_lost" "$total_expected")
@@ -304,20 +311,32 @@ fi
 cycle_of_cues="1 2 3 4 5 6 14.5 20"
 check_cue_log() { # CSV DURATION BREAKS_ALLOWED
     awk -F, -v cycle="$cycle_of_cues" -v d="$2" -v breaks_allowed="$3" '
-        BEGIN { n = split(cycle, order, " "); for (i = 1; i <= n; i++) next_of[order[i]] = order[i % n + 1] }
-        NR == 1 { if ($0 != "Recording Time,Timecode,Event,Detail") { print "header: " $0; bad = 1 }; next }
+        BEGIN {
+            n = split(cycle, order, " ")
+            for (i = 1; i <= n; i++) next_of[order[i]] = order[i % n + 1]
+        }
+        NR == 1 {
+            if ($0 != "Recording Time,Timecode,Event,Detail") { print "header: " $0; bad = 1 }
+            next
+        }
         { split($1, t, ":"); s = t[1] * 3600 + t[2] * 60 + t[3] }
-        $2 !~ /^[0-9][0-9]:[0-9][0-9]:[0-9][0-9][:;][0-9][0-9]$/ { print "no timecode: " $0; bad = 1 }
+        $2 !~ /^[0-9][0-9]:[0-9][0-9]:[0-9][0-9][:;][0-9][0-9]$/ {
+            print "no timecode: " $0; bad = 1
+        }
         $3 ~ /^Cue / {
             cue = substr($3, 5); cues++
-            if (previous != "" && next_of[previous] != cue) { breaks++; where = where " " previous "->" cue " at " $1 }
+            if (previous != "" && next_of[previous] != cue) {
+                breaks++; where = where " " previous "->" cue " at " $1
+            }
             if (first == "") first = s
             previous = cue; last = s
         }
         $3 ~ /^QLab / { qlab++ }
         END {
             if (breaks > breaks_allowed) { print breaks " breaks in the cue order:" where; bad = 1 }
-            if (first > 1 || last < d - 2) { print "cues from " first " s to " last " s of " d; bad = 1 }
+            if (first > 1 || last < d - 2) {
+                print "cues from " first " s to " last " s of " d; bad = 1
+            }
             if (qlab < int(d / 10) - 1) { print qlab " QLab cues in " d " s"; bad = 1 }
             printf "%d cues, %d QLab cues, %d breaks\n", cues, qlab, breaks > "/dev/stderr"
             exit bad
@@ -373,8 +392,11 @@ awk -v r="$slowest" 'BEGIN { exit !(r >= 5) }' && pass "every reading viewer got
 # destroyed.
 ndi_rate=$(awk -v n="$ndi_frames" -v s="$run_seconds" 'BEGIN { printf "%.1f", n / s }')
 note "NDI: $ndi_frames frames, $ndi_rate a second"
-awk -v r="$ndi_rate" -v f=$fps 'BEGIN { exit !(r >= f * 0.9) }' && pass "NDI got $ndi_rate frames a second" ||
+if awk -v r="$ndi_rate" -v f=$fps 'BEGIN { exit !(r >= f * 0.9) }'; then
+    pass "NDI got $ndi_rate frames a second"
+else
     fail "NDI got $ndi_rate frames a second"
+fi
 grep -q 'changed-while-sending' "$work/ndi.log" && fail "an NDI frame changed while it was sent"
 [ "$(grep -c '^create ' "$work/ndi.log")" -eq "$(grep -c '^destroy ' "$work/ndi.log")" ] ||
     fail "an NDI sender was not destroyed"
@@ -408,11 +430,11 @@ else
         csv=${movie%.mov}.csv
         [ -f "$csv" ] || { fail "$name: no cue log after the recovery"; continue; }
         # Every row printed before the kill but the last (it may not have reached the disk).
-        rows=$(($(wc -l <"$csv") - 1)) missing=0
-        for row in "${logged[@]:0:${#logged[@]}-1}"; do
+        rows=$(($(wc -l <"$csv") - 1)) missing=0 sure=$((${#logged[@]} > 0 ? ${#logged[@]} - 1 : 0))
+        for row in "${logged[@]:0:sure}"; do
             grep -qF -- ",$row" "$csv" || missing=$((missing + 1))
         done
-        if [ $missing -eq 0 ] && [ $rows -ge $((${#logged[@]} - 1)) ]; then
+        if [ $missing -eq 0 ] && [ $rows -ge $sure ]; then
             pass "$name: the recovered cue log holds all $rows rows"
         else
             fail "$name: $rows rows, $missing of the ${#logged[@]} printed rows missing"

@@ -8,6 +8,10 @@
 #include <cmath>
 #include <future>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace orvane {
 
 namespace {
@@ -19,6 +23,16 @@ constexpr std::size_t kRingSamples = std::size_t(kAudioRate) * 2 * 2;
 double secondsOf(Instant at)
 {
     return std::chrono::duration_cast<Seconds>(at.time_since_epoch()).count();
+}
+
+// Gives the memory freed by a finished recording back to the system. glibc keeps what the
+// encoder's threads freed in their own arenas, so without this every recording of a long show
+// left its peak resident (about 10 MB more each time, for the first dozen recordings).
+void releaseFreedMemory()
+{
+#if defined(__GLIBC__)
+    ::malloc_trim(0);
+#endif
 }
 
 } // namespace
@@ -262,6 +276,7 @@ void Recorder::run()
     rewrite->wake.notify_all();
     if (finished)
         finished(result);
+    releaseFreedMemory();
 }
 
 void Recorder::reportFailure()

@@ -61,6 +61,7 @@ stall_fd=
 cleanup() {
     local code=$?
     for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
+    wait 2>/dev/null || true
     ip netns del soak-console 2>/dev/null || true
     if [ "${ORVANE_SOAK_KEEP:-0}" = 1 ]; then
         echo "soak: everything kept in $work"
@@ -88,7 +89,7 @@ note() { echo "      $*"; }
 now() { date +%s.%N; }
 since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
 # ratio A B: A / B as a percentage with two decimals (0 when B is 0).
-percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", b > 0 ? 100 * a / b : 0 }'; }
+percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? 100 * a / b : 0) }'; }
 
 # wait_for FILE PATTERN SECONDS [FROM_LINE]: until a line of FILE (from FROM_LINE on) holds the
 # fixed text PATTERN.
@@ -190,7 +191,7 @@ follow=none
 marker=0
 for second in $(seq 1 $duration); do
     sleep "$(awk -v s="$second" -v start="$run_start" -v t="$(now)" \
-        'BEGIN { d = start + s - t; print d > 0 ? d : 0 }')"
+        'BEGIN { d = start + s - t; print (d > 0 ? d : 0) }')"
     alive "$orvane_pid" || { fail "orvane died after $second s"; break; }
     [ $((second % 5)) -eq 0 ] && echo "$second $(rss "$orvane_pid")" >>"$work/rss.txt"
     [ $((second % 2)) -eq 0 ] && osc /tavrin/field/Scene s "Scene $second"
@@ -201,6 +202,7 @@ for second in $(seq 1 $duration); do
     fi
     if [ $second -eq $kill_at ]; then
         kill -9 "$console_pid"
+        wait "$console_pid" 2>/dev/null || true
         note "killed the console at $second s"
     fi
     if [ $second -eq $((kill_at + 3)) ]; then
@@ -273,7 +275,7 @@ duration_of() {
 # decodes_to_end MOVIE DURATION: the last second decodes without an error, frame by frame.
 decodes_to_end() {
     local from last errors
-    from=$(awk -v d="$2" 'BEGIN { print d > 1 ? d - 1 : 0 }')
+    from=$(awk -v d="$2" 'BEGIN { print (d > 1 ? d - 1 : 0) }')
     last=$(ffprobe -v error -read_intervals "${from}%" -select_streams v:0 \
         -show_entries frame=pts_time -of csv=p=0 "$1" 2>"$work/decode.err" |
         awk -v f="$from" '$1 >= f { n++ } END { print n + 0 }')

@@ -307,8 +307,8 @@ else
     fail "frames lost: ${movie_lost} % by the movies, ${orvane_lost} % ($reported_lost) by Orvane"
 fi
 
-# Cue logs: the console's cues in its order with none missing (one break where the console was
-# restarted), from the first second to the last; the QLab cues; the markers sent meanwhile; the
+# Cue logs: the console's cues in its order with none missing (one break in the order or in
+# time where the console was restarted), from the first second to the last; the QLab cues; the markers sent meanwhile; the
 # same log beside every movie of a recording.
 cycle_of_cues="1 2 3 4 5 6 14.5 20"
 check_cue_log() { # CSV DURATION BREAKS_ALLOWED
@@ -330,17 +330,22 @@ check_cue_log() { # CSV DURATION BREAKS_ALLOWED
             if (previous != "" && next_of[previous] != cue) {
                 breaks++; where = where " " previous "->" cue " at " $1
             }
+            # Cues come 0.2 s apart: a longer pause lost some, even if the order goes on.
+            if (first != "" && s - last > 2) { pauses++; where = where " pause at " $1 }
             if (first == "") first = s
             previous = cue; last = s
         }
         $3 ~ /^QLab / { qlab++ }
         END {
-            if (breaks > breaks_allowed) { print breaks " breaks in the cue order:" where; bad = 1 }
+            if (breaks > breaks_allowed || pauses > breaks_allowed) {
+                print breaks + 0 " breaks in the cue order and " pauses + 0 " pauses:" where; bad = 1
+            }
             if (first > 1 || last < d - 2) {
                 print "cues from " first " s to " last " s of " d; bad = 1
             }
             if (qlab < int(d / 10) - 1) { print qlab " QLab cues in " d " s"; bad = 1 }
-            printf "%d cues, %d QLab cues, %d breaks\n", cues, qlab, breaks > "/dev/stderr"
+            printf "%d cues, %d QLab cues, %d breaks, %d pauses\n", cues, qlab, breaks,
+                pauses > "/dev/stderr"
             exit bad
         }' "$1"
 }

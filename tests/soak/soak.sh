@@ -308,8 +308,8 @@ else
 fi
 
 # Cue logs: the console's cues in its order with none missing (one break in the order or in
-# time where the console was restarted), from the first second to the last; the QLab cues; the markers sent meanwhile; the
-# same log beside every movie of a recording.
+# time where the console was restarted), from the first second to the last; the QLab cues;
+# the markers sent meanwhile; the same log beside every movie of a recording.
 cycle_of_cues="1 2 3 4 5 6 14.5 20"
 check_cue_log() { # CSV DURATION BREAKS_ALLOWED
     awk -F, -v cycle="$cycle_of_cues" -v d="$2" -v breaks_allowed="$3" '
@@ -338,7 +338,8 @@ check_cue_log() { # CSV DURATION BREAKS_ALLOWED
         $3 ~ /^QLab / { qlab++ }
         END {
             if (breaks > breaks_allowed || pauses > breaks_allowed) {
-                print breaks + 0 " breaks in the cue order and " pauses + 0 " pauses:" where; bad = 1
+                print breaks + 0 " breaks in the cue order, " pauses + 0 " pauses:" where
+                bad = 1
             }
             if (first > 1 || last < d - 2) {
                 print "cues from " first " s to " last " s of " d; bad = 1

@@ -64,8 +64,7 @@ int run(const QStringList& arguments)
                     qPrintable(parser.value(workspace)),
                     parser.isSet(passcode) ? " with a passcode" : "");
         // Every 10 s a sound starts; each stops after its own duration.
-        int next = 0;
-        QObject::connect(&cycle, &QTimer::timeout, [&qlab, id, &next] {
+        QObject::connect(&cycle, &QTimer::timeout, [&qlab, id, next = 0]() mutable {
             const QString cue = next++ % 2 == 0 ? QStringLiteral("A1") : QStringLiteral("A2");
             qlab.startCue(id, cue);
             QTimer::singleShot(cue == u"A1" ? 6000 : 2500, &qlab,

@@ -334,7 +334,8 @@ check_cue_log() { # CSV DURATION BREAKS_ALLOWED
         }
         { split($1, t, ":"); s = t[1] * 3600 + t[2] * 60 + t[3] }
         $2 !~ /^[0-9][0-9]:[0-9][0-9]:[0-9][0-9][:;][0-9][0-9]$/ {
-            print "no timecode: " $0; bad = 1
+            if (!untimed++) print "no timecode from " $0
+            bad = 1
         }
         $3 ~ /^Cue / {
             cue = substr($3, 5); cues++
@@ -355,7 +356,8 @@ check_cue_log() { # CSV DURATION BREAKS_ALLOWED
             if (first > 1 || last < d - 2) {
                 print "cues from " first " s to " last " s of " d; bad = 1
             }
-            if (qlab < int(d / 10) - 1) { print qlab " QLab cues in " d " s"; bad = 1 }
+            if (untimed) print untimed " rows without a timecode"
+            if (qlab < int(d / 10) - 1) { print qlab + 0 " QLab cues in " d " s"; bad = 1 }
             printf "%d cues, %d QLab cues, %d breaks, %d pauses\n", cues, qlab, breaks,
                 pauses > "/dev/stderr"
             exit bad

@@ -82,8 +82,12 @@ export QT_QPA_PLATFORM=offscreen ORVANE_STRICT_CHECKS=1
 # and reports one receiver.
 export NDI_RUNTIME_DIR_V6=$ndi_runtime ORVANE_NDI_TEST_LOG=$work/ndi.log
 export ORVANE_NDI_TEST_CONNECTIONS=1
-# In a sanitizer build, freed memory waits in a quarantine that would look like growth.
+# In a sanitizer build, freed memory waits in a quarantine that would look like growth, and the
+# sanitizer's allocator keeps what it frees for itself: resident memory says more about it than
+# about Orvane, so there it is reported, and LeakSanitizer judges leaks when Orvane exits.
 export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16
+sanitized=0
+grep -qa __asan_init "$orvane" && sanitized=1
 mkdir -p "$HOME"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
@@ -266,7 +270,9 @@ read -r rss_warm rss_end rss_max rss_first rss_last < <(awk -v w=$warmup '
 growth=$(percent $((rss_last - rss_first)) "$rss_first")
 note "resident memory: $rss_warm kB at $warmup s, $rss_end kB at the end, $rss_max kB at most;" \
     "lowest $rss_first kB in the first third after the warm-up, $rss_last kB in the last"
-if awk -v g="$growth" 'BEGIN { exit !(g < 5) }'; then
+if [ $sanitized -eq 1 ]; then
+    note "memory grew ${growth} % after the warm-up (not judged in a sanitizer build)"
+elif awk -v g="$growth" 'BEGIN { exit !(g < 5) }'; then
     pass "memory grew ${growth} % after the warm-up"
 else
     fail "memory grew ${growth} % after the warm-up"

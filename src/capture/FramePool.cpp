@@ -1,6 +1,7 @@
 #include "capture/FramePool.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace orvane {
@@ -29,6 +30,10 @@ FramePool::FramePool(int width, int height, int count)
         auto* buffer = static_cast<std::uint8_t*>(std::aligned_alloc(64, bytes));
         if (!buffer)
             throw std::bad_alloc();
+        // Touched now: the buffers deep in the pool are first used when the recorder falls
+        // behind, and their pages would then be faulted in on the capture thread, at the worst
+        // moment, and resident memory would rise by the rest of the pool in the middle of a show.
+        std::memset(buffer, 0, bytes);
         slots_->all.push_back(buffer);
         slots_->free.push_back(buffer);
     }

@@ -232,13 +232,11 @@ for second in $(seq 1 $duration); do
 done
 run_seconds=$(since "$run_start")
 ndi_frames=$(($(grep -c '^video ' "$work/ndi.log" || true) - ${ndi_before:-0}))
-# The stalled viewer: once its unread bytes are taken, the connection ends if Orvane dropped
-# it; one still served would stream on until the time-out.
-if timeout 10 cat <&"$stall_fd" >/dev/null; then
-    stalled=dropped
-else
-    stalled="still connected"
-fi
+# The stalled viewer: once its unread bytes are taken, the connection ends (or was reset, when
+# the kernel gave up on the bytes Orvane left unsent) if Orvane dropped it; one still served
+# would stream on until the time-out.
+stalled=dropped
+timeout 10 cat <&"$stall_fd" >/dev/null 2>&1 || [ $? -ne 124 ] || stalled="still connected"
 exec {stall_fd}<&-
 stop_orvane
 [ -f "$work/follow.txt" ] && follow=$(cat "$work/follow.txt")

@@ -13,7 +13,7 @@
 # followed again within 15 s of its restart. A second run kills Orvane with SIGKILL at a random
 # moment and checks that the next start recovers the movies and their cue logs.
 #
-# Usage: soak.sh [--ci | --minutes M] ORVANE NDI_RUNTIME_DIR
+# Usage: soak.sh [--ci] [--minutes M] ORVANE NDI_RUNTIME_DIR
 #   --minutes M  M minutes (the default: 10) at full size (1920x1080 and 1280x720 at 30),
 #                recording restarted every 2 minutes
 #   --ci         1 minute (or M) at 960x540 and 640x360, recording restarted every 20 s, so
@@ -82,10 +82,9 @@ export QT_QPA_PLATFORM=offscreen ORVANE_STRICT_CHECKS=1
 # and reports one receiver.
 export NDI_RUNTIME_DIR_V6=$ndi_runtime ORVANE_NDI_TEST_LOG=$work/ndi.log
 export ORVANE_NDI_TEST_CONNECTIONS=1
-# In a sanitizer build, freed memory waits in a quarantine that would look like growth, and the
-# sanitizer's allocator keeps what it frees for itself: resident memory says more about it than
-# about Orvane, so there it is reported, and LeakSanitizer judges leaks when Orvane exits.
-export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=16
+# In a sanitizer build, freed memory waits in a quarantine and the sanitizer's allocator keeps
+# what it frees: resident memory says more about it than about Orvane, so there it is only
+# reported, and LeakSanitizer judges leaks when Orvane exits.
 sanitized=0
 grep -qa __asan_init "$orvane" && sanitized=1
 mkdir -p "$HOME"

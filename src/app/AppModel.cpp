@@ -188,9 +188,22 @@ void AppModel::start()
         demo_.start();
     if (options_.record) {
         recordWhenLive_ = true;
-        if (feedState_.kind == FeedState::Kind::live)
-            startRecording();
+        recordWhenAllLive();
     }
+}
+
+void AppModel::recordWhenAllLive()
+{
+    if (!recordWhenLive_ || feedState_.kind != FeedState::Kind::live)
+        return;
+    // Extra cameras still opening are waited for, so that the recording takes every camera;
+    // one that cannot open (absent, refused, failed) does not hold it back.
+    for (const auto& feed : extraFeeds_) {
+        if (feed->state().kind == FeedState::Kind::starting)
+            return;
+    }
+    recordWhenLive_ = false;
+    startRecording();
 }
 
 std::vector<CameraFeed*> AppModel::extraFeeds() const
@@ -359,6 +372,8 @@ void AppModel::applyExtra(const ExtraConfiguration& configuration)
             cameraFeed = std::move(*found);
         } else {
             cameraFeed = std::make_unique<CameraFeed>(feed.id, clock_);
+            connect(cameraFeed.get(), &CameraFeed::stateChanged, this,
+                    &AppModel::recordWhenAllLive);
             changed = true;
         }
         cameraFeed->apply(feed, configuration.isAuthorized);
@@ -367,6 +382,7 @@ void AppModel::applyExtra(const ExtraConfiguration& configuration)
     extraFeeds_ = std::move(ordered);
     if (changed)
         Q_EMIT extraFeedsChanged();
+    recordWhenAllLive();
 }
 
 void AppModel::applyOverlay(const OverlayUpdate& update)
@@ -387,10 +403,7 @@ void AppModel::setFeedState(FeedState state)
         return;
     feedState_ = std::move(state);
     Q_EMIT feedStateChanged();
-    if (feedState_.kind == FeedState::Kind::live && recordWhenLive_) {
-        recordWhenLive_ = false;
-        startRecording();
-    }
+    recordWhenAllLive();
 }
 
 void AppModel::setErrorMessage(const std::optional<QString>& message)

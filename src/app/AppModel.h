@@ -153,6 +153,8 @@ private:
     void applyExtra(const ExtraConfiguration& configuration);
     void applyOverlay(const OverlayUpdate& update);
     void setFeedState(FeedState state);
+    // Starts the recording asked for on the command line once every camera that can run does.
+    void recordWhenAllLive();
     void loadWatermarkImage();
     void handleCommand(const ShowCommand& command, const ShowInput::Sender& sender);
     std::optional<QString> carryOut(const ShowCommand& command);

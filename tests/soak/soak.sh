@@ -433,11 +433,9 @@ grep -q 'changed-while-sending' "$work/ndi.log" && fail "an NDI frame changed wh
 if ! "$orvane" recover --help >/dev/null 2>&1; then
     echo "SKIP: the SIGKILL run: this Orvane cannot recover recordings yet (no 'orvane recover')"
 else
-    # Started by OSC once both links are up (both cameras are live by then; --record would
-    # start as soon as the main camera is live, before the extra one).
-    start_orvane killed "$work/Killed"
-    wait_for "$work/killed.out" "QLab: Connected." 60
-    osc /tavrin/record/start
+    # --record waits for both cameras, so both movies must come back.
+    start_orvane killed "$work/Killed" --record
+    wait_for "$work/killed.out" "Recording to" 60
     wait_for "$work/killed.out" "Soak Wide" 30
     sleep $((5 + RANDOM % kill_max))
     kill -9 "$orvane_pid"

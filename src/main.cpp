@@ -16,6 +16,10 @@
 #include <memory>
 #include <variant>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace orvane {
 
 namespace {
@@ -100,6 +104,13 @@ const std::vector<Command>& registeredCommands()
 int main(int argc, char** argv)
 {
     using namespace orvane;
+#if defined(__GLIBC__)
+    // Pictures and encoder buffers are megabytes each. glibc raises its mmap threshold each
+    // time such a block is freed, after which these blocks come from the heaps of the threads
+    // that made them and stay resident when freed: a show's memory would creep up at every
+    // recording. A fixed threshold keeps them mapped, so freeing one gives it back.
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
+#endif
     // Qt draws glyphs above 64 px as uncached paths; overlay text at 4K is larger than that.
     if (qEnvironmentVariableIsEmpty("QT_MAX_CACHED_GLYPH_SIZE"))
         qputenv("QT_MAX_CACHED_GLYPH_SIZE", "256");

@@ -41,6 +41,10 @@ void CameraFeed::apply(const Feed& feed, bool isAuthorized)
     if (configuredDevice_ && *configuredDevice_ == feed.deviceID)
         return;
     configuredDevice_ = feed.deviceID;
+    // Starting from now: the camera is being opened (a recording asked for on the command line
+    // waits for it).
+    if (state_.kind != FeedState::Kind::live)
+        setState(FeedState::of(FeedState::Kind::starting));
     const int generation = ++configureGeneration_;
     engine_.configure(feed.deviceID, std::nullopt, [this, generation](auto error) {
         if (generation != configureGeneration_)

@@ -432,7 +432,10 @@ std::vector<RecordingControl::Camera> AppModel::recordingCameras()
                            settings_->recordsAudio()});
     const auto configured = settings_->extraCameras();
     for (const auto& feed : extraFeeds_) {
-        if (feed->state().kind != FeedState::Kind::live)
+        // A camera still opening records from its first picture: a recording started a
+        // moment before it is live still takes it.
+        const auto kind = feed->state().kind;
+        if (kind != FeedState::Kind::live && kind != FeedState::Kind::starting)
             continue;
         const auto index = std::find_if(configured.begin(), configured.end(),
                                         [&](const ExtraCamera& c) { return c.id == feed->id(); });

@@ -396,8 +396,8 @@ private Q_SLOTS:
         std::vector<int> partsAtDrop;
         for (const auto& watcher : watchers)
             partsAtDrop.push_back(watcher->parts);
-        // A second more, to see everyone keep the pace after the drop too.
-        QTest::qWait(1000);
+        // Ten frames more, to see everyone keep the pace after the drop too.
+        QTRY_VERIFY_WITH_TIMEOUT(viewer.encodedFramesForTesting() >= encodedAtDrop + 10, 5000);
         camera.stop();
         QTest::qWait(300);
         ::close(stalled);

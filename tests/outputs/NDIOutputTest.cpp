@@ -1,6 +1,9 @@
 // The NDI output and the outputs coordinator, with the stand-in runtime (libndi.so.6 built by
-// this folder) found through NDI_RUNTIME_DIR_V6 and reporting every call to a log file.
+// this folder) found through NDI_RUNTIME_DIR_V6 and reporting every call to a log file; and the
+// NDI rules that need no runtime: the frame rate announced, the layout of the published frame
+// and where the runtime is looked for.
 
+#include "outputs/NDIOutput.h"
 #include "base/ManualClock.h"
 #include "capture/FramePool.h"
 #include "capture/FrameSink.h"
@@ -15,6 +18,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cmath>
 #include <cstring>
 
 using namespace orvane;
@@ -254,6 +258,63 @@ private Q_SLOTS:
         QCOMPARE(sending.size(), from.ndiEnabled == to.ndiEnabled ? 0 : 1);
         if (webStarts == 0 && from.webEnabled == to.webEnabled)
             QCOMPARE(webStates.size(), 0);
+    }
+
+    void announcesFrameRates_data()
+    {
+        QTest::addColumn<double>("duration");
+        QTest::addColumn<NDIFrameRate>("rate");
+        QTest::newRow("25") << 0.04 << NDIFrameRate{25, 1};
+        QTest::newRow("60") << 1.0 / 60 << NDIFrameRate{60, 1};
+        QTest::newRow("29.97") << 1001.0 / 30000 << NDIFrameRate{30000, 1001};
+        QTest::newRow("23.976") << 1001.0 / 24000 << NDIFrameRate{24000, 1001};
+        QTest::newRow("12.5") << 0.08 << NDIFrameRate{12500, 1000};
+        for (double invalid : {0.0, std::nan(""), 86400.0, 1e-12}) // none, a day, far too fast
+            QTest::addRow("invalid %g", invalid) << invalid << NDIFrameRate{30, 1};
+    }
+    void announcesFrameRates()
+    {
+        QFETCH(double, duration);
+        QFETCH(NDIFrameRate, rate);
+        QCOMPARE(ndiFrameRate(duration), rate);
+    }
+
+    void keepsThePublishedLayout()
+    {
+        // The stand-in runtime is built from the same header, so only this sees a field moved
+        // away from where the real runtime reads it on a 64-bit system.
+        QCOMPARE(offsetof(NDIlib_video_frame_v2_t, timecode), std::size_t(32));
+        QCOMPARE(offsetof(NDIlib_video_frame_v2_t, p_data), std::size_t(40));
+        QCOMPARE(offsetof(NDIlib_video_frame_v2_t, line_stride_in_bytes), std::size_t(48));
+        QCOMPARE(offsetof(NDIlib_video_frame_v2_t, p_metadata), std::size_t(56));
+        QCOMPARE(sizeof(NDIlib_video_frame_v2_t), std::size_t(72));
+        QCOMPARE(sizeof(NDIlib_send_create_t), std::size_t(24));
+    }
+
+    void searchesForTheRuntime_data()
+    {
+        QTest::addColumn<std::optional<QString>>("v6");
+        QTest::addColumn<std::optional<QString>>("v5");
+        QTest::addColumn<QStringList>("firstFolders");
+        QTest::newRow("neither variable")
+            << std::optional<QString>() << std::optional<QString>()
+            << QStringList{"/opt/orvane/bin", "/usr/local/lib", "/usr/lib"};
+        QTest::newRow("both, V6 first")
+            << std::optional<QString>("/opt/ndi6/lib/") << std::optional<QString>("/opt/ndi5")
+            << QStringList{"/opt/orvane/bin", "/opt/ndi6/lib", "/opt/ndi5", "/usr/local/lib",
+                           "/usr/lib"};
+    }
+    void searchesForTheRuntime()
+    {
+        QFETCH(std::optional<QString>, v6);
+        QFETCH(std::optional<QString>, v5);
+        QFETCH(QStringList, firstFolders);
+        const QStringList paths = NDILibrary::candidatePaths("/opt/orvane/bin", v6, v5);
+        QStringList expected;
+        for (const QString& folder : firstFolders)
+            expected << folder + "/libndi.so.6" << folder + "/libndi.so.5";
+        QCOMPARE(paths.mid(0, expected.size()), expected);
+        QVERIFY(paths.size() - expected.size() <= 2); // only the multiarch folder may follow
     }
 };
 

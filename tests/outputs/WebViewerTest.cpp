@@ -1,10 +1,13 @@
-// The web viewer against real clients on loopback: its answers byte for byte, raw sockets for
-// bad, idle and stalled viewers, a viewer on another network, and fifty viewers at once.
+// The web viewer: its HTTP rules, JPEGs and local-network rules as pure functions, and the
+// server against real clients on loopback: its answers byte for byte, raw sockets for bad, idle
+// and stalled viewers, a viewer on another network, and fifty viewers at once.
 
 #include "outputs/WebViewer.h"
 #include "base/ManualClock.h"
 #include "capture/FramePool.h"
 #include "capture/TestPatternSource.h"
+#include "outputs/JpegEncoder.h"
+#include "outputs/LocalNetwork.h"
 #include "outputs/WebRequest.h"
 #include "support/NetNamespace.h"
 
@@ -49,6 +52,11 @@ bool stillServes(int port)
     QProcess curl;
     curl.start("curl", {"-s", "--http1.1", QString("http://127.0.0.1:%1/nothing").arg(port)});
     return curl.waitForFinished(10000) && curl.readAllStandardOutput() == "Not found";
+}
+
+InterfaceAddress entry(const char* address, int prefix, bool up = true, bool loopback = false)
+{
+    return {QHostAddress(QString::fromLatin1(address)), prefix, up, loopback};
 }
 
 bool connectTo(int fd, quint32 ipv4, int port)
@@ -139,6 +147,115 @@ const QByteArray kStreamHeader =
 class WebViewerTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
+    void waitsForTheWholeHeader_data()
+    {
+        QTest::addColumn<QByteArray>("request");
+        const QByteArray whole = "GET /stream.mjpg HTTP/1.1\r\nHost: a\r\nAccept: */*\r\n\r\n";
+        // Every prefix short of the end of the header is not yet a request.
+        for (qsizetype cut : {0, 1, 5, 26, 36, int(whole.size()) - 1})
+            QTest::addRow("first %d bytes", int(cut)) << whole.first(cut);
+        QTest::newRow("lines ended by LF only") << QByteArray("GET / HTTP/1.1\n\n");
+        QTest::newRow("CR CR LF LF") << QByteArray("GET / HTTP/1.1\r\r\n\n");
+    }
+    void waitsForTheWholeHeader()
+    {
+        QFETCH(QByteArray, request);
+        QVERIFY(!answerWebRequest(request).has_value());
+    }
+
+    void encodesScaledPictures_data()
+    {
+        QTest::addColumn<QSize>("frameSize");
+        QTest::addColumn<QSize>("jpegSize");
+        QTest::newRow("small, as it is") << QSize(640, 360) << QSize(640, 360);
+        QTest::newRow("2160p, halved") << QSize(3840, 2160) << QSize(1920, 1080);
+        QTest::newRow("odd sizes, scaled") << QSize(3001, 1001) << QSize(1920, 640);
+        QTest::newRow("just off halving") << QSize(3842, 2162) << QSize(1920, 1080);
+        QTest::newRow("one row") << QSize(4000, 1) << QSize(1920, 1);
+    }
+    void encodesScaledPictures()
+    {
+        QFETCH(QSize, frameSize);
+        QFETCH(QSize, jpegSize);
+        FramePool pool(frameSize.width(), frameSize.height(), 1); // rows padded, as a camera's
+        const std::shared_ptr<Frame> frame = pool.acquire();
+        ManualClock clock;
+        TestPatternSource(clock, frame->width, frame->height, 30,
+                          TestPatternSource::Pacing::stepped)
+            .paint(*frame, 17);
+        // Compared in colour: a JPEG made from video-range planes without the range brought to
+        // full (or with the planes mixed up) is off by far more.
+        const QImage expected =
+            yuv::toRgb(frame->planes())
+                .scaled(jpegSize, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        JpegEncoder encoder;
+        for (int round = 0; round < 2; ++round) { // the second reuses the scaler and buffers
+            const QImage picture = QImage::fromData(encoder.encode(*frame), "JPEG");
+            QCOMPARE(picture.size(), jpegSize);
+            double difference = 0;
+            for (int y = 0; y < jpegSize.height(); ++y)
+                for (int x = 0; x < jpegSize.width(); ++x) {
+                    const QRgb a = picture.pixel(x, y), b = expected.pixel(x, y);
+                    difference += qAbs(qRed(a) - qRed(b)) + qAbs(qGreen(a) - qGreen(b)) +
+                                  qAbs(qBlue(a) - qBlue(b));
+                }
+            difference /= 3.0 * jpegSize.width() * jpegSize.height();
+            QVERIFY2(difference < 6, qPrintable(QString::number(difference)));
+        }
+    }
+
+    // Ours: 203.0.113.5/24 and 2001:db8:1::1/64 on interfaces that are up, 198.51.100.1/24 down.
+    void admitsLocalViewers_data()
+    {
+        QTest::addColumn<QString>("peer");
+        QTest::addColumn<bool>("admitted");
+        for (const char* peer :
+             {"10.1.2.3", "127.0.0.1", "169.254.10.20", "172.16.0.1", "172.31.255.254",
+              "192.168.1.50", "203.0.113.77", "::ffff:192.168.0.9", "::1", "fe80::1234",
+              "fd12:3456::1", "2001:db8:1::42"})
+            QTest::newRow(peer) << QString(peer) << true;
+        for (const char* peer : {"172.32.0.1", "172.15.255.255", "8.8.8.8", "203.0.114.1",
+                                 "198.51.100.9", "::ffff:8.8.4.4", "2001:4860::8888"})
+            QTest::newRow(peer) << QString(peer) << false;
+    }
+    void admitsLocalViewers()
+    {
+        QFETCH(QString, peer);
+        QFETCH(bool, admitted);
+        const QList<InterfaceAddress> own = {entry("203.0.113.5", 24),
+                                             entry("198.51.100.1", 24, /*up=*/false),
+                                             entry("2001:db8:1::1", 64)};
+        QCOMPARE(isLocalNetworkPeer(QHostAddress(peer), own), admitted);
+    }
+
+    void listsAddresses_data()
+    {
+        QTest::addColumn<QList<InterfaceAddress>>("own");
+        QTest::addColumn<QString>("hostName");
+        QTest::addColumn<QStringList>("addresses");
+        QTest::newRow("interface order, host name last")
+            << QList{entry("192.168.1.20", 24), entry("10.0.0.7", 8)} << QString("stage")
+            << QStringList{"http://192.168.1.20:8090", "http://10.0.0.7:8090",
+                           "http://stage.local:8090"};
+        QTest::newRow("loopback, down, link-local and IPv6 left out")
+            << QList{entry("127.0.0.1", 8, true, true), entry("10.1.1.1", 8, false),
+                     entry("169.254.3.4", 16),          entry("fe80::1", 64),
+                     entry("2001:db8::5", 64),          entry("172.20.0.2", 16)}
+            << QString("stage") << QStringList{"http://172.20.0.2:8090", "http://stage.local:8090"};
+        QTest::newRow("no netmask, no host name")
+            << QList{entry("192.168.2.2", -1), entry("192.168.3.3", 24)} << QString()
+            << QStringList{"http://192.168.3.3:8090"};
+    }
+    void listsAddresses()
+    {
+        QFETCH(QList<InterfaceAddress>, own);
+        QFETCH(QString, hostName);
+        QFETCH(QStringList, addresses);
+        QCOMPARE(
+            webAddressesFor(own, hostName.isEmpty() ? std::nullopt : std::optional(hostName), 8090),
+            addresses);
+    }
+
     // Each request on a connection of its own, with the request time-out at 1 s.
     void answersByteForByte_data()
     {
@@ -157,7 +274,6 @@ private Q_SLOTS:
             plain("405 Method Not Allowed", "text/plain", "Method not allowed", 18);
         const QByteArray tail = " HTTP/1.1\r\nHost: stage:8090\r\n\r\n";
         row("page", "GET /" + tail, pageAnswer);
-        row("page, query ignored", "GET /?reload=1" + tail, pageAnswer);
         row("empty path is the page", "GET ?x" + tail, pageAnswer);
         row("page, HEAD has no body", "HEAD /" + tail, plain("200 OK", html, {}, page.size()));
         row("stream, query ignored", "GET /stream.mjpg?123" + tail, kStreamHeader);
@@ -170,7 +286,6 @@ private Q_SLOTS:
         row("POST", "POST /" + tail, notAllowed);
         row("lower-case method", "get /" + tail, notAllowed);
         row("method alone", "GET\r\n\r\n", notAllowed);
-        row("empty request line", "\r\n\r\n", notAllowed);
         row("spaces run together", "GET   /stream.mjpg   HTTP/1.1\r\n\r\n", kStreamHeader);
         row("no version", "GET /\r\n\r\n", pageAnswer);
         row("NUL in the path", QByteArray("GET /stream.mjpg\0x HTTP/1.1\r\n\r\n", 32), notFound);
@@ -340,35 +455,26 @@ private Q_SLOTS:
         QCOMPARE(changes.size(), 1);
     }
 
-    // Five hundred connections that never ask hold nothing up, and go at the request time-out.
-    void closesConnectionsThatNeverAsk()
+    // Fifty viewers keep the pace of the camera while one that stopped reading is dropped once
+    // its send has stalled for the limit (1 s here). Twenty connections that never ask hold none
+    // of it up, and go at the request time-out (2 s here). Stopped, the viewer closes every
+    // connection and the port is free again at once.
+    void servesFiftyViewersDropsAStalledOneAndRestarts()
     {
-        WebViewer viewer({/*request=*/1, /*stalledSend=*/5});
+        WebViewer viewer({/*request=*/2, /*stalledSend=*/1});
         const int port = serve(viewer);
         QVERIFY(port);
-        std::vector<std::unique_ptr<QTcpSocket>> idle(500);
+        std::vector<std::unique_ptr<QTcpSocket>> idle(20);
         for (auto& socket : idle) {
             socket = std::make_unique<QTcpSocket>();
             socket->connectToHost(QHostAddress::LocalHost, quint16(port));
         }
-        const auto connected = [&] {
+        const auto idleConnected = [&] {
             return std::count_if(idle.begin(), idle.end(), [](const auto& socket) {
                 return socket->state() == QAbstractSocket::ConnectedState;
             });
         };
-        QTRY_COMPARE_WITH_TIMEOUT(connected(), 500, 5000);
-        QVERIFY(stillServes(port)); // while they wait
-        QTRY_COMPARE_WITH_TIMEOUT(connected(), 0, 5000);
-    }
-
-    // Fifty viewers keep the pace of the camera while one that stopped reading is dropped once
-    // its send has stalled for the limit (1 s here); stopped, the viewer closes every
-    // connection and the port is free again at once.
-    void servesFiftyViewersDropsAStalledOneAndRestarts()
-    {
-        WebViewer viewer({/*request=*/10, /*stalledSend=*/1});
-        const int port = serve(viewer);
-        QVERIFY(port);
+        QTRY_COMPARE(idleConnected(), 20);
         std::vector<std::unique_ptr<StreamViewer>> watchers;
         for (int i = 0; i < 50; ++i)
             watchers.push_back(std::make_unique<StreamViewer>(port));
@@ -418,6 +524,7 @@ private Q_SLOTS:
                                     .arg(watcher.parts)
                                     .arg(encoded)));
         }
+        QTRY_COMPARE(idleConnected(), 0);
         viewer.stop();
         QTRY_COMPARE(viewer.state(), WebViewer::State{});
         QTRY_COMPARE(viewer.viewers(), 0);

@@ -125,20 +125,52 @@ private Q_SLOTS:
         QTRY_COMPARE(outputs->isSendingNDI(), available);
     }
 
-    // The frame goes out in its own planes at its own rate, and stays with the sender until the
-    // runtime is done with it; what comes meanwhile is dropped.
-    void sendsFramesAsPublished()
+    void staysOffWhenTurnedOffAtOnce()
+    {
+        Coordinator outputs;
+        outputs->apply({true, QString(), false, 8090});
+        outputs->apply({false, QString(), false, 8090});
+        QTRY_COMPARE(calls("destroy").size(), 1);
+        QTest::qWait(100); // the start's outcome arrives after the stop
+        QVERIFY(!outputs->isSendingNDI());
+        QCOMPARE(outputs->ndiStatusText(), QString());
+    }
+
+    // One sender's life. An empty name sends as "Orvane"; the receivers are polled, and told
+    // only on a change. Typing a name restarts the sender once, with the last name, after the
+    // last key. A frame goes out in its own planes at its own rate, and stays with the sender
+    // until the runtime is done with it; what comes meanwhile is dropped.
+    void pollsRestartsOnceAfterARenameAndSends()
     {
         qputenv("ORVANE_NDI_TEST_SEND_MS", "400");
         Coordinator outputs;
-        const QString name = "Stage Left – Ü";
-        outputs->apply({true, name, false, 8090});
+        QSignalSpy changes(&outputs.outputs, &Outputs::ndiReceiversChanged);
+        outputs->apply({true, QString(), false, 8090});
         QTRY_VERIFY(outputs->isSendingNDI());
-        const QStringList created = calls("create");
-        QVERIFY2(
-            created.size() == 1 &&
-                created[0].endsWith(" name=" + name + " groups=(none) clock_video=0 clock_audio=0"),
-            qPrintable(created.join('\n')));
+        qputenv("ORVANE_NDI_TEST_CONNECTIONS", "3");
+        outputs.clock.advance(Outputs::kStatusInterval);
+        QTRY_COMPARE(outputs->ndiReceivers(), 3);
+        outputs.clock.advance(Outputs::kStatusInterval); // unchanged: no signal
+        qputenv("ORVANE_NDI_TEST_CONNECTIONS", "1");
+        outputs.clock.advance(Outputs::kStatusInterval);
+        QTRY_COMPARE(outputs->ndiReceivers(), 1);
+        const QString name = "Stage Left – Ü";
+        for (const QString& typed : {name.first(1), name.first(5), name}) {
+            outputs->apply({true, typed, false, 8090});
+            outputs.clock.advance(Outputs::kRenameDelay / 2);
+        }
+        QCOMPARE(outputs->ndiStartsForTesting(), 1);
+        outputs.clock.advance(Outputs::kRenameDelay);
+        QTRY_COMPARE(calls("create").size(), 2);
+        QCOMPARE(outputs->ndiStartsForTesting(), 2);
+        const QStringList lifecycle = calls("create|destroy");
+        QVERIFY2(lifecycle.size() == 3 && lifecycle[0].contains(" name=Orvane ") &&
+                     lifecycle[1].startsWith("destroy") && lifecycle[1].endsWith(" name=Orvane") &&
+                     lifecycle[2].endsWith(" name=" + name +
+                                           " groups=(none) clock_video=0 clock_audio=0"),
+                 qPrintable(lifecycle.join('\n')));
+        QTRY_VERIFY(outputs->isSendingNDI());
+
         FramePool pool(64, 36, 1);
         outputs->sink()->takeFrame(paintedFrame(pool, 7), 1001.0 / 30000);
         QVERIFY(!pool.acquire());
@@ -159,47 +191,7 @@ private Q_SLOTS:
             qPrintable(video[0]));
         outputs->send(paintedFrame(pool, 99), 1.0 / 30);
         QTRY_COMPARE(calls("video").size(), 2);
-    }
 
-    void staysOffWhenTurnedOffAtOnce()
-    {
-        Coordinator outputs;
-        outputs->apply({true, QString(), false, 8090});
-        outputs->apply({false, QString(), false, 8090});
-        QTRY_COMPARE(calls("destroy").size(), 1);
-        QTest::qWait(100); // the start's outcome arrives after the stop
-        QVERIFY(!outputs->isSendingNDI());
-        QCOMPARE(outputs->ndiStatusText(), QString());
-    }
-
-    // An empty name sends as "Orvane"; the receivers are polled, and told only on a change.
-    // Typing a name restarts the sender once, with the last name, after the last key.
-    void pollsReceiversAndRestartsOnceAfterARename()
-    {
-        Coordinator outputs;
-        QSignalSpy changes(&outputs.outputs, &Outputs::ndiReceiversChanged);
-        outputs->apply({true, QString(), false, 8090});
-        QTRY_VERIFY(outputs->isSendingNDI());
-        qputenv("ORVANE_NDI_TEST_CONNECTIONS", "3");
-        outputs.clock.advance(Outputs::kStatusInterval);
-        QTRY_COMPARE(outputs->ndiReceivers(), 3);
-        outputs.clock.advance(Outputs::kStatusInterval); // unchanged: no signal
-        qputenv("ORVANE_NDI_TEST_CONNECTIONS", "1");
-        outputs.clock.advance(Outputs::kStatusInterval);
-        QTRY_COMPARE(outputs->ndiReceivers(), 1);
-        for (const char* name : {"S", "St", "Stage"}) {
-            outputs->apply({true, name, false, 8090});
-            outputs.clock.advance(Outputs::kRenameDelay / 2);
-        }
-        QCOMPARE(outputs->ndiStartsForTesting(), 1);
-        outputs.clock.advance(Outputs::kRenameDelay);
-        QTRY_COMPARE(calls("create").size(), 2);
-        QCOMPARE(outputs->ndiStartsForTesting(), 2);
-        const QStringList lifecycle = calls("create|destroy");
-        QCOMPARE(lifecycle.size(), 3);
-        QVERIFY(lifecycle[0].contains(" name=Orvane ") && lifecycle[2].contains(" name=Stage "));
-        QVERIFY(lifecycle[1].startsWith("destroy") && lifecycle[1].endsWith(" name=Orvane"));
-        QVERIFY(outputs->isSendingNDI());
         outputs->apply({false, QString(), false, 8090});
         QTRY_COMPARE(outputs->ndiReceivers(), 0);
         QTest::qWait(50);

@@ -517,12 +517,9 @@ private Q_SLOTS:
             const StreamViewer& watcher = *watchers[i];
             QVERIFY2(!watcher.broken && partsAtDrop[i] >= encodedAtDrop * 8 / 10 &&
                          watcher.parts >= encoded * 8 / 10,
-                     qPrintable(QString("viewer %1: %2 of %3 before the drop, %4 of %5")
-                                    .arg(i)
-                                    .arg(partsAtDrop[i])
-                                    .arg(encodedAtDrop)
-                                    .arg(watcher.parts)
-                                    .arg(encoded)));
+                     qPrintable(QString::asprintf("viewer %zu: %d of %d before the drop, %d of %d",
+                                                  i, partsAtDrop[i], encodedAtDrop, watcher.parts,
+                                                  encoded)));
         }
         QTRY_COMPARE(idleConnected(), 0);
         viewer.stop();

@@ -42,12 +42,10 @@ std::optional<OverlayContent> decode(const char* json, const QDir& folder = QDir
     return overlayContentFromJson(QJsonDocument::fromJson(json).object(), kNow, folder);
 }
 
-// Part rows at instants counted from t0.
-const WallTime t0 = WallTime(std::chrono::seconds(1'800'000'000));
-
+// Part rows at instants counted from kNow.
 WallTime at(double seconds)
 {
-    return addSeconds(t0, seconds);
+    return addSeconds(kNow, seconds);
 }
 
 OverlayPart stored(double progress)
@@ -61,10 +59,10 @@ OverlayPart qlab(double elapsed, std::optional<double> duration, bool paused = f
     return {{}, {}, {}, 0, {}, RunningTime{elapsed, at(sampledAt), duration, paused}};
 }
 
-// A 10 s fade that started at t0 and was last reported at `reported` 3 s in.
+// A 10 s fade that started at kNow and was last reported at `reported` 3 s in.
 OverlayPart fading(double reported, double storedProgress = 0)
 {
-    return {{}, {}, {}, storedProgress, FadeClock{10, t0, reported, at(3), true}};
+    return {{}, {}, {}, storedProgress, FadeClock{10, kNow, reported, at(3), true}};
 }
 
 const OverlayRenderer::Arranged* find(const std::vector<OverlayRenderer::Arranged>& arranged,
@@ -158,7 +156,7 @@ private slots:
         QTest::newRow("fade wins over the stored progress")
             << fading(0.3, 0.9) << 3.1 << 0.31 << false << "-6.900s";
         OverlayPart both = fading(0.3);
-        both.running = RunningTime{5, t0, 20.0, false};
+        both.running = RunningTime{5, kNow, 20.0, false};
         QTest::newRow("running time wins over a fade")
             << both << 0.0 << 0.25 << false << "-15.000s";
     }
@@ -179,14 +177,11 @@ private slots:
         QCOMPARE(part.isCompleteAt(now), progress >= 1);
     }
 
-    void emptyObjectIsTheDefaultContent()
+    // Nothing set is the default content. Everything set: the watermark image is read beside
+    // the content file.
+    void decodesContent()
     {
         QCOMPARE(decode("{}"), std::optional(OverlayContent()));
-    }
-
-    // Everything set; the watermark image is read beside the content file.
-    void fullContent()
-    {
         QTemporaryDir folder;
         QImage logo(64, 32, QImage::Format_ARGB32);
         logo.fill(Qt::white);
@@ -359,28 +354,21 @@ private slots:
         QCOMPARE(cues.right(), 1920.0 - 32 * 1920.0 / 1920);
     }
 
-    // Widgets with nothing to show are left out; an empty content shows the status panel
-    // (camera label and clock) only.
-    void emptyPanelsAreLeftOut()
+    // What has nothing to show is left out: an empty content shows the status panel (camera
+    // label and clock) only, and a watermark image without pixels (Qt makes one of no width or
+    // height null too) is skipped while its text is still drawn.
+    void leavesOutWhatIsEmpty()
     {
-        OverlayContent content;
+        OverlayContent empty;
         OverlayRenderer renderer;
-        auto arranged = renderer.arrange(content, QSizeF(1920, 1080), kNow);
-        QCOMPARE(arranged.size(), size_t(1));
-        QCOMPARE(arranged[0].widget, OverlayWidget::status);
+        const auto alone = renderer.arrange(empty, QSizeF(1920, 1080), kNow);
+        QVERIFY(alone.size() == 1 && alone[0].widget == OverlayWidget::status);
+        empty.cameraLabel.clear();
+        empty.showsClock = false;
+        QVERIFY(renderer.arrange(empty, QSizeF(1920, 1080), kNow).empty());
 
-        content.cameraLabel.clear();
-        content.showsClock = false;
-        QVERIFY(renderer.arrange(content, QSizeF(1920, 1080), kNow).empty());
-    }
-
-    // A watermark image without pixels (Qt makes one of no width or height null too) is
-    // skipped, and the text is still drawn.
-    void emptyWatermarkImageIsSkipped()
-    {
         OverlayContent content = sampleOverlayContent(kNow);
         content.watermarkImage = QImage(0, 40, QImage::Format_ARGB32);
-        OverlayRenderer renderer;
         const auto arranged = renderer.arrange(content, QSizeF(1920, 1080), kNow);
         const auto* item = find(arranged, OverlayWidget::watermark);
         QVERIFY(item);

@@ -1,12 +1,16 @@
-// The UDP listener against real senders on loopback and another process, on a manual clock.
+// The UDP listener against real senders on loopback and another process (osc-monitor, which
+// prints what it hears), on a manual clock.
 #include "osc/OSCListener.h"
 
 #include "base/ManualClock.h"
+#include "osc/OSCMessage.h"
+#include "support/Golden.h"
 
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 #include <QUdpSocket>
+#include <QtEndian>
 
 using namespace orvane;
 using State = OSCListener::State;
@@ -28,6 +32,18 @@ quint16 freePort()
     QUdpSocket probe;
     probe.bind(QHostAddress::Any, 0, QAbstractSocket::DontShareAddress);
     return probe.localPort();
+}
+
+// A bundle of the given elements, each with its size before it.
+QByteArray bundle(const QByteArrayList& elements)
+{
+    QByteArray bytes("#bundle\0\0\0\0\0\0\0\0\1", 16);
+    for (const QByteArray& element : elements) {
+        char size[4];
+        qToBigEndian(quint32(element.size()), size);
+        bytes.append(size, 4).append(element);
+    }
+    return bytes;
 }
 
 // Senders on distinct loopback hosts, named A, B and C (IPv6). A lower-case name sends an
@@ -71,7 +87,9 @@ private Q_SLOTS:
     void followsAndForgetsSenders_data();
     void followsAndForgetsSenders();
     void ownerMayReconfigureWhileHandlingAPacket();
-    void takesTurnsOnAPortWithAnotherProcess();
+    void takesTurnsOnAPortWithOscMonitor();
+    void oscMonitorAnswersItsArguments_data();
+    void oscMonitorAnswersItsArguments();
 };
 
 void OSCListenerTest::listensAndStops()
@@ -211,14 +229,16 @@ void OSCListenerTest::ownerMayReconfigureWhileHandlingAPacket()
     QTRY_COMPARE(heard, (QList<QByteArray>{first, third}));
 }
 
-// osc-monitor holds the port first; the listener finds it taken and retries every 5 s, and
-// takes it once the other process has gone. Then another osc-monitor finds it taken.
-void OSCListenerTest::takesTurnsOnAPortWithAnotherProcess()
+// osc-monitor holds the port first and prints every message it hears; the listener finds the
+// port taken and retries every 5 s, and takes it once the other process has gone. Then another
+// osc-monitor finds it taken.
+void OSCListenerTest::takesTurnsOnAPortWithOscMonitor()
 {
     const quint16 port = freePort();
     QProcess monitor;
+    QByteArray errors;
     const auto startMonitor = [&] {
-        QByteArray errors;
+        errors.clear();
         monitor.start(qEnvironmentVariable("ORVANE_EXECUTABLE"),
                       {"osc-monitor", "--port", QString::number(port)});
         monitor.waitForStarted();
@@ -231,6 +251,40 @@ void OSCListenerTest::takesTurnsOnAPortWithAnotherProcess()
         monitor.waitForFinished();
     });
     QCOMPARE(startMonitor(), "Listening on port " + QByteArray::number(port) + '\n');
+
+    // What liblo sends, one message per run of oscsend, in order; a char argument is not read.
+    const QList<QStringList> sends = {
+        {"/eos/out/active/cue/text", "s", "1/14 Intro 5.0 40%"},
+        {"/eos/out/active/cue/text", "s", "Cue \"5\" \\ back\ttab"},
+        {"/numbers", "ifdd", "-42", "0.1", "2.5", "-1e300"},
+        {"/flags", "TFNI"},
+        {"/wide", "hh", "4294967301", "-3"},
+        {"/empty"},
+        {"/symbol", "S", "sym"},
+        {"/small", "f", "-0.000001"},
+        {"/utf8", "s", "Fade → 40 %"},
+        {"/char", "c", "x"},
+    };
+    for (const QStringList& arguments : sends)
+        QCOMPARE(QProcess::execute("oscsend",
+                                   QStringList{"127.0.0.1", QString::number(port)} + arguments),
+                 0);
+    // What no oscsend writes: a blob, a bundle, and things that are not OSC at all.
+    QUdpSocket sender;
+    const QByteArray inner = encodeOSC({"/in/bundle", {QByteArray("\x00\xff\x10", 3), 1.0f}});
+    for (const QByteArray& datagram :
+         {bundle({encodeOSC({"/bundle/first", {std::string("a")}}), bundle({inner})}), QByteArray(),
+          QByteArray("hello"), encodeOSC({"/last", {}})})
+        sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
+    QByteArray output;
+    QTRY_VERIFY_WITH_TIMEOUT((output += monitor.readAllStandardOutput()).contains("/last"), 10000);
+    const auto golden = orvane::testing::compareWithGolden(
+        output, QStringLiteral(ORVANE_TEST_DATA "/expected/osc-monitor.txt"));
+    QVERIFY2(golden.matches, qPrintable(golden.difference));
+    QTRY_VERIFY((errors += monitor.readAllStandardError()).contains("Ignored 5 bytes"));
+    QCOMPARE(errors, "Listening on port " + QByteArray::number(port) +
+                         "\nIgnored 16 bytes from 127.0.0.1 that are not OSC."
+                         "\nIgnored 5 bytes from 127.0.0.1 that are not OSC.\n");
 
     ManualClock clock;
     OSCListener listener(clock);
@@ -266,6 +320,42 @@ void OSCListenerTest::takesTurnsOnAPortWithAnotherProcess()
     QCOMPARE(changes.size(), 2);
 
     QCOMPARE(startMonitor(), kInUse.arg(port).toUtf8() + '\n');
+}
+
+// osc-monitor's arguments: each row is one way out of its argument check.
+void OSCListenerTest::oscMonitorAnswersItsArguments_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("output"); // its start
+    QTest::addColumn<QByteArray>("errors");
+    QTest::newRow("help") << QStringList{"--help"} << 0
+                          << QByteArray("Usage: orvane osc-monitor [options]\n") << QByteArray();
+    const QByteArray range = "Choose a port between 1 and 65535.\n";
+    QTest::newRow("port 0") << QStringList{"--port", "0"} << 1 << QByteArray() << range;
+    QTest::newRow("port 70000") << QStringList{"--port", "70000"} << 1 << QByteArray() << range;
+    QTest::newRow("port not a number")
+        << QStringList{"--port", "8001x"} << 2 << QByteArray()
+        << QByteArray("orvane osc-monitor: the port must be a number, not '8001x'\n");
+    QTest::newRow("unknown option") << QStringList{"--prot", "8001"} << 2 << QByteArray()
+                                    << QByteArray("orvane osc-monitor: Unknown option 'prot'.\n");
+    QTest::newRow("stray argument")
+        << QStringList{"8001"} << 2 << QByteArray()
+        << QByteArray("orvane osc-monitor: unexpected argument '8001'\n");
+}
+
+void OSCListenerTest::oscMonitorAnswersItsArguments()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, output);
+    QProcess monitor;
+    monitor.start(qEnvironmentVariable("ORVANE_EXECUTABLE"),
+                  QStringList{"osc-monitor"} + arguments);
+    QVERIFY(monitor.waitForFinished(10000));
+    QCOMPARE(monitor.exitStatus(), QProcess::NormalExit);
+    QTEST(monitor.exitCode(), "exitCode");
+    QVERIFY2(monitor.readAllStandardOutput().startsWith(output), output.constData());
+    QTEST(monitor.readAllStandardError(), "errors");
 }
 
 QTEST_GUILESS_MAIN(OSCListenerTest)

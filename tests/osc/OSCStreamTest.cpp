@@ -404,7 +404,6 @@ void OSCStreamTest::interfaceKindComesFromSysfs_data()
         << "type=1 device/ phy80211->../ieee80211/phy0" << NetworkKind::wifi;
     QTest::newRow("ethernet with a device") << "type=1 device/" << NetworkKind::wired;
     QTest::newRow("ethernet without a device (veth, bridge)") << "type=1" << NetworkKind::other;
-    QTest::newRow("loopback") << "type=772" << NetworkKind::other;
     QTest::newRow("device but not ethernet (tunnel)") << "type=65534 device/" << NetworkKind::other;
     QTest::newRow("no type file") << "device/" << NetworkKind::other;
 }

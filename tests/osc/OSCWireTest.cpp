@@ -128,19 +128,12 @@ void OSCWireTest::decodes_data()
     QTest::newRow("address without zero") << QByteArray("/abc") << "";
     QTest::newRow("padding bytes are not checked")
         << QByteArray("/a\0x,i\0y", 8) + be32(7) << "/a ,i 7";
-    QTest::newRow("int negative") << a + str(",i") + be32(0xFFFFFFFE) << "/a ,i -2";
     QTest::newRow("int with 3 bytes left") << a + str(",i") + QByteArray(3, '\1') << "";
-    QTest::newRow("float") << a + str(",f") + be32(0x3FC00000) << "/a ,f 1.5";
-    QTest::newRow("string and symbol")
-        << a + str(",sS") + str("Intro") + str("go") << R"(/a ,ss "Intro" "go")";
     QTest::newRow("string of 4 bytes then int")
         << a + str(",si") + str("abcd") + be32(9) << R"(/a ,si "abcd" 9)";
     QTest::newRow("invalid utf-8 is kept, replaced")
         << a + str(",s") + str("a\xFF") << QString::fromUtf8("/a ,s \"a\xEF\xBF\xBD\"");
     QTest::newRow("string runs off the end") << a + str(",s") + QByteArray("abc") << "";
-    QTest::newRow("blob then int, blobs in lower-case hex")
-        << a + str(",bi") + be32(5) + bytes({'1', 0xAB, 0x0F, '4', '5', 0, 0, 0}) + be32(3)
-        << "/a ,bi 31ab0f3435 3";
     QTest::newRow("blob without its padding at the end")
         << a + str(",b") + be32(2) + QByteArray("xy") << "/a ,b 7879";
     QTest::newRow("blob longer than the data")
@@ -151,7 +144,6 @@ void OSCWireTest::decodes_data()
         << a + str(",htd") + be64(0x123456789ABCDEF0ull) + be64(0xDEADBEEF00000007ull) +
                be64(0x3FF8000000000000ull)
         << "/a ,iif -1698898192 7 1.5";
-    QTest::newRow("TFNI read no bytes") << a + str(",TFNI") << "/a ,TFNN";
     QTest::newRow("unknown tag after good ones") << a + str(",ir") + be32(1) + be32(2) << "";
     QTest::newRow("bytes after the last argument are ignored")
         << a + str(",i") + be32(1) + QByteArray("junk") << "/a ,i 1";

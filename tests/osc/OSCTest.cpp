@@ -272,10 +272,8 @@ private Q_SLOTS:
             << a + str(",b") + be32(9) + QByteArray(8, 'x') << "";
         QTest::newRow("blob length near 4 GiB")
             << a + str(",b") + be32(0xFFFFFFFF) + QByteArray(8, 'x') << "";
-        QTest::newRow("64-bit int and time tag keep their low half, double narrows")
-            << a + str(",htd") + be64(0x123456789ABCDEF0ull) + be64(0xDEADBEEF00000007ull) +
-                   be64(0x3FF8000000000000ull)
-            << "/a ,iif -1698898192 7 1.5";
+        QTest::newRow("a time tag keeps its low half")
+            << a + str(",t") + be64(0xDEADBEEF00000007ull) << "/a ,i 7";
         QTest::newRow("unknown tag after good ones") << a + str(",ir") + be32(1) + be32(2) << "";
         QTest::newRow("bytes after the last argument are ignored")
             << a + str(",i") + be32(1) + QByteArray("junk") << "/a ,i 1";
@@ -350,12 +348,7 @@ private Q_SLOTS:
 
     void writesWhatOscdumpReads()
     {
-        quint16 port = 0;
-        {
-            QUdpSocket probe;
-            QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
-            port = probe.localPort();
-        }
+        const quint16 port = freePort();
         QProcess dump;
         dump.start("oscdump", {"-L", QString::number(port)});
         QVERIFY(dump.waitForStarted());
@@ -562,12 +555,11 @@ private Q_SLOTS:
         QTest::addColumn<OSCFraming>("framing");
         QTest::addColumn<QString>("host");
         QTest::addColumn<QHostAddress>("listening");
-        const QHostAddress ipv4(QHostAddress::LocalHost);
-        QTest::newRow("slip, IPv4") << OSCFraming::slip << "127.0.0.1" << ipv4;
         QTest::newRow("lengthPrefixed, IPv6")
             << OSCFraming::lengthPrefixed << "::1" << QHostAddress(QHostAddress::LocalHostIPv6);
         // Should the resolver name ::1 first, the IPv4 address is tried next.
-        QTest::newRow("slip, a name") << OSCFraming::slip << "localhost" << ipv4;
+        QTest::newRow("slip, a name")
+            << OSCFraming::slip << "localhost" << QHostAddress(QHostAddress::LocalHost);
     }
 
     void packetsArriveInOrderAndSendsAreFramed()
@@ -790,7 +782,6 @@ private Q_SLOTS:
     void interfaceKindComesFromSysfs()
     {
         QFETCH(QString, files);
-        QFETCH(NetworkKind, kind);
         QTemporaryDir root;
         QDir folder(root.path());
         QVERIFY(folder.mkpath("ieee80211/phy0") && folder.mkpath("if0") && folder.cd("if0"));
@@ -805,7 +796,7 @@ private Q_SLOTS:
                 QVERIFY(file.open(QIODevice::WriteOnly) &&
                         file.write(entry.section(u'=', 1).toLatin1() + '\n') > 0);
         }
-        QCOMPARE(networkKindOfInterface("if0", root.path()), kind);
+        QTEST(networkKindOfInterface("if0", root.path()), "kind");
         QCOMPARE(networkKindOfInterface("missing0", root.path()), NetworkKind::other);
     }
 

@@ -830,7 +830,6 @@ private Q_SLOTS:
             QSignalSpy changes(&listener, &OSCListener::stateChanged);
             listener.configure(true, bad);
             QCOMPARE(listener.state(), (State{State::Kind::failed, std::nullopt, kChoosePort}));
-            QCOMPARE(listener.stateText(), kChoosePort);
             QCOMPARE(changes.size(), 1);
             QCOMPARE(clock.pendingCount(), 0u);
             listener.configure(true, nextPort);

@@ -387,7 +387,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("time");
         QTest::addColumn<std::optional<double>>("seconds");
         const std::optional<double> none;
-        QTest::newRow("seconds") << "5" << std::optional(5.0);
         QTest::newRow("hours too") << "1:02:30" << std::optional(3750.0);
         QTest::newRow("missing minutes") << ":30" << none;
         QTest::newRow("four pieces") << "1:2:3:4" << none;

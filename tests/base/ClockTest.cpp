@@ -1,3 +1,4 @@
+// The timer on the manual and the system clock, and time arithmetic that saturates.
 #include "base/Clock.h"
 #include "base/ManualClock.h"
 
@@ -12,39 +13,6 @@ using namespace orvane;
 class ClockTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void manualClockRunsCallsInDeadlineOrderAtTheirDeadline()
-    {
-        ManualClock clock;
-        const Instant start = clock.now();
-        const WallTime wallStart = clock.wallNow();
-        QStringList calls; // what ran, and when
-        const auto note = [&](const char* what) {
-            return [&calls, &clock, start, what] {
-                calls << what + QString::number(secondsBetween(start, clock.now()));
-            };
-        };
-        auto late = clock.schedule(Seconds(5), note("late at "));
-        auto early = clock.schedule(Seconds(1), note("early at "));
-        auto second = clock.schedule(Seconds(1), note("second at "));
-        auto cancelled = clock.schedule(Seconds(2), note("cancelled at "));
-        cancelled.reset();
-        clock.advance(0.5);
-        QVERIFY(calls.isEmpty());
-        clock.advance(10.0);
-        QCOMPARE(calls, (QStringList{"early at 1", "second at 1", "late at 5"}));
-        QCOMPARE(secondsBetween(start, clock.now()), 10.5);
-        QCOMPARE(secondsBetween(wallStart, clock.wallNow()), 10.5);
-        QCOMPARE(clock.pendingCount(), std::size_t(0));
-
-        // A handle that outlives its clock is harmless.
-        std::unique_ptr<ScheduledCall> handle;
-        {
-            ManualClock gone;
-            handle = gone.schedule(Seconds(1), [] {});
-        }
-        handle.reset();
-    }
-
     void timerIsReplacedNeverDoubled()
     {
         ManualClock clock;

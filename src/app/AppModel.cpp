@@ -114,6 +114,14 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
         devices_.refresh();
     });
     connect(&pathMonitor_, &NetworkPathMonitor::interfacesChanged, this, &AppModel::networkChanged);
+    // Mirroring the main camera and the microphone's gain apply at once, without reopening.
+    const auto applyMirrorAndGain = [this] {
+        engine_.setMirrored(settings_->isMirrored());
+        engine_.setGain(float(settings_->audioGain()));
+    };
+    connect(settings_.get(), &AppSettings::isMirroredChanged, this, applyMirrorAndGain);
+    connect(settings_.get(), &AppSettings::audioGainChanged, this, applyMirrorAndGain);
+    applyMirrorAndGain();
 
     // What each value is made from: a change of any of these makes the watcher look again.
     captureWatcher_.watch(settings_.get(), &AppSettings::cameraIDChanged, this);

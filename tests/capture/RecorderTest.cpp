@@ -100,14 +100,13 @@ void checkOrdinary(const QString& path)
              QStringList{QFileInfo(path).fileName()});
 }
 
-// One recording of the test pattern: codec, size, rate, sound, and what ffprobe must call its
-// video; `holdsSyncs`: the disk holds every sync until the last frame is in.
+// One recording of the test pattern: codec, rate, sound, and what ffprobe must call its video;
+// `holdsSyncs`: the disk holds every sync until the last frame is in.
 struct Take {
     MovieCodec codec;
-    int width, height;
     double fps;
     bool sound;
-    QString codecName, profile;
+    QString codecName;
     bool holdsSyncs = false;
 };
 
@@ -146,15 +145,10 @@ std::optional<MovieStart> record(Recorder& recorder, int width, int height, doub
     return start;
 }
 
-// How a movie to be finished came to be.
-enum class Left {
-    killed,         // the program died: no trailer, the fragment being made is missing
-    torn,           // the program died while a fragment was written: it ends mid-way
-    finishedBefore, // already ordinary, with chapters of its own
-};
-
-// Writes 100 pictures of the test pattern at 30 per second, with sound, into a movie at `path`.
-void writeMovie(const QString& path, Left left)
+// Writes 100 pictures of the test pattern at 30 per second, with sound, into a movie at `path`:
+// an ordinary one with chapters of its own, or as a crash leaves it while a fragment is
+// written, with no trailer and the last fragment torn.
+void writeMovie(const QString& path, bool finishedBefore)
 {
     QString error;
     auto writer = MovieWriter::create(path, {MovieCodec::h264, 320, 180}, true, error);
@@ -168,15 +162,12 @@ void writeMovie(const QString& path, Left left)
         pattern.paint(*frame, i);
         QVERIFY(writer->writeVideo(std::move(frame), i) && writer->writeAudio(sound.data(), 1600));
     }
-    if (left == Left::finishedBefore)
-        QVERIFY(writer->finish());
+    QVERIFY(!finishedBefore || writer->finish());
     writer.reset();
-    if (left == Left::torn) {
-        QFile file(path);
-        QVERIFY(file.resize(file.size() - 20000));
-    }
-    if (left == Left::finishedBefore)
+    if (finishedBefore)
         QCOMPARE(finishMovie(path, {{1.0, "old"}}).result, FinishedMovie::Result::finished);
+    else
+        QVERIFY(QFile::resize(path, QFileInfo(path).size() - 20000));
 }
 
 QByteArray contents(const QString& path)
@@ -188,7 +179,6 @@ QByteArray contents(const QString& path)
 } // namespace
 
 Q_DECLARE_METATYPE(Take)
-Q_DECLARE_METATYPE(Left)
 Q_DECLARE_METATYPE(orvane::MovieStart)
 
 class RecorderTest : public QObject {
@@ -197,19 +187,11 @@ private Q_SLOTS:
     void stopsQuicklyThenFinishesAnOrdinaryMovie_data()
     {
         QTest::addColumn<Take>("take");
-        QTest::newRow("H.264, 25 fps") << Take{MovieCodec::h264, 256, 144, 25, false, "h264", {}};
-        QTest::newRow("HEVC with sound") << Take{MovieCodec::hevc, 320, 180, 30, true, "hevc", {}};
+        QTest::newRow("HEVC, 25 fps") << Take{MovieCodec::hevc, 25, false, "hevc"};
         // Intra-only: every picture is a key frame, yet fragments still last a second. And a
         // USB stick or a spinning disk can take a second to sync: the encoder goes on.
         QTest::newRow("ProRes 422 Proxy with sound, 29.97 fps, on a disk that holds its syncs")
-            << Take{MovieCodec::proRes422Proxy,
-                    320,
-                    240,
-                    30000.0 / 1001,
-                    true,
-                    "prores",
-                    "Proxy",
-                    true};
+            << Take{MovieCodec::proRes422Proxy, 30000.0 / 1001, true, "prores", true};
     }
     void stopsQuicklyThenFinishesAnOrdinaryMovie()
     {
@@ -227,9 +209,7 @@ private Q_SLOTS:
             released.wait();
             MovieWriter::syncData(fd);
         });
-        std::vector<MovieStart> announced;
-        recorder.setStartHandler([&](const MovieStart& start) { announced.push_back(start); });
-        const auto start = record(recorder, take.width, take.height, take.fps, frames, take.sound);
+        const auto start = record(recorder, 320, 180, take.fps, frames, take.sound);
         const int held = syncs; // under way while the frames kept coming
         if (take.holdsSyncs)
             release.set_value();
@@ -250,9 +230,7 @@ private Q_SLOTS:
             {{0.0, "Q 1 Preshow"}, {2.5, "Q 2 «Act One»"}},
             [&](const FinishedMovie& movie) { finished.set_value(movie); });
         QCOMPARE(stopped.get_future().get(), (Recorder::Outcome{path, std::nullopt, start}));
-        QCOMPARE(announced, std::vector<MovieStart>{*start});
         QCOMPARE(recorder.droppedFrames(), 0);
-        QCOMPARE(recorder.writtenFrames(), frames);
         QCOMPARE(movieAtStop["video.nb_read_frames"].toInt(), frames);
         // A fragment about every second, not one per picture.
         const auto fragments = boxesAtStop.count("moof");
@@ -267,21 +245,18 @@ private Q_SLOTS:
         const auto movie = probeMovie(path);
         QCOMPARE(movie["chapters"].toStringList(), (QStringList{"Q 1 Preshow", "Q 2 «Act One»"}));
         QCOMPARE(movie["video.codec_name"].toString(), take.codecName);
-        QVERIFY(take.profile.isEmpty() || movie["video.profile"] == take.profile);
-        QCOMPARE(QSize(movie["video.width"].toInt(), movie["video.height"].toInt()),
-                 QSize(take.width, take.height));
-        const QStringList rate = movie["video.r_frame_rate"].toString().split('/');
-        QVERIFY2(std::abs(rate.value(0).toDouble() / rate.value(1).toDouble() - take.fps) < 0.01,
-                 qPrintable(rate.join('/')));
+        QVERIFY(take.codec != MovieCodec::proRes422Proxy || movie["video.profile"] == "Proxy");
         QCOMPARE(movie["video.nb_read_frames"].toInt(), frames);
+        // Each picture lasts as long as the camera's frame: the movie runs at the camera's rate.
         const double duration = movie["video.duration"].toDouble();
         QVERIFY2(std::abs(duration - frames / take.fps) <= 1.5 / take.fps,
                  qPrintable(QString::number(duration)));
         QCOMPARE(movie.contains("audio.codec_name"), take.sound);
         if (take.sound) {
-            QCOMPARE(movie["audio.codec_name"].toString(), "aac");
-            QCOMPARE(movie["audio.sample_rate"].toInt(), 48000);
-            QCOMPARE(movie["audio.channels"].toInt(), 2);
+            const QStringList audio{movie["audio.codec_name"].toString(),
+                                    movie["audio.sample_rate"].toString(),
+                                    movie["audio.channels"].toString()};
+            QCOMPARE(audio, (QStringList{"aac", "48000", "2"}));
             QVERIFY2(std::abs(movie["audio.duration"].toDouble() - duration) < 0.1,
                      qPrintable(movie["audio.duration"].toString()));
         }
@@ -311,6 +286,8 @@ private Q_SLOTS:
                          "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "bgra", "-"})
                     .value_or(QByteArray());
             QCOMPARE(decoded.size(), qsizetype(kWidth) * kHeight * 4);
+            const QImage got(reinterpret_cast<const uchar*>(decoded.constData()), kWidth, kHeight,
+                             QImage::Format_RGB32);
             // The camera's own picture, as it gave it.
             FramePool pool(kWidth * scale, kHeight * scale, 1);
             const auto frame = pool.acquire();
@@ -326,11 +303,9 @@ private Q_SLOTS:
                         if (!counted(QPointF(x * scale, y * scale)))
                             continue;
                         ++pixels;
-                        const QRgb expected = bare.pixel(x * scale, y * scale);
-                        const auto* got = decoded.constData() + qsizetype(y * kWidth + x) * 4;
-                        total += std::abs(int(std::uint8_t(got[0])) - qBlue(expected)) +
-                                 std::abs(int(std::uint8_t(got[1])) - qGreen(expected)) +
-                                 std::abs(int(std::uint8_t(got[2])) - qRed(expected));
+                        const QRgb a = got.pixel(x, y), b = bare.pixel(x * scale, y * scale);
+                        total += std::abs(qRed(a) - qRed(b)) + std::abs(qGreen(a) - qGreen(b)) +
+                                 std::abs(qBlue(a) - qBlue(b));
                     }
                 return pixels > 0 ? total / (3.0 * double(pixels)) : 1e9;
             };
@@ -375,55 +350,50 @@ private Q_SLOTS:
             const auto start = camera->recordingStart();
             QVERIFY(start && start->capturedAt >= addSeconds(asked, -0.1) &&
                     start->capturedAt <= Clock::system().now());
-            QSignalSpy finished(&camera->engine(), &CaptureEngine::movieFinished);
             std::optional<Recorder::Outcome> outcome;
             camera->stopRecording([&](Recorder::Outcome o) { outcome = o; });
             QVERIFY(!camera->recordingStart());
             QTRY_VERIFY_WITH_TIMEOUT(outcome && outcome->movie, 20000);
             QCOMPARE(*outcome, (Recorder::Outcome{outcome->movie, std::nullopt, start}));
-            QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
             const auto movie = probeMovie(*outcome->movie);
-            QCOMPARE(movie.contains("audio.duration"), camera == &main);
-            const double video = movie["video.duration"].toDouble();
-            QVERIFY2(video > 0.5 && (camera == &extra ||
-                                     std::abs(movie["audio.duration"].toDouble() - video) < 0.15),
-                     qPrintable(movie["audio.duration"].toString()));
+            QVERIFY(movie["video.nb_read_frames"].toInt() >= 20);
+            QCOMPARE(movie.contains("audio.codec_name"), camera == &main);
         }
     }
 
-    // Stopped before the first frame, though sound came: no movie. A camera that starts
-    // afterwards writes nothing either.
-    void stoppingBeforeTheFirstFrameLeavesNoFile()
+    // Recordings that make no movie. Stopped before the first frame, though sound came: no
+    // file, and the camera that starts afterwards writes nothing to it. A movie that cannot
+    // be created: the writer's message.
+    void recordingsThatMakeNoMovie()
     {
         QTemporaryDir folder;
         const QString path = folder.filePath("Orvane.mov");
         CaptureEngine engine;
+        std::optional<Recorder::Outcome> outcome;
+        const auto stop = [&] {
+            outcome.reset();
+            engine.stopRecording([&](Recorder::Outcome o) { outcome = o; });
+            return QTest::qWaitFor([&] { return outcome.has_value(); }, 10000);
+        };
         engine.startRecording(path, MovieCodec::hevc, true);
         engine.configure(std::nullopt, ToneSource::kID); // after the recorder is in place
         QTRY_VERIFY_WITH_TIMEOUT(!engine.stats().audioLevels.empty(), 10000);
-        std::optional<Recorder::Outcome> outcome;
-        engine.stopRecording([&](Recorder::Outcome o) { outcome = o; });
-        QTRY_VERIFY_WITH_TIMEOUT(outcome, 10000);
+        QVERIFY(stop());
         QCOMPARE(*outcome, Recorder::Outcome{});
         engine.setTestPatternFormat({160, 90, 30});
         engine.configure(TestPatternSource::kID, std::nullopt);
         QTRY_COMPARE_WITH_TIMEOUT(engine.videoSize(), QSize(160, 90), 10000);
         QVERIFY(!QFile::exists(path));
-    }
 
-    void aMovieThatCannotBeCreatedFailsWithTheWritersMessage()
-    {
-        QTemporaryDir folder;
-        Recorder recorder(folder.filePath("missing folder/Camera 1.mov"), MovieCodec::h264, false);
-        std::optional<CaptureError> reported;
-        recorder.setFailureHandler([&](const CaptureError& error) { reported = error; });
-        record(recorder, 160, 90, 30, 3, false);
-        const auto outcome = recorder.finishAndWait();
-        QVERIFY(!outcome.movie && !outcome.start && outcome.error);
-        QCOMPARE(outcome.error->kind, CaptureError::Kind::writerFailed);
-        QCOMPARE(outcome.error->description(),
+        QSignalSpy failed(&engine, &CaptureEngine::recordingFailed);
+        engine.startRecording(folder.filePath("missing folder/Orvane.mov"), MovieCodec::h264,
+                              false);
+        QVERIFY(failed.wait(10000));
+        QVERIFY(stop());
+        QVERIFY(!outcome->movie && !outcome->start && outcome->error);
+        QCOMPARE(outcome->error->description(),
                  "The recording couldn't be saved. No such file or directory");
-        QCOMPARE(reported, outcome.error);
+        QCOMPARE(failed.at(0).at(0).value<CaptureError>(), *outcome->error);
     }
 
     // 60 pictures arrive at once and a ProRes picture takes tens of milliseconds: had the
@@ -459,23 +429,19 @@ private Q_SLOTS:
     // ordinary later, as is one that was finished before and gets its chapters anew.
     void finishingMakesAnOrdinaryMovieWithChapters_data()
     {
-        QTest::addColumn<Left>("left");
-        QTest::addColumn<int>("minimumFrames");
-        QTest::newRow("killed: the last fragment is lost; a full disk at first")
-            << Left::killed << 60;
-        QTest::newRow("killed while writing: torn last fragment") << Left::torn << 30;
-        QTest::newRow("finished before: chapters replaced") << Left::finishedBefore << 100;
+        QTest::addColumn<bool>("finishedBefore");
+        QTest::newRow("killed while writing: torn last fragment; a full disk at first") << false;
+        QTest::newRow("finished before: chapters replaced") << true;
     }
     void finishingMakesAnOrdinaryMovieWithChapters()
     {
-        QFETCH(Left, left);
-        QFETCH(int, minimumFrames);
+        QFETCH(bool, finishedBefore);
         QTemporaryDir folder;
         const QString path = folder.filePath("Show 2026-11-23.mov");
-        writeMovie(path, left);
+        writeMovie(path, finishedBefore);
         if (QTest::currentTestFailed())
             return;
-        if (left == Left::killed) {
+        if (!finishedBefore) {
             // The disk fills up half-way through the copy (writes beyond this size fail): the
             // movie is left as it was, and is finished below once there is room again.
             const QByteArray before = contents(path);
@@ -499,7 +465,9 @@ private Q_SLOTS:
         const auto movie = probeMovie(path);
         QVERIFY(movie.contains("audio.codec_name"));
         const int frames = movie["video.nb_read_frames"].toInt();
-        QVERIFY2(frames >= minimumFrames && frames <= 100, qPrintable(QString::number(frames)));
+        // A torn fragment is lost whole; what came before it plays.
+        QVERIFY2(frames >= (finishedBefore ? 100 : 30) && frames <= 100,
+                 qPrintable(QString::number(frames)));
         // In time order, each to the next, the last to the end; none past the end.
         QCOMPARE(movie["chapters"].toStringList(), (QStringList{"Q 11 «Doors»", "Q 12 Blackout"}));
         QCOMPARE(movie["chapter0.start_time"].toDouble(), 0.0);

@@ -110,11 +110,10 @@ struct Take {
     bool holdsSyncs = false;
 };
 
-// Steps a test pattern camera (and a tone, when sound is recorded) through the capture
-// pipeline into `recorder` for `frames` pictures, as the capture thread would, but without
-// letting the recorder fall behind; from frame `resizeAt` on the camera delivers twice the
-// size. Returns the first frame's moment of capture, or none when the recorder did not make
-// room for a frame within a few seconds.
+// Steps a test pattern camera (and a tone, with sound) through the capture pipeline into
+// `recorder` for `frames` pictures, as the capture thread would, without letting the recorder
+// fall behind; from frame `resizeAt` on at twice the size. Returns the first frame's moment of
+// capture; none when the recorder made no room for a frame within a few seconds.
 std::optional<MovieStart> record(Recorder& recorder, int width, int height, double fps, int frames,
                                  bool sound, const OverlayContent* overlay = nullptr,
                                  int resizeAt = -1)
@@ -356,9 +355,10 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(outcome && outcome->movie, 20000);
             QCOMPARE(*outcome, (Recorder::Outcome{outcome->movie, std::nullopt, start}));
             const auto movie = probeMovie(*outcome->movie);
-            QVERIFY(movie["video.nb_read_frames"].toInt() >= 20);
+            QCOMPARE(movie["video.codec_name"].toString(), "h264");
             QCOMPARE(movie.contains("audio.codec_name"), camera == &main);
         }
+        QCOMPARE(started.count(), 1); // once a recording, not once a frame
     }
 
     // Recordings that make no movie. Stopped before the first frame, though sound came: no

@@ -66,6 +66,7 @@ class BoxReader {
 public:
     struct Box {
         QByteArray type;
+        qint64 begin = 0;   // of its header
         qint64 start = 0;   // of its contents
         qint64 end = 0;     // past its last byte
         bool whole = false; // it lies entirely inside the file
@@ -95,7 +96,7 @@ public:
             if (length < quint64(headerLength))
                 break;
             const qint64 end = from + qint64(length);
-            boxes.push_back({header.mid(4, 4), from + headerLength, end, end <= size});
+            boxes.push_back({header.mid(4, 4), from, from + headerLength, end, end <= size});
             from = end;
         }
         return boxes;
@@ -130,17 +131,18 @@ const BoxReader::Box* find(const std::vector<BoxReader::Box>& boxes, const char*
     return nullptr;
 }
 
-// How long the whole fragments of a fragmented movie last, in seconds, read from the headers
-// of its fragments (a movie left by a crash does not say it anywhere else). A fragment
-// whose data the file does not hold in full (torn by the crash) ends the movie. None for an
-// ordinary movie.
+// How long the pictures and sound of a fragmented movie last, in seconds, read from the
+// headers of its fragments (a movie left by a crash or a full disk does not say it anywhere
+// else). A fragment whose data the file does not hold in full (torn) ends the movie with its
+// last sample that the file holds whole. None for an ordinary movie.
 std::optional<double> wholeFragmentsLength(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     BoxReader reader(file);
-    const auto top = reader.children(0, file.size());
+    const qint64 fileSize = file.size();
+    const auto top = reader.children(0, fileSize);
     const auto* moov = find(top, "moov");
     if (!moov || !find(top, "moof"))
         return std::nullopt;
@@ -168,9 +170,11 @@ std::optional<double> wholeFragmentsLength(const QString& path)
     for (std::size_t i = 0; i < top.size(); ++i) {
         if (top[i].type != "moof")
             continue;
-        // The fragment's data follows its header; both must be whole.
-        if (!top[i].whole || i + 1 >= top.size() || top[i + 1].type != "mdat" || !top[i + 1].whole)
+        if (!top[i].whole)
             break;
+        // The fragment's data follows its header; when it is torn, its samples count up to
+        // the first one whose bytes the file does not hold.
+        const bool torn = i + 1 >= top.size() || top[i + 1].type != "mdat" || !top[i + 1].whole;
         double fragmentEnd = 0;
         for (const auto& traf : reader.children(top[i].start, top[i].end)) {
             if (traf.type != "traf")
@@ -183,29 +187,52 @@ std::optional<double> wholeFragmentsLength(const QString& path)
             const QByteArray header = reader.contents(*tfhd);
             const quint32 flags = u32(header, 0) & 0xffffff;
             const quint32 track = u32(header, 4);
-            qsizetype at = 8;
-            at += (flags & 0x01) ? 8 : 0;
-            at += (flags & 0x02) ? 4 : 0;
+            // Sample data is placed from the fragment's first byte unless the header says
+            // (kept inside the file, so that a damaged header can't make it run away).
+            const qint64 base =
+                (flags & 0x01) ? qint64(std::min<quint64>(u64(header, 8), quint64(fileSize) + 1))
+                               : top[i].begin;
+            qsizetype at = 8 + ((flags & 0x01) ? 8 : 0) + ((flags & 0x02) ? 4 : 0);
             const quint32 defaultDuration = (flags & 0x08) ? u32(header, at) : 0;
+            at += (flags & 0x08) ? 4 : 0;
+            const quint32 defaultSize = (flags & 0x10) ? u32(header, at) : 0;
             const QByteArray decodeTime = reader.contents(*tfdt);
             quint64 time = decodeTime.startsWith('\x01') ? u64(decodeTime, 4) : u32(decodeTime, 4);
+            qint64 offset = base;
+            bool whole = true;
             for (const auto& trun : parts) {
-                if (trun.type != "trun")
+                if (trun.type != "trun" || !whole)
                     continue;
                 const QByteArray run = reader.contents(trun, trun.end - trun.start);
                 const quint32 runFlags = u32(run, 0) & 0xffffff;
-                const quint32 samples = u32(run, 4);
+                if (runFlags & 0x01)
+                    offset = base + qint32(u32(run, 8));
                 qsizetype sample = 8 + ((runFlags & 0x01) ? 4 : 0) + ((runFlags & 0x04) ? 4 : 0);
                 const qsizetype step = ((runFlags & 0x100) ? 4 : 0) + ((runFlags & 0x200) ? 4 : 0) +
                                        ((runFlags & 0x400) ? 4 : 0) + ((runFlags & 0x800) ? 4 : 0);
-                for (quint32 n = 0; n < samples; ++n, sample += step)
+                quint32 samples = u32(run, 4);
+                if (step > 0) // no more than the run has entries for
+                    samples = quint32(std::min<qint64>(
+                        samples, std::max<qint64>(0, (run.size() - sample) / step)));
+                for (quint32 n = 0; n < samples; ++n, sample += step) {
+                    if (offset <= fileSize) // kept from running away on a damaged header
+                        offset += (runFlags & 0x200)
+                                      ? u32(run, sample + ((runFlags & 0x100) ? 4 : 0))
+                                      : defaultSize;
+                    if (torn && offset > fileSize) {
+                        whole = false;
+                        break;
+                    }
                     time += (runFlags & 0x100) ? u32(run, sample) : defaultDuration;
+                }
             }
             const auto timescale = timescales.find(track);
             if (timescale != timescales.end())
                 fragmentEnd = std::max(fragmentEnd, double(time) / timescale->second);
         }
         length = std::max(length, fragmentEnd);
+        if (torn)
+            break;
     }
     return length;
 }
@@ -305,6 +332,10 @@ int copyMovie(const QByteArray& from, const QByteArray& to, std::vector<MovieCha
     if (result < 0)
         return result;
     AVPacket* packet = av_packet_alloc();
+    // Samples of a torn fragment that can't be read: a fragment holds a second of pictures
+    // and sound, so a few hundred at most.
+    constexpr int kMostUnreadable = 1000;
+    int unreadable = 0;
     while (result >= 0) {
         if (cancel && cancel->load()) {
             result = AVERROR_EXIT;
@@ -314,7 +345,11 @@ int copyMovie(const QByteArray& from, const QByteArray& to, std::vector<MovieCha
         if (read == AVERROR_EOF)
             break;
         if (read < 0) {
-            // A crash can leave the last fragment torn: what came before it is the movie.
+            // A crash can leave the last fragment torn. The sound of a fragment lies after its
+            // pictures, so the pictures the file holds whole are read past the sound it lost;
+            // the reader moves on by a sample at each failure.
+            if (read != AVERROR(EIO) && fragmented && ++unreadable <= kMostUnreadable)
+                continue;
             if (read == AVERROR(EIO))
                 result = read;
             else

@@ -23,6 +23,14 @@ namespace orvane {
 
 namespace {
 
+// `text` ending with a full stop.
+QString sentence(QString text)
+{
+    if (!text.endsWith(QLatin1Char('.')))
+        text += QLatin1Char('.');
+    return text;
+}
+
 MovieCodec movieCodec(RecordingCodec codec)
 {
     switch (codec) {
@@ -45,16 +53,14 @@ std::optional<QString> makeFolder(const QString& folder)
         return std::nullopt;
     if (!error)
         error = std::make_error_code(std::errc::not_a_directory);
-    QString text = QString::fromStdString(error.message());
-    if (!text.endsWith(QLatin1Char('.')))
-        text += QLatin1Char('.');
-    return text;
+    return sentence(QString::fromStdString(error.message()));
 }
 
 } // namespace
 
 // A recording's journal, kept until every movie of the recording is finished with its
-// chapters; a movie left fragmented (Orvane quit during the rewrite) keeps it for recovery.
+// chapters; a movie left as it was written (Orvane quit during the rewrite, or the disk had no
+// room for the rewrite) keeps it, so that the next start finishes the movie.
 struct RecordingControl::Journal {
     std::unique_ptr<RecordingJournal> file;
     bool stopped = false;
@@ -216,7 +222,7 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
     ++finishing_;
     ++journal->finishing;
     QPointer<RecordingControl> self(this);
-    const auto rewritten = [self, rewrite, journal](bool cancelled) {
+    const auto rewritten = [self, rewrite, journal](bool leftAsWritten) {
         if (rewrite->over)
             return;
         rewrite->over = true;
@@ -224,16 +230,19 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
         QObject::disconnect(rewrite->gone);
         if (self)
             --self->finishing_;
-        if (cancelled && rewrite->hadMovie)
+        if (leftAsWritten && rewrite->hadMovie)
             journal->keep = true;
         --journal->finishing;
         journal->settle();
     };
     rewrite->finished = connect(
         engine, &CaptureEngine::movieFinished, this,
-        [path = camera.path, rewritten](const QString& finished, const FinishedMovie& movie) {
-            if (finished == path)
-                rewritten(movie.result == FinishedMovie::Result::cancelled);
+        [this, path = camera.path, rewritten](const QString& finished, const FinishedMovie& movie) {
+            if (finished != path)
+                return;
+            if (const auto message = chaptersLaterMessage(QFileInfo(path).fileName(), movie))
+                Q_EMIT errorOccurred(*message);
+            rewritten(movie.result != FinishedMovie::Result::finished);
         });
     rewrite->gone = connect(engine, &QObject::destroyed, this, [rewritten] { rewritten(true); });
 
@@ -243,7 +252,9 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
                                                 rewritten,
                                                 done = std::move(done)](Recorder::Outcome outcome) {
         Finished finished{label, outcome, std::nullopt};
-        rewrite->hadMovie = outcome.movie.has_value();
+        // A movie cut short by a failure (a full disk) has frames but is not rewritten now:
+        // its journal stays, so that the next start finishes it once there is room.
+        rewrite->hadMovie = outcome.movie || outcome.start;
         if (!rewrite->hadMovie)
             rewritten(false); // no frame ever came: nothing to rewrite
         if (outcome.movie && !outcome.error && writesCueLog) {
@@ -258,6 +269,22 @@ void RecordingControl::finishCamera(Running camera, bool writesCueLog, QList<Cue
         }
         done(std::move(finished));
     });
+}
+
+std::optional<QString> RecordingControl::chaptersLaterMessage(const QString& movieName,
+                                                              const FinishedMovie& movie)
+{
+    const QString later =
+        QStringLiteral(" It plays as it is; Orvane adds them when it next starts.");
+    if (movie.result == FinishedMovie::Result::noRoom)
+        return QStringLiteral("There wasn't room on the disk to add the cue chapters to “%1”.")
+                   .arg(movieName) +
+               later;
+    if (movie.result == FinishedMovie::Result::failed)
+        return QStringLiteral("Orvane couldn't add the cue chapters to “%1”: %2")
+                   .arg(movieName, sentence(movie.message)) +
+               later;
+    return std::nullopt;
 }
 
 QString RecordingControl::fallingBehindMessage(MovieCodec codec)
@@ -296,10 +323,8 @@ void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& e
         return;
     Running camera = std::move(*found);
     running_.erase(found);
-    QString description = error.description();
-    if (!description.endsWith(QLatin1Char('.')))
-        description += QLatin1Char('.');
-    Q_EMIT errorOccurred(QStringLiteral("A camera stopped recording. ") + description);
+    Q_EMIT errorOccurred(QStringLiteral("A camera stopped recording. ") +
+                         sentence(error.description()));
     // The failed movie keeps what was written before the failure, with the chapters so far;
     // it gets no cue log.
     finishCamera(std::move(camera), false, cueLog_, journal_, [](const Finished&) {});

@@ -93,6 +93,10 @@ public:
     static QString noFeedMessage();
     // What the user reads when the encoder cannot keep up with the cameras.
     static QString fallingBehindMessage(MovieCodec codec);
+    // What a user is told when a stopped movie couldn't get its chapters; nothing when it did
+    // or when the rewrite was only put off.
+    static std::optional<QString> chaptersLaterMessage(const QString& movieName,
+                                                       const FinishedMovie& movie);
 
 Q_SIGNALS:
     void recordingStartChanged();

@@ -21,8 +21,6 @@
 # Runs itself inside scripts/offline when not isolated yet. ORVANE_SOAK_KEEP=1 keeps the movies
 # (the logs of a failed run are always kept; the last line says where).
 set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd)
-
 usage="usage: soak.sh [--ci] [--minutes M] ORVANE NDI_RUNTIME_DIR"
 mode=full
 minutes=
@@ -37,16 +35,12 @@ done
 [ -z "$minutes" ] || [[ $minutes =~ ^[1-9][0-9]*$ ]] || { echo "$usage" >&2; exit 2; }
 orvane=$(realpath "$1")
 ndi_runtime=$(realpath "$2")
-if [ "${ORVANE_SOAK_ISOLATED:-0}" != 1 ]; then
-    args=()
-    [ $mode = ci ] && args+=(--ci)
-    [ -n "$minutes" ] && args+=(--minutes "$minutes")
-    ORVANE_SOAK_ISOLATED=1 exec "$here/../../scripts/offline" bash "$0" "${args[@]}" "$orvane" \
-        "$ndi_runtime"
-fi
-for tool in oscsend ffprobe curl ip; do
-    command -v $tool >/dev/null || { echo "SKIP: $tool is not installed"; exit 0; }
-done
+source "$(dirname "$0")/../app/lib.sh"
+args=()
+[ $mode = ci ] && args+=(--ci)
+[ -n "$minutes" ] && args+=(--minutes "$minutes")
+run_offline "$0" "${args[@]}" "$orvane" "$ndi_runtime"
+need_tools oscsend ffprobe curl ip
 [ -f "$ndi_runtime/libndi.so.6" ] || { echo "no stand-in NDI runtime in $ndi_runtime" >&2; exit 2; }
 
 if [ $mode = ci ]; then
@@ -59,13 +53,10 @@ fi
 osc_port=9301 web_port=9380 fps=30 cue_every=0.2 viewers=10
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/orvane-soak.XXXXXX")
-pids=()
 stall_fd=
 cleanup() {
     local code=$?
-    for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-    ip netns del soak-console 2>/dev/null || true
+    stop_everything
     if [ "${ORVANE_SOAK_KEEP:-0}" = 1 ]; then
         echo "soak: everything kept in $work"
     elif [ $code -eq 0 ]; then
@@ -76,8 +67,7 @@ cleanup() {
     fi
 }
 trap cleanup EXIT
-export HOME=$work/home XDG_CONFIG_HOME=$work/home/.config XDG_DATA_HOME=$work/home/.local/share
-export QT_QPA_PLATFORM=offscreen ORVANE_STRICT_CHECKS=1
+use_home "$work"
 # The stand-in NDI runtime, found through the ordinary search; it logs every frame it is given
 # and reports one receiver.
 export NDI_RUNTIME_DIR_V6=$ndi_runtime ORVANE_NDI_TEST_LOG=$work/ndi.log
@@ -87,37 +77,15 @@ export ORVANE_NDI_TEST_CONNECTIONS=1
 # reported, and LeakSanitizer judges leaks when Orvane exits.
 sanitized=0
 grep -qa __asan_init "$orvane" && sanitized=1
-mkdir -p "$HOME"
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-pass() { echo "PASS: $*"; }
 note() { echo "      $*"; }
-now() { date +%s.%N; }
 since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
 # ratio A B: A / B as a percentage with two decimals (0 when B is 0).
 percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? 100 * a / b : 0) }'; }
 
-# wait_for FILE PATTERN SECONDS [FROM_LINE]: until a line of FILE (from FROM_LINE on) holds the
-# fixed text PATTERN.
-wait_for() {
-    local deadline=$(($(date +%s) + $3))
-    until awk -v from="${4:-1}" -v text="$2" 'NR >= from && index($0, text) { found = 1; exit }
-        END { exit !found }' "$1" 2>/dev/null; do
-        if [ "$(date +%s)" -ge $deadline ]; then
-            echo "timed out waiting for '$2' in $1"; tail -20 "$1" | sed 's/^/    /'; return 1
-        fi
-        sleep 0.1
-    done
-}
 lines_of() { wc -l <"$1"; }
 
 # --- The pretend console on a host of its own, the pretend QLab on this one -------------------
-ip netns add soak-console
-ip link add soak-o type veth peer name soak-c netns soak-console
-ip addr add 10.99.7.1/24 dev soak-o && ip link set soak-o up
-ip netns exec soak-console ip addr add 10.99.7.2/24 dev soak-c
-ip netns exec soak-console ip link set soak-c up
-ip netns exec soak-console ip link set lo up
+console_host soak 10.99.7
 start_console() {
     ip netns exec soak-console "$orvane" pretend-console --address 10.99.7.2 --no-discovery \
         --auto-go $cue_every </dev/null >>"$work/console.out" 2>&1 &
@@ -142,21 +110,9 @@ cat >"$work/soak.json" <<JSON
  "oscEnabled": true, "oscPort": $osc_port,
  "webViewerEnabled": true, "webViewerPort": $web_port, "ndiEnabled": true, "ndiName": "Soak"}
 JSON
-# start_orvane NAME FOLDER ARGS...: headless Orvane with its output in $work/NAME.out.
-start_orvane() {
-    local name=$1 folder=$2; shift 2
-    "$orvane" --headless --settings "$work/soak.json" --recordings "$folder" "$@" \
-        >"$work/$name.out" 2>"$work/$name.err" &
-    orvane_pid=$!
-    pids+=("$orvane_pid")
-}
-# stop_orvane: SIGTERM; the exit code must be 0 within 60 s.
-stop_orvane() {
-    kill -TERM "$orvane_pid"
-    local code=0
-    timeout 60 tail --pid="$orvane_pid" -f /dev/null || { fail "orvane did not stop"; return; }
-    wait "$orvane_pid" || code=$?
-    [ $code -eq 0 ] || fail "orvane exited with $code"
+# start_soak NAME FOLDER ARGS...: Orvane on these settings, recording into FOLDER.
+start_soak() {
+    start_orvane "$1" --settings "$work/soak.json" --recordings "$2" "${@:3}"
 }
 rss() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status" 2>/dev/null || echo 0; }
 alive() { # PID: running, not a zombie
@@ -166,7 +122,7 @@ alive() { # PID: running, not a zombie
 }
 osc() { oscsend localhost $osc_port "$@"; }
 
-start_orvane soak "$work/Recordings"
+start_soak soak "$work/Recordings"
 for line in "The camera is live." "Eos: Connected." "QLab: Connected." "Watch the picture at"; do
     wait_for "$work/soak.out" "$line" 60
 done
@@ -237,7 +193,7 @@ ndi_frames=$(($(grep -c '^video ' "$work/ndi.log" || true) - ${ndi_before:-0}))
 stalled=dropped
 timeout 10 cat <&"$stall_fd" >/dev/null 2>&1 || [ $? -ne 124 ] || stalled="still connected"
 exec {stall_fd}<&-
-stop_orvane
+stop_orvane 60
 [ -f "$work/follow.txt" ] && follow=$(cat "$work/follow.txt")
 
 # --- What the run left ------------------------------------------------------------------------
@@ -279,14 +235,6 @@ fi
 # N frames while recording."), and what every movie holds against its duration.
 reported_lost=$(awk '/^The main camera lost .* while recording\.$/ { lost += $5 }
     END { print lost + 0 }' "$work/soak.out")
-frames_of() {
-    ffprobe -v error -select_streams v:0 -count_packets \
-        -show_entries stream=nb_read_packets -of csv=p=0 "$1" 2>/dev/null || echo 0
-}
-duration_of() {
-    ffprobe -v error -select_streams v:0 -show_entries stream=duration -of csv=p=0 "$1" \
-        2>/dev/null || echo 0
-}
 # decodes_to_end MOVIE DURATION: the last second decodes without an error, frame by frame.
 decodes_to_end() {
     local from last errors
@@ -304,7 +252,7 @@ expected_movies=$((2 * ((duration + cycle - 1) / cycle)))
 total_frames=0 total_expected=0 main_expected=0
 for movie in "${movies[@]}"; do
     name=$(basename "$movie" .mov)
-    frames=$(frames_of "$movie")
+    frames=$(frames "$movie")
     seconds=$(duration_of "$movie")
     expected=$(awk -v d="$seconds" -v f=$fps 'BEGIN { printf "%d", d * f + 0.5 }')
     total_frames=$((total_frames + frames)) total_expected=$((total_expected + expected))
@@ -434,7 +382,7 @@ if ! "$orvane" recover --help >/dev/null 2>&1; then
     echo "SKIP: the SIGKILL run: this Orvane cannot recover recordings yet (no 'orvane recover')"
 else
     # --record waits for both cameras, so both movies must come back.
-    start_orvane killed "$work/Killed" --record
+    start_soak killed "$work/Killed" --record
     wait_for "$work/killed.out" "Recording to" 60
     wait_for "$work/killed.out" "Soak Wide" 30
     sleep $((5 + RANDOM % kill_max))
@@ -443,13 +391,13 @@ else
     mapfile -t logged < <(grep -o 'Cue log [0-9:]*: .*' "$work/killed.out" |
         sed -E 's/^Cue log [0-9:]+: //; s/ \(timecode .*\)$//; s/ — /,/')
     note "killed Orvane after ${#logged[@]} cue log rows"
-    start_orvane recovered "$work/Killed"
+    start_soak recovered "$work/Killed"
     if wait_for "$work/recovered.out" "recovered" 60; then
         pass "$(grep -m1 'recovered' "$work/recovered.out")"
     else
         fail "the next start recovered nothing"
     fi
-    stop_orvane
+    stop_orvane 60
     mapfile -t killed_movies < <(find "$work/Killed" -name '*.mov' | sort)
     [ ${#killed_movies[@]} -eq 2 ] || fail "${#killed_movies[@]} movies after the kill"
     for movie in "${killed_movies[@]}"; do
@@ -473,9 +421,4 @@ else
     "$orvane" recover "$work/Killed" >"$work/recover.out" 2>&1 || fail "orvane recover failed"
 fi
 
-if [ $failures -eq 0 ]; then
-    echo "soak: all checks passed"
-    exit 0
-fi
-echo "soak: $failures checks failed"
-exit 1
+finish soak

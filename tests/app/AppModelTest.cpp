@@ -1,16 +1,21 @@
 // The application model as a whole: each configuration value applied once at start and once
-// per real change, extra camera feeds following the settings, a recording of the demo show
-// with its cue log and what headless mode says of it, its messages, and the network path
-// monitor seeing a veth pair come and go. ("/tavrin/" commands: SurfaceRepliesTest.)
+// per real change, extra camera feeds following the settings, its messages, the network path
+// monitor seeing a veth pair come and go, and control surfaces getting answers: a "/tavrin/"
+// message sent over real UDP is carried out whatever its argument types, and the state of the
+// recording comes back to the sender's own address and port, with the sentence of a command
+// that failed; answers and fields are never answered, and whoever asked hears again when
+// recording stops. (A recording of the demo show and what headless mode says of it: the
+// end-to-end test.) And the Eos settings with the link: edits reach the link, and what the
+// link reports is kept in the settings and applied once, never half-written.
 
 #include "app/AppModel.h"
-#include "app/CueLog.h"
-#include "app/StatusReporter.h"
+#include "app/EosSettings.h"
+#include "osc/OSCMessage.h"
 #include "support/NetNamespace.h"
 
 #include <QFile>
 #include <QGuiApplication>
-#include <QRegularExpression>
+#include <QNetworkDatagram>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -20,6 +25,7 @@
 #include <memory>
 
 Q_DECLARE_METATYPE(std::function<void(orvane::AppSettings&)>)
+Q_DECLARE_METATYPE(std::function<void(orvane::EosConnection&)>)
 
 using namespace orvane;
 
@@ -38,7 +44,31 @@ quint16 freeUdpPort()
 // One change to the settings, made once the model runs.
 using Change = std::function<void(AppSettings&)>;
 
+// One report of the Eos link.
+using Report = std::function<void(EosConnection&)>;
+
+// What the model meets when a surface's command arrives.
+enum class Before { stopped, recording, noCamera, noFolder };
+
+// Every answer waiting at `surface`, as address and first value.
+QVariantMap answers(QUdpSocket& surface)
+{
+    QVariantMap values;
+    while (surface.hasPendingDatagrams())
+        for (const OSCMessage& message : decodeOSCPacket(surface.receiveDatagram().data())) {
+            QVariant& value = values[QString::fromStdString(message.address)];
+            if (const auto* number = std::get_if<std::int32_t>(&message.arguments.at(0)))
+                value = *number;
+            else if (const auto* text = std::get_if<std::string>(&message.arguments.at(0)))
+                value = QString::fromStdString(*text);
+        }
+    return values;
+}
+
 } // namespace
+
+Q_DECLARE_METATYPE(Before)
+Q_DECLARE_METATYPE(orvane::OSCMessage)
 
 class AppModelTest : public QObject {
     Q_OBJECT
@@ -48,12 +78,17 @@ private Q_SLOTS:
     void appliesEachValueOncePerChange_data();
     void appliesEachValueOncePerChange();
     void followsTheExtraCameras();
-    void recordsTheDemoWithItsCueLog();
     void saysWhatWentWrong();
     void reportsNetworkChanges();
+    void answersTheSender_data();
+    void answersTheSender();
+    void keepsEosReportsAndAppliesThemWhole_data();
+    void keepsEosReportsAndAppliesThemWhole();
+    void eosEditsReachTheLink();
 
 private:
     std::unique_ptr<AppModel> makeModel(RunOptions options = {});
+    std::unique_ptr<AppSettings> makeSettings();
 
     std::unique_ptr<QTemporaryDir> dir_;
     quint16 oscPort_ = 0;
@@ -65,15 +100,21 @@ void AppModelTest::init()
     oscPort_ = freeUdpPort();
 }
 
+std::unique_ptr<AppSettings> AppModelTest::makeSettings()
+{
+    return std::make_unique<AppSettings>(
+        AppSettings::Location{dir_->filePath("Orvane.json"), dir_->filePath("support")});
+}
+
 std::unique_ptr<AppModel> AppModelTest::makeModel(RunOptions options)
 {
-    auto settings = std::make_unique<AppSettings>(
-        AppSettings::Location{dir_->filePath("Orvane.json"), dir_->filePath("support")});
+    auto settings = makeSettings();
     settings->setEosEnabled(false);
     settings->setQlabEnabled(false);
     settings->setOscPort(oscPort_);
     settings->setCodec(RecordingCodec::h264);
-    options.recordingsFolder = dir_->filePath("Videos/Orvane");
+    if (!options.recordingsFolder)
+        options.recordingsFolder = dir_->filePath("Videos/Orvane");
     auto model = std::make_unique<AppModel>(std::move(settings), options);
     model->engine().setTestPatternFormat({96, 54, 30});
     return model;
@@ -176,44 +217,6 @@ void AppModelTest::followsTheExtraCameras()
     QCOMPARE(model->overlayUpdate().labels.value(QUuid()), model->settings().cameraLabel());
 }
 
-void AppModelTest::recordsTheDemoWithItsCueLog()
-{
-    auto model = makeModel({.demo = true});
-    StatusReporter reporter(*model);
-    QStringList lines;
-    connect(&reporter, &StatusReporter::line, this,
-            [&](const QString& line) { lines.append(line); });
-    model->start();
-    QTRY_COMPARE_WITH_TIMEOUT(model->feedState().kind, FeedState::Kind::live, 10000);
-    QVERIFY(model->show().activeCue().has_value());
-    model->startRecording();
-    const QString movie = *model->lastRecording();
-    // The cue that was active at the start is the first row, with the demo's timecode.
-    QCOMPARE(model->cueLog().size(), 1);
-    QVERIFY(model->cueLog()[0].event.startsWith("Cue "));
-    QVERIFY(model->cueLog()[0].timecode.startsWith("01:00:"));
-    model->addMarker();
-    QTest::qWait(300); // a few frames in the movie
-    QSignalSpy finished(&model->recording(), &RecordingControl::recordingFinished);
-    model->stopRecording();
-    QVERIFY(finished.size() == 1 || finished.wait(20000));
-
-    QFile csv(cueLogPath(movie));
-    QVERIFY(csv.open(QIODevice::ReadOnly));
-    QVERIFY(csv.readAll().contains(",Marker,Marker\n"));
-    for (const QString& line :
-         QStringList{"The camera is live.", "Recording to “" + movie + "”.",
-                     "Saved “" + movie + "”.", "Saved the cue log “" + cueLogPath(movie) + "”."})
-        QVERIFY2(lines.contains(line), qPrintable(line));
-    QCOMPARE(
-        lines.filter(QRegularExpression("^The main camera lost .* while recording\\.$")).size(), 1);
-    // A new recording starts a new log, with the cue that is active then.
-    model->startRecording();
-    QCOMPARE(model->cueLog().size(), 1);
-    model->stopRecording();
-    QTRY_COMPARE(model->recording().finishingCount(), 0);
-}
-
 void AppModelTest::saysWhatWentWrong()
 {
     auto model = makeModel();
@@ -276,6 +279,175 @@ void AppModelTest::reportsNetworkChanges()
     model->pathMonitor().check();
     QCOMPARE(restarted.size(), 2);
     QVERIFY(!restarted[1][0].toStringList().contains(gone));
+}
+
+void AppModelTest::answersTheSender_data()
+{
+    QTest::addColumn<Before>("before");
+    QTest::addColumn<OSCMessage>("message");
+    QTest::addColumn<bool>("answered");
+    QTest::addColumn<int>("recording");
+    QTest::addColumn<QString>("error");  // the beginning of the sentence
+    QTest::addColumn<QString>("marker"); // the last cue log row's detail
+
+    const QByteArray blob("\x01\x02", 2);
+    const auto row = [](const char* name, Before before, OSCMessage message, int recording,
+                        const char* error = "", const char* marker = "") {
+        QTest::newRow(name) << before << message << true << recording << QString(error)
+                            << QString(marker);
+    };
+    row("state", Before::stopped, {"/tavrin/state", {}}, 0);
+    row("start, in any case", Before::stopped, {"/TAVRIN/Record/Start", {}}, 1);
+    row("start while recording", Before::recording, {"/tavrin/record/start", {}}, 1);
+    row("toggle with a float", Before::recording, {"/tavrin/record", {2.5f}}, 0);
+    row("toggle with a blob", Before::stopped, {"/tavrin/record/toggle", {blob}}, 1);
+    row("marker with a number", Before::recording, {"/tavrin/marker", {std::int32_t(7)}}, 1, "",
+        "7");
+    row("marker with a blob", Before::recording, {"/tavrin/marker", {blob}}, 1, "", "Marker");
+    row("marker while stopped", Before::stopped, {"/tavrin/marker", {std::string("Fight")}}, 0,
+        "Orvane isn't recording, so the marker wasn't added.");
+    row("layout without a name", Before::stopped, {"/tavrin/layout", {}}, 0);
+    row("layout named by a number", Before::stopped, {"/tavrin/layout", {std::int32_t(3)}}, 0,
+        "There's no saved layout named “3”.");
+    row("unknown word", Before::recording, {"/tavrin/nonsense", {true}}, 1);
+    row("start without a camera", Before::noCamera, {"/tavrin/record/start", {}}, 0,
+        "There's no camera feed to record.");
+    row("start where the folder cannot be made", Before::noFolder, {"/tavrin/record", {}}, 0,
+        "Orvane couldn't create the recordings folder in Videos. ");
+    const auto unanswered = [](const char* name, OSCMessage message) {
+        QTest::newRow(name) << Before::stopped << message << false << 0 << QString() << QString();
+    };
+    unanswered("an answer", {"/tavrin/reply/recording", {std::int32_t(1)}});
+    unanswered("a field", {"/tavrin/field/Scene", {std::string("2")}});
+}
+
+void AppModelTest::answersTheSender()
+{
+    QFETCH(Before, before);
+    QFETCH(OSCMessage, message);
+    QFETCH(bool, answered);
+    QFETCH(int, recording);
+    QFETCH(QString, error);
+    QFETCH(QString, marker);
+
+    QVERIFY(QFile(dir_->filePath("file")).open(QIODevice::WriteOnly));
+    RunOptions options;
+    if (before == Before::noFolder)
+        options.recordingsFolder = dir_->filePath("file/Videos");
+    auto model = makeModel(options);
+    model->settings().setCameraLabel("Act 1/2");
+    if (before == Before::noCamera)
+        model->settings().setCameraID(QStringLiteral("/dev/video-missing"));
+    model->start();
+    if (before != Before::noCamera)
+        QTRY_COMPARE_WITH_TIMEOUT(model->feedState().kind, FeedState::Kind::live, 10000);
+    QTRY_COMPARE(model->input().listener().state().kind, OSCListener::State::Kind::listening);
+    if (before == Before::recording)
+        QVERIFY(model->recording().start());
+
+    // The surface on an address of its own; a second one asks for the state afterwards.
+    // Messages are handled in order, so once the second has its answer, the first has all.
+    QUdpSocket surface;
+    QUdpSocket checker;
+    QVERIFY(surface.bind(QHostAddress("127.0.0.2"), 0));
+    QVERIFY(checker.bind(QHostAddress::LocalHost, 0));
+    surface.writeDatagram(encodeOSC(message), QHostAddress::LocalHost, oscPort_);
+    checker.writeDatagram(encodeOSC({"/tavrin/state", {}}), QHostAddress::LocalHost, oscPort_);
+    QTRY_VERIFY(checker.hasPendingDatagrams());
+    const QVariantMap checked = answers(checker);
+    QCOMPARE(checked.value("/tavrin/reply/error"), QVariant(QString()));
+    QVERIFY(checked.value("/tavrin/reply/minutesleft").toInt() > 0);
+
+    const QVariantMap got = answers(surface);
+    QCOMPARE(model->isRecording(), recording == 1);
+    if (!answered) {
+        QVERIFY2(got.isEmpty(), qPrintable(got.keys().join(' ')));
+        return;
+    }
+    QCOMPARE(got.value("/tavrin/reply/recording"), QVariant(recording));
+    const QString sentence = got.value("/tavrin/reply/error").toString();
+    QVERIFY2(error.isEmpty() ? sentence.isEmpty() : sentence.startsWith(error),
+             qPrintable(sentence));
+    if (!error.isEmpty() && before != Before::stopped)
+        QCOMPARE(model->errorMessage(), std::optional<QString>(sentence));
+    if (!marker.isEmpty())
+        QCOMPARE(model->cueLog().last().detail, marker);
+    if (recording == 0)
+        return;
+
+    QVERIFY2(got.value("/tavrin/reply/movie").toString().startsWith("Act 1-2 "),
+             qPrintable(got.value("/tavrin/reply/movie").toString()));
+    // Stopped from the window: whoever asked is told, without an error.
+    model->stopRecording();
+    QTRY_VERIFY(checker.hasPendingDatagrams());
+    const QVariantMap told = answers(checker);
+    QCOMPARE(told.value("/tavrin/reply/recording"), QVariant(0));
+    QVERIFY(!told.contains("/tavrin/reply/error"));
+    QTRY_COMPARE(model->recording().finishingCount(), 0);
+}
+
+void AppModelTest::keepsEosReportsAndAppliesThemWhole_data()
+{
+    QTest::addColumn<Report>("report");
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<std::optional<QString>>("consoleID");
+    QTest::addColumn<bool>("enabled");
+
+    const Report adopted = [](EosConnection& c) {
+        Q_EMIT c.consoleAdopted({"10.0.0.7", std::nullopt, "ION-B", std::nullopt});
+    };
+    QTest::newRow("adopted") << adopted << "10.0.0.7" << std::optional<QString>("ION-B") << true;
+    QTest::newRow("forgotten") << Report([](EosConnection& c) { Q_EMIT c.consoleForgotten(); })
+                               << "" << std::optional<QString>() << false;
+    QTest::newRow("turned on") << Report([](EosConnection& c) { Q_EMIT c.turnedOn(); })
+                               << "10.0.0.5" << std::optional<QString>("ION-A") << true;
+}
+
+void AppModelTest::keepsEosReportsAndAppliesThemWhole()
+{
+    QFETCH(Report, report);
+    QFETCH(QString, host);
+    QFETCH(std::optional<QString>, consoleID);
+    QFETCH(bool, enabled);
+
+    const auto settings = makeSettings();
+    settings->setEosEnabled(false);
+    settings->setEosHost(QStringLiteral("10.0.0.5"));
+    settings->setEosNetwork(NetworkKind::wired);
+    settings->setEosConsoleID(QStringLiteral("ION-A"));
+    settings->setEosConsoleName(QStringLiteral("Booth"));
+    EosConnection connection;
+    auto* binding = new EosSettings(connection, *settings);
+    binding->apply();
+
+    // Every configuration the link is given from here on.
+    QList<EosConnection::Configuration> applied;
+    connect(&connection, &EosConnection::configurationChanged, this,
+            [&] { applied.append(*connection.configuration()); });
+    report(connection);
+    QCOMPARE(settings->eosHost(), host);
+    QCOMPARE(settings->eosConsoleID(), consoleID);
+    QCOMPARE(settings->eosEnabled(), enabled);
+    QCOMPARE(applied.size(), 1); // once, with every key written
+    QCOMPARE(applied.front(), eosConfiguration(*settings));
+}
+
+void AppModelTest::eosEditsReachTheLink()
+{
+    const auto settings = makeSettings();
+    EosConnection connection;
+    new EosSettings(connection, *settings);
+    QCOMPARE(connection.configuration(), std::nullopt); // nothing until applied or edited
+    settings->setEosHost(QStringLiteral("  ion.local "));
+    QCOMPARE(connection.configuration()->host, QStringLiteral("  ion.local "));
+    settings->setEosConsoleName(QStringLiteral("Booth Gio"));
+    QCOMPARE(connection.configuration()->consoleName, std::optional<QString>("Booth Gio"));
+    settings->setEosPort(3032);
+    settings->setEosFraming(OSCFraming::lengthPrefixed);
+    QCOMPARE(*connection.configuration(), eosConfiguration(*settings));
+    QCOMPARE(connection.statusText(), QStringLiteral("Connecting…"));
+    settings->setEosEnabled(false);
+    QCOMPARE(connection.statusText(), QStringLiteral("Off"));
 }
 
 int main(int argc, char** argv)

@@ -21,6 +21,8 @@
 # Runs itself inside scripts/offline when not isolated yet. ORVANE_SOAK_KEEP=1 keeps the movies
 # (the logs of a failed run are always kept; the last line says where).
 set -euo pipefail
+source "$(dirname "$0")/../app/lib.sh"
+run_offline "$0" "$@"
 usage="usage: soak.sh [--ci] [--minutes M] ORVANE NDI_RUNTIME_DIR"
 mode=full
 minutes=
@@ -35,11 +37,6 @@ done
 [ -z "$minutes" ] || [[ $minutes =~ ^[1-9][0-9]*$ ]] || { echo "$usage" >&2; exit 2; }
 orvane=$(realpath "$1")
 ndi_runtime=$(realpath "$2")
-source "$(dirname "$0")/../app/lib.sh"
-args=()
-[ $mode = ci ] && args+=(--ci)
-[ -n "$minutes" ] && args+=(--minutes "$minutes")
-run_offline "$0" "${args[@]}" "$orvane" "$ndi_runtime"
 need_tools oscsend ffprobe curl ip
 [ -f "$ndi_runtime/libndi.so.6" ] || { echo "no stand-in NDI runtime in $ndi_runtime" >&2; exit 2; }
 
@@ -79,9 +76,9 @@ sanitized=0
 grep -qa __asan_init "$orvane" && sanitized=1
 note() { echo "      $*"; }
 since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
-# ratio A B: A / B as a percentage with two decimals (0 when B is 0).
+# percent A B: A / B as a percentage with two decimals (0 when B is 0).
 percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? 100 * a / b : 0) }'; }
-
+below() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a < b) }'; }
 lines_of() { wc -l <"$1"; }
 
 # --- The pretend console on a host of its own, the pretend QLab on this one -------------------
@@ -225,10 +222,8 @@ note "resident memory: $rss_warm kB at $warmup s, $rss_end kB at the end, $rss_m
     "lowest $rss_first kB in the first third after the warm-up, $rss_last kB in the last"
 if [ $sanitized -eq 1 ]; then
     note "memory grew ${growth} % after the warm-up (not judged in a sanitizer build)"
-elif awk -v g="$growth" 'BEGIN { exit !(g < 5) }'; then
-    pass "memory grew ${growth} % after the warm-up"
 else
-    fail "memory grew ${growth} % after the warm-up"
+    check "memory grew ${growth} % after the warm-up" below "$growth" 5
 fi
 
 # Frames: what Orvane says the main camera lost ("The main camera lost no frames / 1 frame /
@@ -247,8 +242,7 @@ decodes_to_end() {
 }
 mapfile -t movies < <(find "$work/Recordings" -name '*.mov' | sort)
 expected_movies=$((2 * ((duration + cycle - 1) / cycle)))
-[ ${#movies[@]} -eq $expected_movies ] && pass "$expected_movies movies" ||
-    fail "${#movies[@]} movies, expected $expected_movies"
+check "${#movies[@]} movies, expected $expected_movies" [ ${#movies[@]} -eq $expected_movies ]
 total_frames=0 total_expected=0 main_expected=0
 for movie in "${movies[@]}"; do
     name=$(basename "$movie" .mov)
@@ -259,19 +253,15 @@ for movie in "${movies[@]}"; do
     [[ $name = "Soak Main "* ]] && main_expected=$((main_expected + expected))
     lost=$(percent $((expected - frames)) "$expected")
     note "$name: ${seconds}s, $frames frames of $expected (${lost} % lost)"
-    awk -v l="$lost" 'BEGIN { exit !(l < 0.5) }' || fail "$name lost ${lost} % of its frames"
+    below "$lost" 0.5 || fail "$name lost ${lost} % of its frames"
     decodes_to_end "$movie" "$seconds" ||
         fail "$name does not decode to its end: $(head -3 "$work/decode.err")"
 done
 movie_lost=$(percent $((total_expected - total_frames)) "$total_expected")
 orvane_lost=$(percent "$reported_lost" "$main_expected")
-if awk -v a="$movie_lost" -v b="$orvane_lost" 'BEGIN { exit !(a < 0.5 && b < 0.5) }'; then
-    pass "frames lost: ${movie_lost} % by the movies, ${orvane_lost} % ($reported_lost) of the" \
-        "main camera's by Orvane"
-else
-    fail "frames lost: ${movie_lost} % by the movies, ${orvane_lost} % ($reported_lost) of the" \
-        "main camera's by Orvane"
-fi
+what="frames lost: ${movie_lost} % by the movies, ${orvane_lost} % ($reported_lost) of the"
+what+=" main camera's by Orvane"
+below "$movie_lost" 0.5 && below "$orvane_lost" 0.5 && pass "$what" || fail "$what"
 
 # Cue logs: the console's cues in its order with none missing (one break in the order or in
 # time where the console was restarted), from the first second to the last; the QLab cues;
@@ -329,11 +319,8 @@ for index in "${!stamps[@]}"; do
     seconds=$(duration_of "$work/Recordings/Soak Main $stamp.mov")
     allowed=0
     [ $index -eq $(((kill_at - 1) / cycle)) ] && allowed=1 # the console's restart
-    if summary=$(check_cue_log "$main_csv" "$seconds" $allowed 2>&1); then
-        pass "$stamp cue log: $summary"
-    else
-        fail "$stamp cue log: $summary"
-    fi
+    summary=$(check_cue_log "$main_csv" "$seconds" $allowed 2>&1) &&
+        pass "$stamp cue log: $summary" || fail "$stamp cue log: $summary"
     while IFS= read -r text; do
         count=$(grep -cF ",Marker,\"$text\"" "$main_csv" || true)
         [ "$count" -eq 1 ] || fail "$stamp: the marker \"$text\" is there $count times"
@@ -341,11 +328,9 @@ for index in "${!stamps[@]}"; do
 done
 
 # The console followed again after its restart.
-if [ "$follow" != none ] && awk -v f="$follow" 'BEGIN { exit !(f <= 15) }'; then
-    pass "the console was followed again ${follow}s after its restart"
-else
+[ "$follow" != none ] && ! below 15 "$follow" &&
+    pass "the console was followed again ${follow}s after its restart" ||
     fail "the console was not followed again within 15 s of its restart ($follow)"
-fi
 
 # Viewers: each reading one got frames all along (their streams ended with Orvane); the stalled
 # one was dropped.
@@ -359,20 +344,16 @@ viewer_rates=$(for i in $(seq 2 $viewers); do
 done | sort -n | tr '\n' ' ')
 note "web frames a second at each of $((viewers - 1)) reading viewers: $viewer_rates"
 slowest=${viewer_rates%% *}
-awk -v r="$slowest" 'BEGIN { exit !(r >= 5) }' && pass "every reading viewer got frames" ||
-    fail "a viewer got $slowest frames a second"
-[ "$stalled" = dropped ] && pass "the stalled viewer was dropped" ||
-    fail "the stalled viewer was still connected at the end"
+below "$slowest" 5 && fail "a viewer got $slowest frames a second" ||
+    pass "every reading viewer got frames"
+check "the stalled viewer was $stalled at the end" [ "$stalled" = dropped ]
 
 # NDI: frames sent into the stand-in runtime, none changed while it read them, every sender
 # destroyed.
 ndi_rate=$(awk -v n="$ndi_frames" -v s="$run_seconds" 'BEGIN { printf "%.1f", n / s }')
 note "NDI: $ndi_frames frames, $ndi_rate a second"
-if awk -v r="$ndi_rate" -v f=$fps 'BEGIN { exit !(r >= f * 0.9) }'; then
+below "$ndi_rate" $((fps * 9 / 10)) && fail "NDI got $ndi_rate frames a second" ||
     pass "NDI got $ndi_rate frames a second"
-else
-    fail "NDI got $ndi_rate frames a second"
-fi
 grep -q 'changed-while-sending' "$work/ndi.log" && fail "an NDI frame changed while it was sent"
 [ "$(grep -c '^create ' "$work/ndi.log")" -eq "$(grep -c '^destroy ' "$work/ndi.log")" ] ||
     fail "an NDI sender was not destroyed"
@@ -392,11 +373,8 @@ else
         sed -E 's/^Cue log [0-9:]+: //; s/ \(timecode .*\)$//; s/ — /,/')
     note "killed Orvane after ${#logged[@]} cue log rows"
     start_soak recovered "$work/Killed"
-    if wait_for "$work/recovered.out" "recovered" 60; then
-        pass "$(grep -m1 'recovered' "$work/recovered.out")"
-    else
+    wait_for "$work/recovered.out" recovered 60 && pass "$(grep -m1 recovered "$work/recovered.out")" ||
         fail "the next start recovered nothing"
-    fi
     stop_orvane 60
     mapfile -t killed_movies < <(find "$work/Killed" -name '*.mov' | sort)
     [ ${#killed_movies[@]} -eq 2 ] || fail "${#killed_movies[@]} movies after the kill"
@@ -412,11 +390,8 @@ else
         for row in "${logged[@]:0:sure}"; do
             grep -qF -- ",$row" "$csv" || missing=$((missing + 1))
         done
-        if [ $missing -eq 0 ] && [ $rows -ge $sure ]; then
-            pass "$name: the recovered cue log holds all $rows rows"
-        else
-            fail "$name: $rows rows, $missing of the ${#logged[@]} printed rows missing"
-        fi
+        what="$name: the recovered cue log holds $rows rows, $missing of ${#logged[@]} missing"
+        [ $missing -eq 0 ] && [ $rows -ge $sure ] && pass "$what" || fail "$what"
     done
     "$orvane" recover "$work/Killed" >"$work/recover.out" 2>&1 || fail "orvane recover failed"
 fi

@@ -345,7 +345,7 @@ void CueLogTest::cleanup()
     dir_.reset();
 }
 
-// (A recordings folder that cannot be made: SurfaceRepliesTest and the end-to-end test.)
+// (A recordings folder that cannot be made: AppModelTest and the end-to-end test.)
 void CueLogTest::refusesToStartWithoutACamera()
 {
     RecordingControl control(*settings_, clock_);

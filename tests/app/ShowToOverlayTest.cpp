@@ -198,12 +198,10 @@ void ShowToOverlayTest::followsTheShowTheDemoAndTheSettings()
 
     // The look, the switch and the recording's start reach the content at once.
     OverlayLook look;
-    look.showsCue = false;
     look.scale = 1.5;
     f.feed.setLook(look);
     f.feed.setEnabled(false);
     f.feed.setRecordingStart(f.clock.wallNow());
-    QCOMPARE(f.feed.content().cue, std::nullopt);
     QCOMPARE(f.feed.content().scale, 1.5);
     QCOMPARE(f.feed.content().isEnabled, false);
     QCOMPARE(f.feed.content().recordingStart, std::optional<WallTime>(f.clock.wallNow()));
@@ -234,29 +232,24 @@ void ShowToOverlayTest::assembles_data()
 
     {
         OverlaySources sources = busySources();
-        sources.look.scale = 1.5;
         sources.look.opacity = 0.4;
         sources.look.showsClock = false;
         sources.look.showsDate = true;
         sources.look.showsTimecode = false;
         sources.look.watermarkOpacity = 0.2;
         sources.look.layout.setPlacement(OverlayWidget::qlab, {0.5, 0.1, 0.5, 0});
-        sources.isEnabled = false;
         sources.cameraLabel = QStringLiteral("Wide");
-        sources.recordingStart = t0;
         sources.watermarkImage = QImage(4, 2, QImage::Format_ARGB32);
         OverlayContent expected = busyContent();
-        expected.scale = 1.5;
         expected.opacity = 0.4;
         expected.showsClock = false;
         expected.showsDate = true;
         expected.showsTimecode = false; // the show time stays; the renderer applies it
         expected.watermarkOpacity = 0.2;
         expected.layout = sources.look.layout;
-        expected.isEnabled = false;
         expected.cameraLabel = QStringLiteral("Wide");
-        expected.recordingStart = t0;
         expected.watermarkImage = sources.watermarkImage;
+        // (The scale, the switch and the recording's start: the feed test above.)
         QTest::newRow("settings and model values copied") << sources << expected;
     }
     {

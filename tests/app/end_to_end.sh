@@ -81,6 +81,10 @@ write_settings "$work/show.json" $port \
 record_storm show $port --settings "$work/show.json" --recordings "$work/Recordings" --demo
 oscsend localhost $port /tavrin/marker s 'Scene 2, "Storm"'
 marker_at=$(now)
+oscsend localhost $port /tavrin/record/start # a second start changes nothing
+# `orvane recover` leaves the recording that is running alone.
+busy=$("$orvane" recover "$work/Recordings" 2>&1) || true
+check "recover beside a recording: $busy" grep -q "^There's no cut-off recording" <<<"$busy"
 # Wrong argument types: a number for a marker's text, a layout without a name, a blob-less
 # record toggle with a float. None of them may stop the run.
 oscsend localhost $port /tavrin/layout i 3
@@ -92,6 +96,7 @@ wait_for "$work/show.out" "Cue 4 — Blackout" 5
 oscsend localhost $port /tavrin/marker
 sleep 0.5
 stop_orvane
+[ -z "$(find "$work/Recordings" -name '*.journal')" ] || fail "a journal stayed after the stop"
 
 mapfile -t movies < <(find "$work/Recordings" -name '*.mov' | sort)
 check "one movie per camera: ${movies[*]}" [ ${#movies[@]} -eq 2 ]

@@ -182,6 +182,9 @@ if mount -t tmpfs -o size=1200k e2e-small "$work/small" 2>/dev/null; then
     wait_for "$work/full.out" "Recording to" 15
     wait_for "$work/full.out" "A camera stopped recording. " 30 &&
         pass "disk full: $(grep -F "A camera stopped" "$work/full.out")" || fail "no sentence"
+    # With its only camera stopped, the recording is over.
+    wait_for "$work/full.out" "Recording stopped; finishing the movies." 10 ||
+        fail "the recording went on without a camera"
     stop_orvane
     movie=$(find "$work/small/Recordings" -name '*.mov' | head -1)
     n=$(frames "$movie")

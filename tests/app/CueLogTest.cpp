@@ -445,14 +445,7 @@ void CueLogTest::aFailingCameraStopsAlone()
     const QString mainMovie = *control.lastRecording();
     QCOMPARE(contents(cueLogPath(mainMovie)).count('\n'), 2);
     QTRY_COMPARE(control.finishingCount(), 0);
-
-    // When the last camera fails, the recording is over.
-    QVERIFY(control.start());
-    Q_EMIT main->recordingFailed(CaptureError::writerFailed("x"));
-    Q_EMIT extra->recordingFailed(CaptureError::writerFailed("y"));
-    QVERIFY(!control.isRecording());
-    QCOMPARE(errors.size(), 4);
-    QTRY_COMPARE(control.finishingCount(), 0);
+    // (When the last camera fails, the recording is over: the end-to-end test's full disk.)
 }
 
 QTEST_GUILESS_MAIN(CueLogTest)

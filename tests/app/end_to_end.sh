@@ -189,6 +189,29 @@ if mount -t tmpfs -o size=1200k e2e-small "$work/small" 2>/dev/null; then
     movie=$(find "$work/small/Recordings" -name '*.mov' | head -1)
     n=$(frames "$movie")
     check "the full disk kept ${n:-no} frames" [ "${n:-0}" -gt 0 ]
+    # Its journal stays until there is room to finish it; then every whole picture is kept.
+    "$orvane" recover "$work/small/Recordings" >"$work/recover-full.out" 2>&1 || true
+    check "no room to recover yet" grep -qF "There isn't enough room on the disk" \
+        "$work/recover-full.out"
+    mount -o remount,size=100m "$work/small"
+    "$orvane" recover "$work/small/Recordings" >"$work/recover-full.out" 2>&1
+    m=$(frames "$movie")
+    check "recovered once there was room, $m of $n frames" grep -qF "Orvane recovered" \
+        "$work/recover-full.out" && check "no picture lost" [ "${m:-0}" -ge $((n - 1)) ]
+    # A stop with room for the movie but not for its copy with chapters: said, and put off.
+    rm -r "$work/small/Recordings"
+    mount -o remount,size=40m "$work/small"
+    start_orvane noroom --settings "$work/full.json" --recordings "$work/small/Recordings" \
+        --record --demo
+    wait_for "$work/noroom.out" "Recording to" 15 && sleep 3
+    stop_orvane
+    check "no room for chapters is said" grep -qF "There wasn't room on the disk to add the cue" \
+        "$work/noroom.out"
+    mount -o remount,size=100m "$work/small"
+    "$orvane" recover "$work/small/Recordings" >/dev/null 2>&1
+    movie=$(find "$work/small/Recordings" -name '*.mov' | head -1)
+    chapters=$(ffprobe -v error -show_chapters -of csv=p=0 "$movie" | wc -l)
+    check "the chapters came at the next recovery ($chapters)" [ "$chapters" -gt 0 ]
     umount "$work/small"
 else
     echo "SKIP: disk full: cannot mount a tmpfs here"

@@ -7,7 +7,6 @@
 #include "eos/EosProbe.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QSignalSpy>
 
 #include <set>
@@ -76,7 +75,6 @@ private Q_SLOTS:
     void findsConsolesByBroadcastAndBySweep();
     void probeEndsAtARefusalOrAtItsTimeOut();
     void stopCancelsARunningScan();
-    void sweepOnA16ProbesTheHundredRangeAndItsOwn22();
 };
 
 void EosDiscoveryTest::sweepAddresses_data()
@@ -132,18 +130,15 @@ void EosDiscoveryTest::consoleFromReply_data()
                         const char* fields) {
         QTest::newRow(name) << OSCMessage{std::move(address), std::move(arguments)} << fields;
     };
+    // A full reply and one with a single argument come from the pretend consoles of the scan
+    // test below.
     const std::string reply = "/etc/discovery/reply";
-    row("full reply", reply,
-        {3037, std::string("Booth Ion"), std::string("ION-7"), std::string("3.2.1")},
-        "Booth Ion|ION-7|3.2.1");
     row("numbers become text", reply, {3037, 1.1f, 42, 0.5f}, "1.1|42|0.5");
     row("a blob is absent", reply, {3037, QByteArray("\x01"), std::string("ID")}, "|ID|");
-    row("one argument: host only", reply, {std::string("Booth Ion")}, "||");
     row("two arguments: a name only", "/etc/discovery/answer", {3037, std::string("Gio")}, "Gio||");
     row("our own request heard back", "/etc/discovery/request", {50000, std::string("Orvane")},
         "none");
     row("another address", "/eos/out/ping", {3037, std::string("x")}, "none");
-    row("a lookalike prefix", "/etc/discoveryX", {3037, std::string("x")}, "x||");
 }
 
 void EosDiscoveryTest::consoleFromReply()
@@ -190,7 +185,8 @@ void EosDiscoveryTest::mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface()
 
 void EosDiscoveryTest::findsConsolesByBroadcastAndBySweep()
 {
-    auto lan = network("s24", "10.64.0.1", {"10.64.0.2", "10.64.0.30", "10.64.0.40", "10.64.0.50"});
+    auto lan =
+        network("s24", "10.64.0.1", {"10.64.0.2", "10.64.0.200", "10.64.0.40", "10.64.0.50"});
     auto linkLocal = network("s24ll", "169.254.9.1", {"169.254.9.2"}, 16);
     QVERIFY(lan && linkLocal);
     // Only the /24 is listed: not loopback, not the link-local network beside it.
@@ -212,13 +208,13 @@ void EosDiscoveryTest::findsConsolesByBroadcastAndBySweep()
     terse.replyArguments = 1;
     terse.listens = false;
     auto brief = startConsole(lan.get(), "10.64.0.50", terse);
-    auto quiet = startConsole(lan.get(), "10.64.0.30", tcpOnly("Tempest"));
+    // Beyond the first 128 probes of the sweep: found only if probes are started as others end.
+    auto quiet = startConsole(lan.get(), "10.64.0.200", tcpOnly("Tempest"));
     auto other = startConsole(lan.get(), "10.64.0.40", tcpOnly("", false));
     auto hidden = startConsole(linkLocal.get(), "169.254.9.2");
 
     ManualClock clock;
     EosDiscovery discovery(clock);
-    discovery.setProbeConcurrency(300);
     int finished = 0;
     discovery.setOnScanFinished([&] { ++finished; });
     QSignalSpy scanning(&discovery, &EosDiscovery::isScanningChanged);
@@ -252,11 +248,11 @@ void EosDiscoveryTest::findsConsolesByBroadcastAndBySweep()
     QVERIFY(discovery.scan(EosDiscovery::ScanKind::sweep));
     QTRY_COMPARE_WITH_TIMEOUT(finished, 2, 10000);
     qInfo("sweep of a /24 took %lld ms", timer.elapsed());
-    QCOMPARE(sortedHosts(discovery), QStringList({"10.64.0.2", "10.64.0.30", "10.64.0.50"}));
+    QCOMPARE(sortedHosts(discovery), QStringList({"10.64.0.2", "10.64.0.200", "10.64.0.50"}));
     booth.showName = QStringLiteral("Macbeth");
     QCOMPARE(consoleAt(discovery, "10.64.0.2"), booth);
-    QCOMPARE(consoleAt(discovery, "10.64.0.30"),
-             (DiscoveredConsole{"10.64.0.30", on, NetworkKind::other, "Tempest",
+    QCOMPARE(consoleAt(discovery, "10.64.0.200"),
+             (DiscoveredConsole{"10.64.0.200", on, NetworkKind::other, "Tempest",
                                 quiet->options().version}));
     QCOMPARE(quiet->receivedAddresses(),
              (QStringList{"/eos/ping", "/eos/get/version", "/eos/reset"}));
@@ -318,35 +314,6 @@ void EosDiscoveryTest::stopCancelsARunningScan()
     QVERIFY(discovery.scan(EosDiscovery::ScanKind::discovery));
     QTRY_COMPARE(finished, 1);
     QVERIFY(discovery.consoles().isEmpty());
-}
-
-void EosDiscoveryTest::sweepOnA16ProbesTheHundredRangeAndItsOwn22()
-{
-    auto lan = network("s16", "10.88.4.1", {"10.88.100.7", "10.88.6.9", "10.88.50.5"}, 16);
-    QVERIFY(lan);
-    auto inHundredRange = startConsole(lan.get(), "10.88.100.7", tcpOnly());
-    auto inOwn22 = startConsole(lan.get(), "10.88.6.9", tcpOnly());
-    auto elsewhere = startConsole(lan.get(), "10.88.50.5", tcpOnly());
-    // Each probe of an address nobody holds keeps an ARP entry while the kernel asks for it
-    // (three tries a second apart by default, longer than a probe's 2 s). The neighbour table
-    // holds 1,024 entries for every namespace of the machine together, and beyond that it drops
-    // the entries of real hosts too. One try per address and 256 probes at once keep the
-    // unanswered entries well below that, even with other tests running beside this one.
-    QFile solicit(
-        QStringLiteral("/proc/sys/net/ipv4/neigh/%1/mcast_solicit").arg(lan->localInterface()));
-    QVERIFY(solicit.open(QIODevice::WriteOnly) && solicit.write("1\n") == 2);
-    solicit.close();
-    EosDiscovery discovery;
-    discovery.setProbeConcurrency(256);
-    QElapsedTimer timer;
-    timer.start();
-    QVERIFY(discovery.scan(EosDiscovery::ScanKind::sweep));
-    QTRY_VERIFY_WITH_TIMEOUT(!discovery.isScanning(), 30000);
-    qInfo("sweep of a /16 took %lld ms", timer.elapsed());
-    QCOMPARE(sortedHosts(discovery), QStringList({"10.88.100.7", "10.88.6.9"}));
-    QCOMPARE(elsewhere->connectionsAccepted(), 0);
-    QCOMPARE(inHundredRange->connectionsAccepted(), 1);
-    QCOMPARE(inOwn22->connectionsAccepted(), 1);
 }
 
 int main(int argc, char** argv)

@@ -1,12 +1,15 @@
 // Decoding what QLab sends (messages, replies, workspaces, cues, the running timecode of a
 // Timecode cue); then the QLab client against the pretend QLab on loopback: joining,
 // passcodes, the keep-alive and poll rules on a manual clock, group names, a running timecode,
-// and QLab going away.
+// and QLab going away; last the QLab browser against a real Avahi daemon on a private bus in
+// its own network namespace, with services published by avahi-publish.
 
-#include "qlab/QLabClient.h"
 #include "base/ManualClock.h"
 #include "peers/PretendQLab.h"
+#include "qlab/QLabBrowser.h"
+#include "qlab/QLabClient.h"
 #include "qlab/QLabMessage.h"
+#include "support/AvahiSandbox.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -21,6 +24,7 @@ Q_DECLARE_METATYPE(OSCMessage)
 
 namespace {
 
+const QString kType = QStringLiteral("_qlab._tcp");
 const QString kList = QStringLiteral("/workspace/W1/runningOrPausedCues/shallow");
 
 QString lastString(const PretendQLab& qlab, const QString& address)
@@ -70,6 +74,14 @@ QString timeText(double start, double elapsed, double framesPerSecond)
         .arg(framesPerSecond, 0, 'g', 12);
 }
 
+QStringList namesOf(const QLabBrowser& browser)
+{
+    QStringList names;
+    for (const auto& service : browser.services())
+        names.append(service.name);
+    return names;
+}
+
 std::optional<QLabCue> decode(const QByteArray& json)
 {
     return QLabCue::decode(QJsonDocument::fromJson(json).object(), kNow);
@@ -77,7 +89,7 @@ std::optional<QLabCue> decode(const QByteArray& json)
 
 } // namespace
 
-class QLabClientTest : public QObject {
+class QLabTest : public QObject {
     Q_OBJECT
 
 private slots:
@@ -94,6 +106,7 @@ private slots:
     void followsATimecodeCue();
     void choosesAndLeavesWorkspacesAsTheSettingsChange();
     void reportsAnUnknownHost();
+    void browserListsResolvesForgetsAndComesBackAfterARestart();
 
 private:
     QLabClient::Settings settingsFor(QString passcode = {}, QString preferred = {}) const
@@ -128,9 +141,10 @@ private:
 
     std::unique_ptr<ManualClock> clock_;
     std::unique_ptr<PretendQLab> qlab_;
+    AvahiSandbox sandbox_;
 };
 
-void QLabClientTest::classifiesMessages_data()
+void QLabTest::classifiesMessages_data()
 {
     QTest::addColumn<OSCMessage>("message");
     QTest::addColumn<QString>("expected");
@@ -167,13 +181,13 @@ void QLabClientTest::classifiesMessages_data()
     row("other address", "/eos/out/ping", {}, "ignored");
 }
 
-void QLabClientTest::classifiesMessages()
+void QLabTest::classifiesMessages()
 {
     QFETCH(OSCMessage, message);
     QTEST(summary(QLabMessage::classify(message)), "expected");
 }
 
-void QLabClientTest::decodesWorkspaces()
+void QLabTest::decodesWorkspaces()
 {
     // A "/workspaces" reply's data as QLab 5 writes it, with one nameless and one broken entry.
     const auto data = QJsonDocument::fromJson(R"([
@@ -185,7 +199,7 @@ void QLabClientTest::decodesWorkspaces()
     QVERIFY(!QLabWorkspace::decodeList(QJsonValue(QStringLiteral("badpass"))));
 }
 
-void QLabClientTest::decodesCues_data()
+void QLabTest::decodesCues_data()
 {
     QTest::addColumn<QByteArray>("json");
     QTest::addColumn<double>("sinceSample"); // seconds between decoding and asking for a timecode
@@ -251,7 +265,7 @@ void QLabClientTest::decodesCues_data()
         " running - - - 00:61:00:00 => none");
 }
 
-void QLabClientTest::decodesCues()
+void QLabTest::decodesCues()
 {
     QFETCH(QByteArray, json);
     QFETCH(double, sinceSample);
@@ -275,7 +289,7 @@ void QLabClientTest::decodesCues()
     QTEST(decoded, "expected");
 }
 
-void QLabClientTest::init()
+void QLabTest::init()
 {
     qlab_.reset();
     clock_ = std::make_unique<ManualClock>();
@@ -285,7 +299,7 @@ void QLabClientTest::init()
 
 // The settings window writes a blank host for QLab on this computer; the client agrees, so
 // "Connecting…" is never shown for a link that goes nowhere.
-void QLabClientTest::joinsOnceAWorkspaceOpensAndKeepsItAlive()
+void QLabTest::joinsOnceAWorkspaceOpensAndKeepsItAlive()
 {
     QLabClient client(*clock_);
     QCOMPARE(client.statusText(), QStringLiteral("Off"));
@@ -342,7 +356,7 @@ void QLabClientTest::joinsOnceAWorkspaceOpensAndKeepsItAlive()
     QTRY_COMPARE(client.state(), State::connected);
 }
 
-void QLabClientTest::asksForThePasscodeUntilItIsRight()
+void QLabTest::asksForThePasscodeUntilItIsRight()
 {
     qlab_->openWorkspace("W1", "Hamlet.qlab5", "1234", {"view"});
     qlab_->setHoldsConnectAnswers(true);
@@ -381,7 +395,7 @@ void QLabClientTest::asksForThePasscodeUntilItIsRight()
     QCOMPARE(qlab_->requestCount("/updates"), 1); // joined once
 }
 
-void QLabClientTest::pollsRefreshesAndComesBackAfterQLabQuits()
+void QLabTest::pollsRefreshesAndComesBackAfterQLabQuits()
 {
     addShow();
     QLabClient client(*clock_);
@@ -439,7 +453,7 @@ void QLabClientTest::pollsRefreshesAndComesBackAfterQLabQuits()
     QTRY_COMPARE(client.runningCues().size(), std::size_t(1));
 }
 
-void QLabClientTest::namesTheGroupAfterOneLookup()
+void QLabTest::namesTheGroupAfterOneLookup()
 {
     addShow();
     qlab_->setHoldsCueValues(true);
@@ -471,7 +485,7 @@ void QLabClientTest::namesTheGroupAfterOneLookup()
 // QLab's shallow list carries no elapsed times, and here its values come as text. Each
 // refresh must keep the exact time the Timecode cue's own values gave, never fall back to when
 // the cue was first seen.
-void QLabClientTest::followsATimecodeCue()
+void QLabTest::followsATimecodeCue()
 {
     addShow();
     qlab_->setWritesNumbersAsText(true);
@@ -525,7 +539,7 @@ void QLabClientTest::followsATimecodeCue()
     QCOMPARE(shown(10), shown());
 }
 
-void QLabClientTest::choosesAndLeavesWorkspacesAsTheSettingsChange()
+void QLabTest::choosesAndLeavesWorkspacesAsTheSettingsChange()
 {
     qlab_->openWorkspace("W1", "Hamlet.qlab5");
     qlab_->openWorkspace("W2", "Macbeth.qlab5");
@@ -567,7 +581,7 @@ void QLabClientTest::choosesAndLeavesWorkspacesAsTheSettingsChange()
 
 // A name that no resolver knows is the stream's to notice, and only this link shows it. (Each
 // other failure's advice is one line of a switch; refused and its advice are seen above.)
-void QLabClientTest::reportsAnUnknownHost()
+void QLabTest::reportsAnUnknownHost()
 {
     QLabClient client(*clock_);
     client.apply({true, QStringLiteral("no-such-qlab.invalid"), 53000, {}, {}});
@@ -576,5 +590,62 @@ void QLabClientTest::reportsAnUnknownHost()
     QCOMPARE(client.advice(), QStringLiteral("Check the host name or address."));
 }
 
-QTEST_GUILESS_MAIN(QLabClientTest)
-#include "QLabClientTest.moc"
+// One browser through a daemon's life: it lists, resolves, forgets, and lists again after the
+// daemon restarts.
+void QLabTest::browserListsResolvesForgetsAndComesBackAfterARestart()
+{
+    // The suite runs as root in a namespace of its own; without that there is no daemon to
+    // test against, and that is a failure, not a skip.
+    QVERIFY2(sandbox_.start(), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Stage Mac 10", kType, 53010), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Stage Mac 2", kType, 53123), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("sound", kType, 53001), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Not QLab", "_http._tcp", 8080), qPrintable(sandbox_.error()));
+
+    QLabBrowser browser(*clock_);
+    QSignalSpy changes(&browser, &QLabBrowser::servicesChanged);
+    browser.start();
+    // Sorted by name, ignoring case, digits compared as numbers.
+    QTRY_COMPARE_WITH_TIMEOUT(namesOf(browser),
+                              QStringList({"sound", "Stage Mac 2", "Stage Mac 10"}), 10000);
+    // Listed whole once the daemon has told all it knows, not one name at a time.
+    QCOMPARE(changes.count(), 1);
+    QCOMPARE(browser.services().front().endpoint.type, kType);
+
+    // Resolved to the IPv4 address and port; the time-out armed beside it never answers again.
+    // A service nobody answers for gives nothing at its time-out, and the daemon's own
+    // failure, later, is not passed on a second time.
+    QList<std::optional<QLabBrowser::Resolved>> answers;
+    QList<std::optional<QLabBrowser::Resolved>> nobody;
+    browser.resolve(browser.services().at(1), [&](auto result) { answers.append(result); });
+    QTRY_COMPARE(answers.size(), 1);
+    QCOMPARE(answers[0], std::optional(QLabBrowser::Resolved{AvahiSandbox::hostAddress(), 53123}));
+    browser.resolve({"Nobody Here", {-1, -1, kType, "local"}},
+                    [&](auto result) { nobody.append(result); });
+    QTest::qWait(300);
+    clock_->advance(QLabBrowser::kResolveTimeout - Seconds(0.01));
+    QCOMPARE(nobody.size(), 0);
+    clock_->advance(0.01);
+    QCOMPARE(nobody, QList<std::optional<QLabBrowser::Resolved>>{std::nullopt});
+    QTest::qWait(300);
+    QCOMPARE(nobody.size(), 1);
+    QCOMPARE(answers.size(), 1);
+
+    sandbox_.unpublish("Stage Mac 10");
+    QTRY_COMPARE_WITH_TIMEOUT(namesOf(browser), QStringList({"sound", "Stage Mac 2"}), 10000);
+
+    sandbox_.stopDaemon();
+    QTRY_VERIFY_WITH_TIMEOUT(!browser.isBrowsing(), 10000);
+    // The list keeps its last contents while the browser waits to start again.
+    QCOMPARE(namesOf(browser), QStringList({"sound", "Stage Mac 2"}));
+    QVERIFY2(sandbox_.startDaemon(), qPrintable(sandbox_.error()));
+    QVERIFY2(sandbox_.publish("Stage Mac 3", kType, 53003), qPrintable(sandbox_.error()));
+    QTest::qWait(200);
+    QVERIFY(!browser.isBrowsing()); // nothing happens before the restart delay
+    clock_->advance(QLabBrowser::kRestartDelay);
+    QVERIFY(browser.isBrowsing());
+    QTRY_COMPARE_WITH_TIMEOUT(namesOf(browser), QStringList({"Stage Mac 3"}), 10000);
+}
+
+QTEST_GUILESS_MAIN(QLabTest)
+#include "QLabTest.moc"

@@ -14,6 +14,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <algorithm>
 #include <set>
 
 #include <unistd.h>
@@ -70,22 +71,13 @@ PretendConsole::Options tcpOnly(const char* showName = "Pretend Show", bool spea
     return options;
 }
 
-DiscoveredConsole consoleAt(const EosDiscovery& discovery, const char* host)
+// What the last scan found, in the order of the hosts' text.
+QList<DiscoveredConsole> byHost(const EosDiscovery& discovery)
 {
-    for (const DiscoveredConsole& console : discovery.consoles()) {
-        if (console.host == QLatin1String(host))
-            return console;
-    }
-    return {};
-}
-
-QStringList sortedHosts(const EosDiscovery& discovery)
-{
-    QStringList hosts;
-    for (const DiscoveredConsole& console : discovery.consoles())
-        hosts << console.host;
-    hosts.sort();
-    return hosts;
+    QList<DiscoveredConsole> consoles = discovery.consoles();
+    std::sort(consoles.begin(), consoles.end(),
+              [](const auto& a, const auto& b) { return a.host < b.host; });
+    return consoles;
 }
 
 std::uint32_t ip(const QString& text)
@@ -97,14 +89,6 @@ ScanTarget target(const QString& address, int prefixLength, NetworkKind kind = N
 {
     const std::uint32_t netmask = prefixLength == 0 ? 0 : ~std::uint32_t(0) << (32 - prefixLength);
     return ScanTarget{QStringLiteral("eth0"), kind, ip(address), netmask, 2};
-}
-
-DiscoveredConsole console(const char* host, const char* interfaceName)
-{
-    DiscoveredConsole made;
-    made.host = QString::fromLatin1(host);
-    made.interfaceName = QString::fromLatin1(interfaceName);
-    return made;
 }
 
 // A connection with its configuration held as the application model holds it: what the link
@@ -287,17 +271,12 @@ void EosTest::consoleFromReply()
 
 void EosTest::mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface()
 {
-    DiscoveredConsole replied = console("10.0.0.5", "eth0");
-    replied.deviceName = QStringLiteral("Ion");
-    replied.consoleID = QStringLiteral("ION-1");
-    replied.version = QStringLiteral("3.2");
+    const auto other = NetworkKind::other;
+    const DiscoveredConsole replied{"10.0.0.5", "eth0", other, {}, "3.2", "Ion", "ION-1"};
     DiscoveredConsole repliedOnWifi = replied;
     repliedOnWifi.interfaceName = QStringLiteral("wlan0");
-    DiscoveredConsole probed = console("10.0.0.5", "eth0");
-    probed.showName = QStringLiteral("Hamlet");
-    probed.version = QStringLiteral("3.2.0.1");
-    DiscoveredConsole probedOnly = console("10.0.0.9", "eth0");
-    probedOnly.showName = QStringLiteral("Lear");
+    const DiscoveredConsole probed{"10.0.0.5", "eth0", other, "Hamlet", "3.2.0.1"};
+    const DiscoveredConsole probedOnly{"10.0.0.9", "eth0", other, "Lear"};
 
     const QList<DiscoveredConsole> joined =
         EosDiscovery::merge({replied, repliedOnWifi}, {probedOnly, probed});
@@ -414,13 +393,12 @@ void EosTest::findsConsolesByBroadcastAndBySweep()
         discovery.lastScan().toMSecsSinceEpoch(),
         std::chrono::duration_cast<std::chrono::milliseconds>(clock.wallNow().time_since_epoch())
             .count());
-    QCOMPARE(sortedHosts(discovery), QStringList({"10.64.0.2", "10.64.0.50"}));
     QVERIFY(chatty->discoveryRequests() >= 4);
     const QString on = lan->localInterface();
     DiscoveredConsole booth{"10.64.0.2", on,     NetworkKind::other, {}, twice.version,
                             "Booth Ion", "ION-2"};
-    QCOMPARE(consoleAt(discovery, "10.64.0.2"), booth);
-    QCOMPARE(consoleAt(discovery, "10.64.0.50"), (DiscoveredConsole{"10.64.0.50", on}));
+    const DiscoveredConsole hostOnly{"10.64.0.50", on};
+    QCOMPARE(byHost(discovery), QList<DiscoveredConsole>({booth, hostOnly}));
 
     // A sweep also finds the console that does not answer the broadcast, and joins what the
     // reply and the probe of the same console say.
@@ -428,12 +406,10 @@ void EosTest::findsConsolesByBroadcastAndBySweep()
     QVERIFY(discovery.scan(EosDiscovery::ScanKind::sweep));
     QTRY_COMPARE_WITH_TIMEOUT(finished, 2, 10000);
     qInfo("sweep of a /24 took %lld ms", timer.elapsed());
-    QCOMPARE(sortedHosts(discovery), QStringList({"10.64.0.2", "10.64.0.200", "10.64.0.50"}));
     booth.showName = QStringLiteral("Macbeth");
-    QCOMPARE(consoleAt(discovery, "10.64.0.2"), booth);
-    QCOMPARE(consoleAt(discovery, "10.64.0.200"),
-             (DiscoveredConsole{"10.64.0.200", on, NetworkKind::other, "Tempest",
-                                quiet->options().version}));
+    const DiscoveredConsole tempest{"10.64.0.200", on, NetworkKind::other, "Tempest",
+                                    quiet->options().version};
+    QCOMPARE(byHost(discovery), QList<DiscoveredConsole>({booth, tempest, hostOnly}));
     QCOMPARE(quiet->receivedAddresses(),
              (QStringList{"/eos/ping", "/eos/get/version", "/eos/reset"}));
     QVERIFY(other->connectionsAccepted() >= 1); // probed, and not taken for a console
@@ -502,18 +478,15 @@ void EosTest::connectsToTheTypedAddress()
 {
     auto console = startConsole(nullptr, "127.0.0.1", named("ION", "Hamlet"));
     Link link;
-    QStringList heard;
-    link.connection.setOnPacket([&](const QByteArray& packet, const QString& from) {
-        for (const OSCMessage& message : decodeOSCPacket(packet))
-            heard << QString::fromStdString(message.address) + u' ' + from;
-    });
+    int packets = 0;
+    link.connection.setOnPacket([&](const QByteArray&, const QString&) { ++packets; });
     link.configure(false, QStringLiteral("  127.0.0.1 "), 3032, OSCFraming::lengthPrefixed);
     QTRY_COMPARE(link.connection.statusText(), QStringLiteral("Connected"));
     QVERIFY(link.connection.advice().isEmpty());
-    // On ready the link asks for the console's state once.
-    QTRY_VERIFY(heard.contains("/eos/out/show/name 127.0.0.1"));
+    // On ready the link asks for the console's state once; the answers come back. (What they
+    // say reaches the show in the show input test.)
+    QTRY_VERIFY(packets > 0);
     QCOMPARE(console->receivedAddresses(), QStringList{"/eos/reset"});
-    QVERIFY(heard.contains("/eos/out/active/cue/text 127.0.0.1"));
 
     // A host of spaces stops the link; switching it off stops it too.
     QTRY_COMPARE(console->connectionCount(), 1);

@@ -174,11 +174,11 @@ void QLabTest::classifiesMessages_data()
     row("cue update", "/update/workspace/W1/cue_id/C7", {}, "cueUpdated|W1|C7");
     row("playback position", "/update/workspace/W1/cueList/L1/playbackPosition", text("C2"),
         "playback|W1|");
-    row("disconnect", "/update/workspace/W1/disconnect", {}, "disconnect|W1|");
     row("cue update without a cue", "/update/workspace/W1/cue_id", {}, "ignored");
     row("unknown update", "/update/workspace/W1/settings/light", {}, "ignored");
     row("update without a workspace", "/update/workspace/", {}, "ignored");
     row("other address", "/eos/out/ping", {}, "ignored");
+    // A workspace's disconnect is seen when QLab closes it in the joining scenario.
 }
 
 void QLabTest::classifiesMessages()
@@ -241,16 +241,11 @@ void QLabTest::decodesCues_data()
             << 0.0
             << " running 2 - - 01:00:00:12 => " + timeText(3600 + 12 / fps[index], 2, fps[index]);
     }
-    row("rate index as a string, semicolon before the frames",
-        timecode(R"("startTime":"10:00:00;15","framerate":"6")"),
-        " running - - - 10:00:00;15 => " +
-            timeText(36000 + 15 / (30000.0 / 1001), 0, 30000.0 / 1001));
     row("start time key wins over the display name",
         timecode(R"("startTime":"10:00:00;00","displayName":"TC 01:00:00:00")"),
         " running - - - 10:00:00;00 => 36000+0@25");
-    row("running cue adds the time since sampling",
-        timecode(R"("startTime":"00:00:00:00","actionElapsed":4,"framerate":1)"),
-        " running 4 - - 00:00:00:00 => 0+5.5@25", 1.5);
+    // A rate index written as text, a semicolon before the frames and a running cue's time
+    // since sampling are seen in the Timecode cue scenario below; a pause there cannot show.
     row("paused cue keeps its elapsed time",
         timecode(R"("startTime":"00:00:00:00","actionElapsed":4,"isPaused":true)"),
         " paused 4 - - 00:00:00:00 => 0+4@25", 1.5);
@@ -308,8 +303,6 @@ void QLabTest::joinsOnceAWorkspaceOpensAndKeepsItAlive()
     client.apply(settings);
     QTRY_COMPARE(client.state(), State::noWorkspace);
     QCOMPARE(client.statusText(), QStringLiteral("No Workspace Open"));
-    QCOMPARE(client.advice(),
-             QStringLiteral("Open a workspace in QLab and Orvane will connect to it."));
     // Every keep-alive tick asks again while nothing is open.
     for (int tick = 1; tick <= 2; ++tick) {
         clock_->advance(5);
@@ -377,9 +370,6 @@ void QLabTest::asksForThePasscodeUntilItIsRight()
         QTRY_COMPARE(client.state(), State::passcodeRequired);
     }
     QCOMPARE(client.statusText(), QStringLiteral("Passcode Required"));
-    QCOMPARE(client.advice(), QStringLiteral("This workspace needs an OSC passcode. Enter it "
-                                             "below; it's set in QLab's Workspace Settings › "
-                                             "Network."));
     // A wrong passcode, then one that QLab knows but that grants no OSC access ("denied").
     for (const char* passcode : {"4321", "view"}) {
         const int connects = qlab_->requestCount("/workspace/W1/connect");

@@ -176,8 +176,6 @@ private Q_SLOTS:
     void consoleFromReply_data();
     void consoleFromReply();
     void mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface();
-    void describe_data();
-    void describe();
     void findsConsolesByBroadcastAndBySweep();
     void probeEndsAtARefusalOrAtItsTimeOut();
     void stopCancelsARunningScan();
@@ -286,60 +284,6 @@ void EosTest::mergeJoinsDiscoveryAndProbesOfTheSameHostAndInterface()
     QCOMPARE(joined[0].id(), QStringLiteral("10.0.0.5%eth0"));
     QCOMPARE(joined[0].shownName(), QStringLiteral("Hamlet"));
     QCOMPARE(joined[1].shownName(), QStringLiteral("Ion"));
-}
-
-void EosTest::describe_data()
-{
-    QTest::addColumn<QString>("link"); // "none" (never configured), "off", "auto" or "manual"
-    QTest::addColumn<QString>("host");
-    QTest::addColumn<OSCStream::Status>("status");
-    QTest::addColumn<bool>("isScanning");
-    QTest::addColumn<int>("found"); // -1: no scan has finished
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("advice");
-    const auto row = [](const char* name, const char* link, const char* host,
-                        OSCStream::Status status, bool isScanning, int found, const char* text,
-                        QString advice = {}) {
-        QTest::newRow(name) << link << host << status << isScanning << found << text << advice;
-    };
-    const OSCStream::Status idle;
-    const OSCStream::Status ready{StatusKind::ready, {}, 0};
-    // A link to 10.0.0.5, typed, retrying after `kind`. Each kind's sentence is one line of a
-    // switch whose cover of every kind the compiler checks, so one kind shows that text and
-    // advice reach the description, and the other shows the system's own text.
-    const auto failed = [&](const char* name, Kind kind, const char* text, QString advice = {},
-                            const QString& systemText = {}) {
-        row(name, "manual", "10.0.0.5", {StatusKind::retrying, {kind, systemText}, 3}, false, -1,
-            text, advice);
-    };
-
-    // Where one condition wins over another. The discovery texts on their own (a count, none
-    // found, no address) are seen in the scenarios below.
-    row("never configured", "none", "", idle, false, -1, "Off");
-    row("off, even with a live stream", "off", "10.0.0.5", ready, true, 2, "Off");
-    row("no host, scanning", "auto", "", idle, true, 3, "Searching…");
-    row("host wins over a running scan", "auto", "10.0.0.5", ready, true, 0, "Connected");
-    failed("refused", Kind::refused, "Connection refused",
-           "The console is there but isn't accepting OSC. Turn on Third Party OSC in Setup › "
-           "Device Settings › Network › Interface Protocols, and check the port.");
-    failed("other failure: the system's text", Kind::other, "Too many open files", {},
-           "Too many open files");
-}
-
-void EosTest::describe()
-{
-    QFETCH(QString, link);
-    QFETCH(QString, host);
-    QFETCH(OSCStream::Status, status);
-    QFETCH(bool, isScanning);
-    QFETCH(int, found);
-    std::optional<EosConnection::Configuration> configuration;
-    if (link != u"none")
-        configuration = EosConnection::Configuration{link != u"off", link != u"manual", host};
-    const auto described = EosConnection::describe(
-        configuration, status, isScanning, found < 0 ? std::nullopt : std::optional<int>(found));
-    QTEST(described.status, "text");
-    QTEST(described.advice, "advice");
 }
 
 void EosTest::findsConsolesByBroadcastAndBySweep()
@@ -472,12 +416,23 @@ void EosTest::stopCancelsARunningScan()
     QVERIFY(discovery.consoles().isEmpty());
 }
 
-// OSC 1.0 on its port, with blanks around the typed host. (OSC 1.1 on 3037 is what the whole
-// application's run with the pretend console connects to.)
+// OSC 1.0 on its port, with blanks around the typed host, after a port where nothing listens.
+// (OSC 1.1 on 3037 is what the whole application's run with the pretend console connects to.)
 void EosTest::connectsToTheTypedAddress()
 {
     auto console = startConsole(nullptr, "127.0.0.1", named("ION", "Hamlet"));
     Link link;
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Off")); // never configured
+    link.configure(false, QStringLiteral("127.0.0.1"), 3033, OSCFraming::lengthPrefixed);
+    QTRY_COMPARE(link.connection.statusText(), QStringLiteral("Connection refused"));
+    QCOMPARE(link.connection.advice(),
+             QStringLiteral("The console is there but isn't accepting OSC. Turn on Third Party OSC "
+                            "in Setup › Device Settings › Network › Interface Protocols, and check "
+                            "the port."));
+    // A failure of no known kind is told in the system's own words.
+    const OSCStream::Status other{StatusKind::retrying, {Kind::other, "Too many open files"}, 3};
+    QCOMPARE(EosConnection::describe(link.kept, other, false, {}).status,
+             QStringLiteral("Too many open files"));
     int packets = 0;
     link.connection.setOnPacket([&](const QByteArray&, const QString&) { ++packets; });
     link.configure(false, QStringLiteral("  127.0.0.1 "), 3032, OSCFraming::lengthPrefixed);
@@ -488,7 +443,7 @@ void EosTest::connectsToTheTypedAddress()
     QTRY_VERIFY(packets > 0);
     QCOMPARE(console->receivedAddresses(), QStringList{"/eos/reset"});
 
-    // A host of spaces stops the link; switching it off stops it too.
+    // A host of spaces stops the link; switched off, it says so before anything else.
     QTRY_COMPARE(console->connectionCount(), 1);
     link.change([](auto& c) { c.host = QStringLiteral("   "); });
     QCOMPARE(link.connection.streamStatus().kind, StatusKind::idle);
@@ -523,6 +478,7 @@ void EosTest::adoptsTheOnlyConsoleAndFollowsItsNewAddress()
     auto ionB = startConsole(lan.get(), "10.71.0.4", named("ION-B"));
     link.change([](auto& c) { c.consoleID = QStringLiteral("ION-B"); });
     link.connection.searchNow();
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Connected")); // over the scan
     QVERIFY(link.waitForScan());
     QCOMPARE(link.kept.host, QStringLiteral("10.71.0.3"));
     QVERIFY(link.connection.isConnected());
@@ -623,7 +579,9 @@ void EosTest::sweepsAtMostEvery120SecondsAndNeedsAnIdentityForTwo()
     QVERIFY(link.scanAfter(clock, 1.0)); // t = 1: the first scan sweeps
     QCOMPARE(link.found(), 2);
     QCOMPARE(link.connection.statusText(), QStringLiteral("2 consoles found"));
-    QVERIFY(link.scanAfter(clock, 1.0)); // t = 2: broadcast only
+    clock.advance(1.0); // t = 2: broadcast only; while it runs, the last count gives way
+    QCOMPARE(link.connection.statusText(), QStringLiteral("Searching…"));
+    QVERIFY(link.waitForScan());
     QCOMPARE(link.found(), 0);
     QCOMPARE(link.connection.statusText(), QStringLiteral("No console found"));
     // t = 3 starts a broadcast scan; later ticks find it running

@@ -478,8 +478,9 @@ void EosTest::adoptsTheOnlyConsoleAndFollowsItsNewAddress()
     auto ionB = startConsole(lan.get(), "10.71.0.4", named("ION-B"));
     link.change([](auto& c) { c.consoleID = QStringLiteral("ION-B"); });
     link.connection.searchNow();
-    QCOMPARE(link.connection.statusText(), QStringLiteral("Connected")); // over the scan
+    const QString duringScan = link.connection.statusText();
     QVERIFY(link.waitForScan());
+    QCOMPARE(duringScan, QStringLiteral("Connected"));
     QCOMPARE(link.kept.host, QStringLiteral("10.71.0.3"));
     QVERIFY(link.connection.isConnected());
     ionB.reset();
@@ -580,8 +581,9 @@ void EosTest::sweepsAtMostEvery120SecondsAndNeedsAnIdentityForTwo()
     QCOMPARE(link.found(), 2);
     QCOMPARE(link.connection.statusText(), QStringLiteral("2 consoles found"));
     clock.advance(1.0); // t = 2: broadcast only; while it runs, the last count gives way
-    QCOMPARE(link.connection.statusText(), QStringLiteral("Searching…"));
+    const QString duringScan = link.connection.statusText();
     QVERIFY(link.waitForScan());
+    QCOMPARE(duringScan, QStringLiteral("Searching…"));
     QCOMPARE(link.found(), 0);
     QCOMPARE(link.connection.statusText(), QStringLiteral("No console found"));
     // t = 3 starts a broadcast scan; later ticks find it running

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <set>
 
+#include <net/if.h>
 #include <unistd.h>
 
 using namespace orvane;
@@ -292,14 +293,13 @@ void EosTest::findsConsolesByBroadcastAndBySweep()
         network("s24", "10.64.0.1", {"10.64.0.2", "10.64.0.200", "10.64.0.40", "10.64.0.50"});
     auto linkLocal = network("s24ll", "169.254.9.1", {"169.254.9.2"}, 16);
     QVERIFY(lan && linkLocal);
-    // Only the /24 is listed: not loopback, not the link-local network beside it.
-    const std::vector<ScanTarget> targets = EosDiscovery::currentInterfaces();
-    QCOMPARE(targets.size(), std::size_t(1));
-    QCOMPARE(targets[0].name, lan->localInterface());
-    QCOMPARE(QHostAddress(targets[0].address), address("10.64.0.1"));
-    QCOMPARE(QHostAddress(targets[0].broadcastAddress()), address("10.64.0.255"));
-    QVERIFY(targets[0].index > 0);
-    QCOMPARE(targets[0].network, NetworkKind::other); // a veth is virtual
+    // Only the /24 is listed: not loopback, not the link-local network beside it. A veth is
+    // no wired or Wi-Fi network.
+    const QByteArray name = lan->localInterface().toLatin1();
+    const ScanTarget lan24{lan->localInterface(), NetworkKind::other, ip("10.64.0.1"), 0xFFFFFF00u,
+                           int(::if_nametoindex(name.constData()))};
+    QCOMPARE(EosDiscovery::currentInterfaces(), std::vector<ScanTarget>{lan24});
+    QCOMPARE(QHostAddress(lan24.broadcastAddress()), address("10.64.0.255"));
 
     PretendConsole::Options twice; // answers every request twice
     twice.repliesPerRequest = 2;

@@ -163,14 +163,13 @@ private Q_SLOTS:
     void damagedFilesAreKeptAsideAndReadAsFarAsTheyCan();
     void everySetterWritesButNotifiesOnlyRealChanges();
     void writesAreGatheredAndReplaceTheFileWhole();
-    void presetsAreSavedAndAppliedByName();
+    void presetsAreSavedFoundAndApplied();
     void watermarkImageIsCopiedReplacedAndCleared();
     void migrationCopiesWhatIsMissingOnce_data();
     void migrationCopiesWhatIsMissingOnce();
     void defaultLayoutJsonIsStable();
     void decodingRejectsBadJson_data();
     void decodingRejectsBadJson();
-    void presetsAreFoundByNameAndByLook();
 };
 
 void SettingsTest::storedValuesAreReadOrFallBack_data()
@@ -381,7 +380,7 @@ void SettingsTest::writesAreGatheredAndReplaceTheFileWhole()
     QVERIFY(storedObject(location).value("extraCameras").isArray());
 }
 
-void SettingsTest::presetsAreSavedAndAppliedByName()
+void SettingsTest::presetsAreSavedFoundAndApplied()
 {
     QTemporaryDir dir;
     const auto location = privateLocation(dir);
@@ -413,11 +412,27 @@ void SettingsTest::presetsAreSavedAndAppliedByName()
     QCOMPARE(AppSettings(location).currentLook(), settings.currentLook());
 
     // A preset edited by hand to an overlay size the settings window does not offer.
-    QList<LayoutPreset> presets = settings.layoutPresets();
-    presets[0].look.scale = 1000.0;
-    settings.setLayoutPresets(presets);
+    QList<LayoutPreset> edited = settings.layoutPresets();
+    edited[0].look.scale = 1000.0;
+    settings.setLayoutPresets(edited);
     QVERIFY(settings.applyLayoutPreset(QStringLiteral("act 2")));
     QCOMPARE(settings.overlayScale(), AppSettings::kMaximumOverlayScale);
+
+    // The lookups on a list of their own.
+    OverlayLook moved;
+    moved.layout.setPlacement(OverlayWidget::cues, {0.5, 0.9, 0.5, 1.0});
+    const QList<LayoutPreset> presets{preset("Act 1"), preset("act 2", moved),
+                                      preset("Act 2", moved), preset("Café")};
+    // By name in any case, accented letters too, without the blanks around it, the first of
+    // two; accents and inner blanks count.
+    const std::pair<QString, int> names[] = {
+        {"ACT 2", 1}, {" Act 2 \t", 1}, {"CAFÉ", 3}, {"Cafe", -1}, {"Act  2", -1}};
+    for (const auto& [wanted, found] : names)
+        QCOMPARE(int(indexOfLayoutPreset(presets, wanted).value_or(-1)), found);
+    // By look, the first preset that has it.
+    QCOMPARE(indexOfActiveLayoutPreset(presets, moved), std::optional<qsizetype>(1));
+    QCOMPARE(indexOfActiveLayoutPreset(presets, OverlayLook{}), std::optional<qsizetype>(0));
+    QCOMPARE(indexOfActiveLayoutPreset(presets, unusualLook()), std::nullopt);
 }
 
 void SettingsTest::watermarkImageIsCopiedReplacedAndCleared()
@@ -583,24 +598,6 @@ void SettingsTest::decodingRejectsBadJson()
         {"preset", LayoutPreset::fromJson(value).has_value()},
         {"presets", layoutPresetsFromJson(value).has_value()}};
     QTEST(decoded.at(type), "accepted");
-}
-
-void SettingsTest::presetsAreFoundByNameAndByLook()
-{
-    OverlayLook moved;
-    moved.layout.setPlacement(OverlayWidget::cues, {0.5, 0.9, 0.5, 1.0});
-    const QList<LayoutPreset> presets{preset("Act 1"), preset("act 2", moved),
-                                      preset("Act 2", moved), preset("Café")};
-    // By name in any case, accented letters too, without the blanks around it, the first of
-    // two; accents and inner blanks count.
-    const std::pair<QString, int> names[] = {
-        {"ACT 2", 1}, {" Act 2 \t", 1}, {"CAFÉ", 3}, {"Cafe", -1}, {"Act  2", -1}};
-    for (const auto& [wanted, found] : names)
-        QCOMPARE(int(indexOfLayoutPreset(presets, wanted).value_or(-1)), found);
-    // By look, the first preset that has it.
-    QCOMPARE(indexOfActiveLayoutPreset(presets, moved), std::optional<qsizetype>(1));
-    QCOMPARE(indexOfActiveLayoutPreset(presets, OverlayLook{}), std::optional<qsizetype>(0));
-    QCOMPARE(indexOfActiveLayoutPreset(presets, unusualLook()), std::nullopt);
 }
 
 QTEST_GUILESS_MAIN(SettingsTest)

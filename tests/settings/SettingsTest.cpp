@@ -200,9 +200,7 @@ void SettingsTest::storedValuesAreReadOrFallBack_data()
     row("port beyond int", R"("oscPort":4294976297)", "oscPort", 8001);
     row("key in another case", R"("OSCPort":9000)", "oscPort", 8001);
     row("bool as 0", R"("recordsAudio":0)", "recordsAudio", true);
-    row("bool as text", R"("recordsAudio":"false")", "recordsAudio", true);
     row("scale beyond the largest", R"("overlayScale":1000)", "overlayScale", 2.0);
-    row("scale 0", R"("overlayScale":0)", "overlayScale", 0.5);
     row("image without a name", R"("watermarkImageFile":"")", "watermarkImageFile", none);
     row("image named ..", R"("watermarkImageFile":"..")", "watermarkImageFile", none);
     row("label as a number", R"("cameraLabel":5)", "cameraLabel", QStringLiteral("Stage Cam"));

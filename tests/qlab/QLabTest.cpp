@@ -82,11 +82,6 @@ QStringList namesOf(const QLabBrowser& browser)
     return names;
 }
 
-std::optional<QLabCue> decode(const QByteArray& json)
-{
-    return QLabCue::decode(QJsonDocument::fromJson(json).object(), kNow);
-}
-
 } // namespace
 
 class QLabTest : public QObject {
@@ -263,7 +258,7 @@ void QLabTest::decodesCues()
 {
     QFETCH(QByteArray, json);
     QFETCH(double, sinceSample);
-    const auto cue = decode(json);
+    const auto cue = QLabCue::decode(QJsonDocument::fromJson(json).object(), kNow);
     const auto number = [](std::optional<double> value) {
         return value ? QString::number(*value) : QStringLiteral("-");
     };

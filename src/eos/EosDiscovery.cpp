@@ -47,14 +47,18 @@ public:
     {
         return std::shared_ptr<Relay>(new Relay, [](Relay* relay) { relay->deleteLater(); });
     }
-    // Any thread: hands `results` of part `part` to the main thread.
+    // Any thread: hands `results` of part `part` to the main thread. The queued call holds
+    // the relay weakly (the scan holds it while results matter): a call still queued when
+    // the application quits is destroyed inside Qt's event queue lock, and letting go of
+    // the last holder there would wait on that lock for ever in deleteLater().
     static void post(const std::shared_ptr<Relay>& relay, int part, Results results)
     {
         QMetaObject::invokeMethod(
             relay.get(),
-            [relay, part, results = std::move(results)]() mutable {
-                if (relay->deliver)
-                    relay->deliver(part, std::move(results));
+            [weak = std::weak_ptr<Relay>(relay), part, results = std::move(results)]() mutable {
+                const std::shared_ptr<Relay> held = weak.lock();
+                if (held && held->deliver)
+                    held->deliver(part, std::move(results));
             },
             Qt::QueuedConnection);
     }

@@ -78,6 +78,7 @@ private Q_SLOTS:
     void appliesEachValueOncePerChange_data();
     void appliesEachValueOncePerChange();
     void followsTheExtraCameras();
+    void mirrorsTheMainCameraAndSetsItsGain();
     void saysWhatWentWrong();
     void reportsNetworkChanges();
     void answersTheSender_data();
@@ -215,6 +216,18 @@ void AppModelTest::followsTheExtraCameras()
     QCOMPARE(feedsChanged.size(), 2);
     QCOMPARE(model->overlayUpdate().labels.value(b.id), QString());
     QCOMPARE(model->overlayUpdate().labels.value(QUuid()), model->settings().cameraLabel());
+}
+
+// As stored when Orvane starts, and at once when changed.
+void AppModelTest::mirrorsTheMainCameraAndSetsItsGain()
+{
+    makeSettings()->setIsMirrored(true);
+    auto model = makeModel();
+    QVERIFY(model->engine().isMirrored());
+    model->settings().setIsMirrored(false);
+    model->settings().setAudioGain(0.25);
+    QVERIFY(!model->engine().isMirrored());
+    QCOMPARE(model->engine().gain(), 0.25f);
 }
 
 void AppModelTest::saysWhatWentWrong()

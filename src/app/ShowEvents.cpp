@@ -25,18 +25,4 @@ std::vector<ShowEventRow> qlabStartRows(QSet<QString>& running, const std::vecto
     return rows;
 }
 
-std::optional<ShowEventRow> commandRow(const ShowCommand& command)
-{
-    switch (command.kind) {
-    case ShowCommand::Kind::marker:
-        return ShowEventRow{QStringLiteral("Marker"), command.text};
-    case ShowCommand::Kind::layout:
-    case ShowCommand::Kind::startRecording:
-    case ShowCommand::Kind::stopRecording:
-    case ShowCommand::Kind::toggleRecording:
-        return std::nullopt;
-    }
-    return std::nullopt;
-}
-
 } // namespace orvane

@@ -2,7 +2,6 @@
 
 #include "qlab/QLabCue.h"
 #include "show/EosCue.h"
-#include "show/ShowCommand.h"
 
 #include <QSet>
 #include <QString>
@@ -28,8 +27,5 @@ std::optional<ShowEventRow> cueChangeRow(const std::optional<EosCue>& cue);
 // cue has no number), detail its name. Cue lists, and cues that merely pause or resume, add no
 // row. `running` becomes the set of cue ids now running.
 std::vector<ShowEventRow> qlabStartRows(QSet<QString>& running, const std::vector<QLabCue>& cues);
-
-// A "/tavrin/marker" command: "Marker", detail its text. Other commands add no row.
-std::optional<ShowEventRow> commandRow(const ShowCommand& command);
 
 } // namespace orvane

@@ -66,6 +66,14 @@ struct RecordingControl::Journal {
     bool stopped = false;
     int finishing = 0; // movies not yet given their chapters
     bool keep = false;
+    // The recording is over, said in the file too: a later recovery then knows it was
+    // stopped, not cut off.
+    void stop()
+    {
+        stopped = true;
+        if (file)
+            file->addStop();
+    }
     void settle()
     {
         if (stopped && finishing == 0 && !keep && file) {
@@ -163,7 +171,7 @@ void RecordingControl::stop(std::function<void()> done)
     std::vector<Running> cameras = std::move(running_);
     running_.clear();
     std::shared_ptr<Journal> journal = std::move(journal_);
-    journal->stopped = true;
+    journal->stop();
     recordingStart_.reset();
     Q_EMIT recordingStartChanged();
 
@@ -329,7 +337,7 @@ void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& e
     // it gets no cue log.
     finishCamera(std::move(camera), false, cueLog_, journal_, [](const Finished&) {});
     if (running_.empty() && recordingStart_) {
-        journal_->stopped = true;
+        journal_->stop();
         journal_->settle();
         journal_.reset();
         recordingStart_.reset();

@@ -74,6 +74,11 @@ void RecordingJournal::addMovieStart(const QString& file, double offset, double 
                    {QStringLiteral("frameDuration"), frameDuration}}));
 }
 
+void RecordingJournal::addStop()
+{
+    append(lineOf({{QStringLiteral("stopped"), true}}));
+}
+
 void RecordingJournal::addRow(const CueLogEntry& row)
 {
     append(lineOf({{QStringLiteral("elapsed"), row.elapsed},
@@ -148,6 +153,8 @@ std::optional<JournalContents> readJournal(const QByteArray& bytes)
                                  line.value(QStringLiteral("timecode")).toString(),
                                  line.value(QStringLiteral("event")).toString(),
                                  line.value(QStringLiteral("detail")).toString()});
+        } else if (line.value(QStringLiteral("stopped")).toBool()) {
+            journal.stopped = true;
         } else {
             ++journal.skippedLines;
         }

@@ -26,6 +26,7 @@ struct JournalContents {
     bool writesCueLog = true;
     std::vector<Movie> movies; // main camera first
     QList<CueLogEntry> rows;
+    bool stopped = false; // the recording was stopped, not cut off
     int skippedLines = 0; // torn or unreadable lines
 };
 
@@ -47,6 +48,8 @@ public:
     // The movie `file` got its first frame `offset` seconds after the recording started.
     void addMovieStart(const QString& file, double offset, double frameDuration);
     void addRow(const CueLogEntry& row);
+    // The recording was stopped; what is left to do is giving its movies their chapters.
+    void addStop();
     // The recording is whole on the disk: the journal goes.
     void remove();
 

@@ -94,7 +94,10 @@ RecoveryReport recoverRecordings(const QString& folder)
         QFile::remove(path);
         syncFileToDisk(dir.absolutePath(), false);
         report.recovered.append(
-            QStringLiteral("Orvane recovered the recording “%1” that was cut off.")
+            (journal->stopped
+                 ? QStringLiteral("Orvane finished the recording “%1”: its movies now have their "
+                                  "cue chapters.")
+                 : QStringLiteral("Orvane recovered the recording “%1” that was cut off."))
                 .arg(journal->name));
     }
     return report;

@@ -196,7 +196,7 @@ if mount -t tmpfs -o size=1200k e2e-small "$work/small" 2>/dev/null; then
     mount -o remount,size=100m "$work/small"
     "$orvane" recover "$work/small/Recordings" >"$work/recover-full.out" 2>&1
     m=$(frames "$movie")
-    check "recovered once there was room, $m of $n frames" grep -qF "Orvane recovered" \
+    check "finished once there was room, $m of $n frames" grep -qF "Orvane finished the" \
         "$work/recover-full.out" && check "no picture lost" [ "${m:-0}" -ge $((n - 1)) ]
     # A stop with room for the movie but not for its copy with chapters: said, and put off.
     rm -r "$work/small/Recordings"
@@ -208,7 +208,9 @@ if mount -t tmpfs -o size=1200k e2e-small "$work/small" 2>/dev/null; then
     check "no room for chapters is said" grep -qF "There wasn't room on the disk to add the cue" \
         "$work/noroom.out"
     mount -o remount,size=100m "$work/small"
-    "$orvane" recover "$work/small/Recordings" >/dev/null 2>&1
+    "$orvane" recover "$work/small/Recordings" >"$work/recover-full.out" 2>&1
+    check "said as finished, not cut off" grep -qF "now have their cue chapters" \
+        "$work/recover-full.out"
     movie=$(find "$work/small/Recordings" -name '*.mov' | head -1)
     chapters=$(ffprobe -v error -show_chapters -of csv=p=0 "$movie" | wc -l)
     check "the chapters came at the next recovery ($chapters)" [ "$chapters" -gt 0 ]

@@ -333,8 +333,8 @@ void RecordingControl::cameraFailed(CaptureEngine* engine, const CaptureError& e
     running_.erase(found);
     Q_EMIT errorOccurred(QStringLiteral("A camera stopped recording. ") +
                          sentence(error.description()));
-    // The failed movie keeps what was written before the failure, with the chapters so far;
-    // it gets no cue log.
+    // The failed movie keeps what was written before the failure and gets no cue log now; its
+    // journal stays, and the next start finishes it with its chapters and cue log.
     finishCamera(std::move(camera), false, cueLog_, journal_, [](const Finished&) {});
     if (running_.empty() && recordingStart_) {
         journal_->stop();

@@ -5,6 +5,7 @@
 #include "app/MarkerLists.h"
 #include "app/RecordingJournal.h"
 #include "app/RecordingNames.h"
+#include "app/Sentence.h"
 #include "base/Checks.h"
 #include "capture/CaptureEngine.h"
 #include "settings/AppSettings.h"
@@ -22,14 +23,6 @@ Q_LOGGING_CATEGORY(lcApp, "orvane.app")
 namespace orvane {
 
 namespace {
-
-// `text` ending with a full stop.
-QString sentence(QString text)
-{
-    if (!text.endsWith(QLatin1Char('.')))
-        text += QLatin1Char('.');
-    return text;
-}
 
 MovieCodec movieCodec(RecordingCodec codec)
 {

@@ -3,6 +3,7 @@
 #include "app/AppLog.h"
 #include "app/MarkerLists.h"
 #include "app/RecordingJournal.h"
+#include "app/Sentence.h"
 #include "capture/FinishMovie.h"
 
 #include <QDir>
@@ -48,11 +49,8 @@ std::optional<QString> recover(const QDir& folder, const JournalContents& journa
         const double offset = movie.offset.value_or(0);
         const FinishedMovie finished = finishMovie(path, movieChapters(journal.rows, offset));
         if (finished.result != FinishedMovie::Result::finished) {
-            QString reason = finished.message;
-            if (!reason.endsWith(QLatin1Char('.')))
-                reason += QLatin1Char('.');
             return QStringLiteral("the movie “%1” couldn't be finished. %2")
-                .arg(movie.file, reason);
+                .arg(movie.file, sentence(finished.message));
         }
         if (!journal.writesCueLog)
             continue;

@@ -2,6 +2,7 @@
 
 #include "app/AppModel.h"
 #include "app/CueLog.h"
+#include "app/Sentence.h"
 
 #include <QFileInfo>
 
@@ -10,15 +11,6 @@
 namespace orvane {
 
 namespace {
-
-// A status such as "Connected" or "Searching…" as a sentence.
-QString sentence(const QString& text)
-{
-    if (text.endsWith(QLatin1Char('.')) || text.endsWith(QChar(0x2026)) ||
-        text.endsWith(QLatin1Char('!')) || text.endsWith(QLatin1Char('?')))
-        return text;
-    return text + QLatin1Char('.');
-}
 
 // "no frames", "1 frame", "12 frames".
 QString framesText(int count)

@@ -48,11 +48,11 @@ namespace {
 
 // "mjpeg 1920x1080@30, yuyv422 640x480@5": ways to deliver pictures, each at one rate. MJPEG
 // is compressed, a raw format takes 2 bytes a pixel.
-std::vector<CameraMode> modes(const QString& specs)
+std::vector<CameraMode> modes(const QString& described)
 {
     std::vector<CameraMode> modes;
-    for (const QString& spec : specs.split(", ", Qt::SkipEmptyParts)) {
-        const QStringList field = spec.split(QRegularExpression("[ x@]"));
+    for (const QString& mode : described.split(", ", Qt::SkipEmptyParts)) {
+        const QStringList field = mode.split(QRegularExpression("[ x@]"));
         const double fps = field[3].toDouble();
         modes.push_back(
             {field[0], field[0] == "mjpeg", field[1].toInt(), field[2].toInt(), 2, {{fps, fps}}});

@@ -7,6 +7,7 @@
 #include "app/RunOptions.h"
 
 #include <QCoreApplication>
+#include <QApplication>
 #include <QGuiApplication>
 
 #include <algorithm>
@@ -55,6 +56,8 @@ std::unique_ptr<QCoreApplication> makeApplication(AppKind kind, int& argc, char*
             qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
             qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
             qputenv("QT_QPA_PLATFORM", "offscreen");
+        if (kind == AppKind::widgets)
+            return std::make_unique<QApplication>(argc, argv);
         return std::make_unique<QGuiApplication>(argc, argv);
     }
     return nullptr;
@@ -75,7 +78,7 @@ int runWholeApplication(int& argc, char** argv)
         !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
     if (!hasDisplay)
         options.headless = true;
-    auto app = makeApplication(AppKind::gui, argc, argv);
+    auto app = makeApplication(options.headless ? AppKind::gui : AppKind::widgets, argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
     QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
     if (options.help) {

@@ -110,7 +110,7 @@ AppModel::AppModel(std::unique_ptr<AppSettings> settings, RunOptions options, Cl
             setFeedState(FeedState::of(FeedState::Kind::live));
     });
     connect(&engine_, &CaptureEngine::cameraLost, this, [this] {
-        setFeedState(FeedState::disconnected(QStringLiteral("The camera")));
+        setFeedState(FeedState::disconnected(missingCameraName(settings_->cameraID())));
         devices_.refresh();
     });
     connect(&pathMonitor_, &NetworkPathMonitor::interfacesChanged, this, &AppModel::networkChanged);
@@ -224,6 +224,16 @@ std::vector<CameraFeed*> AppModel::extraFeeds() const
 
 // Configuration values
 
+QString AppModel::missingCameraName(const std::optional<QString>& cameraID) const
+{
+    // A camera seen earlier in this run keeps its name; one never seen is just "the camera".
+    if (cameraID) {
+        if (auto name = devices_.lastKnownCameraName(*cameraID))
+            return *name;
+    }
+    return QStringLiteral("The camera");
+}
+
 CaptureConfiguration AppModel::captureConfiguration() const
 {
     CaptureConfiguration configuration;
@@ -240,7 +250,7 @@ CaptureConfiguration AppModel::captureConfiguration() const
             cameras.begin(), cameras.end(),
             [&](const CaptureSource& source) { return source.id == *configuration.cameraID; }) &&
         !TestPatternSource::isTestPattern(*configuration.cameraID))
-        configuration.missingCameraName = QStringLiteral("The camera");
+        configuration.missingCameraName = missingCameraName(configuration.cameraID);
     if (settings_->recordsAudio())
         configuration.microphoneID = settings_->audioDeviceID();
     return configuration;

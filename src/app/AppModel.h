@@ -153,6 +153,7 @@ private:
     void applyExtra(const ExtraConfiguration& configuration);
     void applyOverlay(const OverlayUpdate& update);
     void setFeedState(FeedState state);
+    QString missingCameraName(const std::optional<QString>& cameraID) const;
     // Starts the recording asked for on the command line once every camera that can run does.
     void recordWhenAllLive();
     void loadWatermarkImage();

@@ -9,6 +9,7 @@
 #include <QFileSystemWatcher>
 #include <QObject>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -34,6 +35,9 @@ public:
     // pattern.
     const std::vector<CaptureSource>& cameras() const { return cameras_; }
     const std::vector<CaptureSource>& microphones() const { return microphones_; }
+    // The name a camera had when it was last listed in this run, so that a camera that was
+    // unplugged can still be called by its name; none for one never seen.
+    std::optional<QString> lastKnownCameraName(const QString& id) const;
     // Denied when no camera of this computer may be opened (their nodes answer EACCES: the
     // user is not in the "video" group); the test pattern is never denied.
     Authorization cameraAuthorization() const { return cameraAuthorization_; }
@@ -77,6 +81,7 @@ private:
     QString deviceFolder_;
     std::vector<CaptureSource> cameras_;
     std::vector<QString> deniedCameras_; // identifiers
+    std::map<QString, QString> knownCameraNames_; // every camera listed in this run, by id
     std::vector<CaptureSource> microphones_;
     Authorization cameraAuthorization_ = Authorization::notDetermined;
     Authorization microphoneAuthorization_ = Authorization::notDetermined;

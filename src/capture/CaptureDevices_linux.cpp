@@ -609,6 +609,10 @@ void CaptureDevices::refresh()
     auto microphones = listMicrophones();
 
     if (cameras != cameras_) {
+        for (const auto& camera : cameras) {
+            if (!camera.name.trimmed().isEmpty())
+                knownCameraNames_[camera.id] = camera.name;
+        }
         cameras_ = std::move(cameras);
         Q_EMIT camerasChanged();
     }
@@ -624,6 +628,14 @@ void CaptureDevices::refresh()
         microphoneAuthorization_ = Authorization::authorized;
         Q_EMIT microphoneAuthorizationChanged();
     }
+}
+
+std::optional<QString> CaptureDevices::lastKnownCameraName(const QString& id) const
+{
+    const auto found = knownCameraNames_.find(id);
+    if (found == knownCameraNames_.end())
+        return std::nullopt;
+    return found->second;
 }
 
 CaptureDevices::Authorization CaptureDevices::cameraAuthorization(const QString& id) const

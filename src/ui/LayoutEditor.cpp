@@ -19,13 +19,13 @@ LayoutEditor::LayoutEditor(AppModel& model, QWidget* parent)
 
     auto* done = new QPushButton(tr("Done"), this);
     done->setObjectName(QStringLiteral("doneEditingLayout"));
-    done->setDefault(true);
     auto* reset = new QPushButton(tr("Reset Layout"), this);
     reset->setObjectName(QStringLiteral("resetLayout"));
     reset->setToolTip(tr("Puts every widget back where it starts out"));
     auto* hint = new QLabel(tr("Drag a widget to move it; arrow keys nudge it."), this);
     hint->setObjectName(QStringLiteral("layoutHint"));
     canvas_ = new LayoutCanvas(model_, this);
+    setFocusProxy(canvas_); // the arrow keys move the selected widget as soon as it is shown
 
     auto* bar = new QHBoxLayout;
     bar->addWidget(new PresetList(model_, this));

@@ -2,7 +2,7 @@
 
 #include "commands/Command.h"
 #include "commands/Headless.h"
-#include "commands/StandInWindow.h"
+#include "commands/Window.h"
 
 #include "app/RunOptions.h"
 
@@ -81,13 +81,14 @@ int runWholeApplication(int& argc, char** argv)
     auto app = makeApplication(options.headless ? AppKind::gui : AppKind::widgets, argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
     QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(ORVANE_VERSION));
     if (options.help) {
         printUsage(stdout);
         return 0;
     }
     if (options.headless)
         return runApplication(options);
-    return runStandInWindow(options);
+    return runWindow(options);
 }
 
 } // namespace
@@ -138,6 +139,7 @@ int main(int argc, char** argv)
     auto app = makeApplication(found->kind, argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
     QCoreApplication::setOrganizationName(QStringLiteral("Orvane"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(ORVANE_VERSION));
     QStringList arguments = QCoreApplication::arguments().mid(2);
     return found->run(arguments);
 }

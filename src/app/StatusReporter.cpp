@@ -22,7 +22,9 @@ QString framesText(int count)
     return QStringLiteral("%1 frames").arg(count);
 }
 
-QString feedSentence(const FeedState& state)
+} // namespace
+
+QString feedStateSentence(const FeedState& state)
 {
     switch (state.kind) {
     case FeedState::Kind::disconnected:
@@ -43,14 +45,12 @@ QString feedSentence(const FeedState& state)
     return {};
 }
 
-} // namespace
-
 StatusReporter::StatusReporter(AppModel& model, QObject* parent)
     : QObject(parent)
     , model_(model)
 {
     connect(&model, &AppModel::feedStateChanged, this,
-            [this] { say(feedSentence(model_.feedState())); });
+            [this] { say(feedStateSentence(model_.feedState())); });
     connect(&model, &AppModel::errorMessageChanged, this, [this] {
         if (const auto message = model_.errorMessage())
             say(*message);

@@ -7,6 +7,11 @@
 namespace orvane {
 
 class AppModel;
+struct FeedState;
+
+// What a camera's state says, in the words of both the window and headless mode
+// ("No camera is chosen.", "Booth Cam isn't connected.").
+QString feedStateSentence(const FeedState& state);
 
 // Turns what happens in the application model into sentences, one a line, as headless mode
 // prints them: the camera's state, recordings started and saved with the frames they lost,

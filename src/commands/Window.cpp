@@ -1,0 +1,52 @@
+#include "commands/Window.h"
+
+#include "commands/CommandSupport.h"
+
+#include "app/AppModel.h"
+#include "app/StatusReporter.h"
+#include "settings/AppSettings.h"
+#include "ui/MainWindow.h"
+
+#include <QApplication>
+
+#include <cstdio>
+
+namespace orvane {
+
+namespace {
+
+std::unique_ptr<AppSettings> openSettings(const RunOptions& options)
+{
+    if (!options.settingsFile)
+        return AppSettings::openStandard();
+    auto location = AppSettings::standardLocation();
+    location.storeFile = *options.settingsFile;
+    return std::make_unique<AppSettings>(location);
+}
+
+} // namespace
+
+int runWindow(const RunOptions& options)
+{
+    AppModel model(openSettings(options), options);
+    // Scripts that start the window read the same lines as headless mode prints.
+    StatusReporter reporter(model);
+    QObject::connect(&reporter, &StatusReporter::line, &reporter, [](const QString& text) {
+        std::printf("%s\n", qPrintable(text));
+        std::fflush(stdout);
+    });
+
+    MainWindow window(model);
+    // Other windows (settings, about) may stay open: the main window's closing, once the
+    // recording is finished, is what ends Orvane.
+    QApplication::setQuitOnLastWindowClosed(false);
+    QObject::connect(&window, &MainWindow::closed, qApp, &QCoreApplication::quit,
+                     Qt::QueuedConnection);
+    // SIGINT and SIGTERM close the window as its close button does.
+    onInterrupt(window, [&window] { window.close(); });
+    window.show();
+    model.start();
+    return QApplication::exec();
+}
+
+} // namespace orvane

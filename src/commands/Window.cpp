@@ -5,6 +5,7 @@
 #include "app/AppModel.h"
 #include "app/StatusReporter.h"
 #include "settings/AppSettings.h"
+#include "ui/LayoutEditor.h"
 #include "ui/MainWindow.h"
 
 #include <QApplication>
@@ -37,6 +38,7 @@ int runWindow(const RunOptions& options)
     });
 
     MainWindow window(model);
+    window.setLayoutEditor(new LayoutEditor(model));
     // Other windows (settings, about) may stay open: the main window's closing, once the
     // recording is finished, is what ends Orvane.
     QApplication::setQuitOnLastWindowClosed(false);

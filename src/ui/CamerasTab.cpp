@@ -174,8 +174,8 @@ void CamerasTab::refreshCameraChoice()
 
 void CamerasTab::refreshMicrophoneChoice()
 {
-    fillDeviceChoice(microphone_, model_.devices().microphones(),
-                     model_.settings().audioDeviceID(), std::nullopt);
+    fillDeviceChoice(microphone_, model_.devices().microphones(), model_.settings().audioDeviceID(),
+                     std::nullopt);
 }
 
 void CamerasTab::refreshGain()
@@ -293,8 +293,7 @@ void CamerasTab::addExtraCamera()
     model_.settings().setExtraCameras(cameras);
 }
 
-void CamerasTab::changeExtraCamera(const QUuid& id,
-                                   const std::function<void(ExtraCamera&)>& change)
+void CamerasTab::changeExtraCamera(const QUuid& id, const std::function<void(ExtraCamera&)>& change)
 {
     QList<ExtraCamera> cameras = model_.settings().extraCameras();
     for (ExtraCamera& camera : cameras) {

@@ -232,8 +232,8 @@ OscTab::OscTab(AppModel& model, QWidget* parent)
     auto* form = new QFormLayout;
     column->addLayout(form);
 
-    auto* enabled = new QCheckBox(tr("Listen for OSC from QLab, TouchOSC, Companion and others"),
-                                  this);
+    auto* enabled =
+        new QCheckBox(tr("Listen for OSC from QLab, TouchOSC, Companion and others"), this);
     enabled->setObjectName(QStringLiteral("oscEnabled"));
     bindSetting(enabled, settings, &AppSettings::oscEnabled, &AppSettings::setOscEnabled,
                 &AppSettings::oscEnabledChanged);
@@ -305,8 +305,8 @@ QList<WatchedAddress> OscTab::watchedInTable() const
         const QTableWidgetItem* address = watched_->item(row, 1);
         if (!label || !address)
             continue;
-        watched.append({QUuid(label->data(Qt::UserRole).toString()), label->text(),
-                        address->text()});
+        watched.append(
+            {QUuid(label->data(Qt::UserRole).toString()), label->text(), address->text()});
     }
     return watched;
 }

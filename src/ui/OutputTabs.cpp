@@ -120,8 +120,8 @@ OutputsTab::OutputsTab(AppModel& model, QWidget* parent)
                 &AppSettings::ndiEnabledChanged);
     ndiForm->addRow(ndiEnabled);
     auto* description = new QLabel(tr("Sends the picture with the overlay to anything on the "
-                                       "network that receives NDI: vision mixers, OBS, NDI "
-                                       "Video Monitor."),
+                                      "network that receives NDI: vision mixers, OBS, NDI "
+                                      "Video Monitor."),
                                    ndiBox);
     description->setObjectName(QStringLiteral("ndiDescription"));
     description->setWordWrap(true);

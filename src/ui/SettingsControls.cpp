@@ -8,8 +8,8 @@ PortField::PortField(QWidget* parent)
     : QLineEdit(parent)
 {
     // Up to nine digits: a number too large for a port is still shown to its component.
-    setValidator(new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[0-9]{1,9}")),
-                                                 this));
+    setValidator(
+        new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[0-9]{1,9}")), this));
     setMaximumWidth(fontMetrics().horizontalAdvance(QStringLiteral("0000000000")));
     connect(this, &QLineEdit::editingFinished, this, [this] {
         if (const auto typed = port(); typed && *typed != shown_) {

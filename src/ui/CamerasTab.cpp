@@ -44,10 +44,10 @@ CamerasTab::CamerasTab(AppModel& model, QWidget* parent)
     auto* mainBox = new QGroupBox(tr("Main camera"), this);
     auto* mainForm = new QFormLayout(mainBox);
     camera_ = new QComboBox(mainBox);
-    camera_->setObjectName(QStringLiteral("mainCamera"));
+    camera_->setObjectName(QStringLiteral("cameraID"));
     mainForm->addRow(tr("Camera:"), camera_);
     microphone_ = new QComboBox(mainBox);
-    microphone_->setObjectName(QStringLiteral("microphone"));
+    microphone_->setObjectName(QStringLiteral("audioDeviceID"));
     mainForm->addRow(tr("Microphone:"), microphone_);
 
     auto* recordsAudio = new QCheckBox(tr("Record sound"), mainBox);

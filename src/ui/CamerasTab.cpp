@@ -241,6 +241,7 @@ CamerasTab::ExtraRow CamerasTab::makeExtraRow(const QUuid& id)
     QLineEdit* label = row.label;
     QComboBox* device = row.device;
     connect(label, &QLineEdit::editingFinished, this, [this, id, label] {
+        label->setModified(false);
         changeExtraCamera(id, [&](ExtraCamera& camera) { camera.label = label->text(); });
     });
     connect(device, &QComboBox::activated, this, [this, id, device](int index) {
@@ -261,7 +262,8 @@ CamerasTab::ExtraRow CamerasTab::makeExtraRow(const QUuid& id)
 
 void CamerasTab::fillExtraRow(ExtraRow& row, const ExtraCamera& camera)
 {
-    if (row.label->text() != camera.label)
+    // A label being typed is kept when a camera is plugged in meanwhile.
+    if (row.label->text() != camera.label && !(row.label->hasFocus() && row.label->isModified()))
         row.label->setText(camera.label);
     fillDeviceChoice(row.device, model_.devices().cameras(), camera.deviceID, camera.deviceName);
     const QSignalBlocker block(row.mirror);

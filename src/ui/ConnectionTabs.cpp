@@ -30,8 +30,8 @@ constexpr EosVersion kEosVersions[] = {{OSCFraming::slip, 3037},
 
 void addStatusRows(QFormLayout* form, QLabel* status, QLabel* advice)
 {
-    form->addRow(QString(), status);
-    form->addRow(QString(), advice);
+    form->addRow(status);
+    form->addRow(advice);
 }
 
 } // namespace
@@ -246,7 +246,7 @@ OscTab::OscTab(AppModel& model, QWidget* parent)
     form->addRow(tr("Port:"), port);
 
     state_ = makeStatusLabel(QStringLiteral("oscState"), this);
-    form->addRow(QString(), state_);
+    form->addRow(state_);
     OSCListener& listener = model_.input().listener();
     const auto refreshState = [this, &listener] { showStatus(state_, listener.stateText()); };
     connect(&listener, &OSCListener::stateChanged, this, refreshState);
@@ -257,6 +257,7 @@ OscTab::OscTab(AppModel& model, QWidget* parent)
            "ending in * catches every address that begins with it."),
         this);
     explanation->setWordWrap(true);
+    column->addSpacing(8);
     column->addWidget(explanation);
 
     watched_ = new QTableWidget(0, 2, this);

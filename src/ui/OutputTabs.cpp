@@ -101,13 +101,13 @@ OutputsTab::OutputsTab(AppModel& model, QWidget* parent)
                 &AppSettings::webViewerPortChanged);
     webForm->addRow(tr("Port:"), webPort);
     webState_ = makeStatusLabel(QStringLiteral("webState"), webBox);
-    webForm->addRow(QString(), webState_);
+    webForm->addRow(webState_);
     webAddresses_ = new QLabel(webBox);
     webAddresses_->setObjectName(QStringLiteral("webAddresses"));
     webAddresses_->setTextFormat(Qt::RichText);
     webAddresses_->setOpenExternalLinks(true);
     webAddresses_->setWordWrap(true);
-    webForm->addRow(QString(), webAddresses_);
+    webForm->addRow(webAddresses_);
     connect(&outputs, &Outputs::webStateChanged, this, &OutputsTab::refreshWeb);
     connect(&outputs, &Outputs::webAddressesChanged, this, &OutputsTab::refreshWeb);
     refreshWeb();

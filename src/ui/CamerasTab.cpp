@@ -1,6 +1,7 @@
 #include "ui/CamerasTab.h"
 
 #include "app/AppModel.h"
+#include "capture/TestPatternSource.h"
 #include "ui/SettingsControls.h"
 
 #include <QComboBox>
@@ -160,7 +161,11 @@ void CamerasTab::fillDeviceChoice(QComboBox* choice, const std::vector<CaptureSo
     }
     int index = choice->findData(*chosen);
     if (index < 0) {
-        choice->addItem(tr("%1 (not connected)").arg(missingName(*chosen, storedName)), *chosen);
+        // The test pattern at a size of its own is always there.
+        const auto size = TestPatternSource::sizeIn(*chosen);
+        choice->addItem(size ? tr("Test Pattern (%1×%2)").arg(size->width()).arg(size->height())
+                             : tr("%1 (not connected)").arg(missingName(*chosen, storedName)),
+                        *chosen);
         index = choice->count() - 1;
     }
     choice->setCurrentIndex(index);

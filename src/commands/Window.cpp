@@ -7,6 +7,7 @@
 #include "settings/AppSettings.h"
 #include "ui/LayoutEditor.h"
 #include "ui/MainWindow.h"
+#include "ui/SettingsWindow.h"
 
 #include <QApplication>
 
@@ -39,6 +40,16 @@ int runWindow(const RunOptions& options)
 
     MainWindow window(model);
     window.setLayoutEditor(new LayoutEditor(model));
+    // One settings window, made when first asked for; asked again, it comes to the front at
+    // the tab it was left on.
+    SettingsWindow* settingsWindow = nullptr;
+    const auto showSettings = [&](std::optional<SettingsWindow::Tab> tab) {
+        if (!settingsWindow)
+            settingsWindow = new SettingsWindow(model, &window);
+        settingsWindow->showTab(tab.value_or(settingsWindow->currentTab()));
+    };
+    QObject::connect(&window, &MainWindow::settingsRequested, &window,
+                     [showSettings] { showSettings(std::nullopt); });
     // Other windows (settings, about) may stay open: the main window's closing, once the
     // recording is finished, is what ends Orvane.
     QApplication::setQuitOnLastWindowClosed(false);

@@ -140,6 +140,8 @@ QString CamerasTab::missingName(const QString& id, const std::optional<QString>&
 {
     if (storedName && !storedName->isEmpty())
         return *storedName;
+    if (const auto camera = model_.devices().lastKnownCameraName(id))
+        return *camera;
     if (const auto known = knownNames_.find(id); known != knownNames_.end())
         return *known;
     // A device path such as /dev/v4l/by-id/usb-…-video-index0 reads best by its last part.

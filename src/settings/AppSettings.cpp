@@ -543,6 +543,16 @@ void AppSettings::write(QStringView key, const std::optional<QVariant>& value)
         writeTimer_.start();
 }
 
+std::optional<QVariant> AppSettings::storedValue(const QString& key) const
+{
+    assertOnOwnThread(this);
+    if (pending_.contains(key))
+        return pending_.value(key);
+    if (!store_->contains(key))
+        return std::nullopt;
+    return store_->value(key);
+}
+
 void AppSettings::flush()
 {
     assertOnOwnThread(this);

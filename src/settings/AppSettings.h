@@ -79,7 +79,8 @@ class QSettings;
     X(bool, webViewerEnabled, WebViewerEnabled, false, anyValue, "run the web viewer") \
     X(int, webViewerPort, WebViewerPort, 8090, anyValue, "web viewer HTTP port") \
     X(RecordingCodec, codec, Codec, RecordingCodec::hevc, anyValue, "\"hevc\", \"h264\" or \"proRes422Proxy\"; anything else is \"hevc\"") \
-    X(bool, writesCueLog, WritesCueLog, true, anyValue, "write a CSV cue log beside each movie")
+    X(bool, writesCueLog, WritesCueLog, true, anyValue, "write a CSV cue log beside each movie") \
+    X(bool, automaticallyChecksForUpdates, AutomaticallyChecksForUpdates, true, anyValue, "look for a newer Orvane once a day while the window is open")
 // clang-format on
 
 namespace orvane {
@@ -172,6 +173,10 @@ public:
 
     // Writes pending changes to the file now.
     void flush();
+
+    // A key of the settings file that is no setting (such as "OrvaneTestFeedURL", which
+    // staging and tests put there by hand), as the file holds it; nothing when it is absent.
+    std::optional<QVariant> storedValue(const QString& key) const;
 
     // One accessor and one setter per key, in the order of the keys.
     // clang-format off

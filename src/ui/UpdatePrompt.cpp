@@ -67,6 +67,11 @@ void UpdatePrompt::checkForUpdates()
 void UpdatePrompt::showAnswer(const UpdateCheck::Answer& answer)
 {
     const bool asked = answer.trigger == UpdateCheck::Trigger::user;
+    if (progress_) { // a download is under way: that is the answer
+        if (asked)
+            progress_->raise();
+        return;
+    }
     switch (answer.kind) {
     case UpdateCheck::Answer::Kind::upToDate:
         if (asked)
@@ -80,8 +85,8 @@ void UpdatePrompt::showAnswer(const UpdateCheck::Answer& answer)
         if (!answer.release)
             return;
         // A check of its own accord stays quiet about a version the user put off, and never
-        // interrupts an offer or a download already under way.
-        if (!asked && (answer.release->version == declinedVersion_ || offer_ || progress_))
+        // replaces an offer still open.
+        if (!asked && (answer.release->version == declinedVersion_ || offer_))
             return;
         offer(*answer.release);
         return;

@@ -5,6 +5,7 @@
 #include "base/Checks.h"
 #include "settings/AppSettings.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -17,10 +18,6 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-
-#ifndef ORVANE_VERSION
-#define ORVANE_VERSION "0.0.0"
-#endif
 
 namespace orvane {
 
@@ -228,7 +225,7 @@ QByteArray UpdateCheck::builtInPublicKey()
 
 UpdateCheck::Options UpdateCheck::applicationOptions()
 {
-    return {QStringLiteral(ORVANE_VERSION), builtInPublicKey(), QString()};
+    return {QCoreApplication::applicationVersion(), builtInPublicKey(), QString()};
 }
 
 UpdateCheck::UpdateCheck(AppSettings& settings, Clock& clock, Options options, QObject* parent)

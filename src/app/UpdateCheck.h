@@ -82,7 +82,8 @@ public:
 
     static QUrl builtInFeedUrl();
     static QByteArray builtInPublicKey();
-    // This build's version, the built-in key and the user's Downloads folder.
+    // The application's version (as main() sets it), the built-in key and the user's
+    // Downloads folder.
     static Options applicationOptions();
 
     UpdateCheck(AppSettings& settings, Clock& clock, Options options, QObject* parent = nullptr);

@@ -366,7 +366,7 @@ void UpdateCheck::download(const UpdateRelease& release)
     downloadCancelled_ = false;
     downloadTooLarge_ = false;
     const QString name = packageFileName(release);
-    partial_ = std::make_unique<QFile>(folder + u'/' + name + QStringLiteral(".part"));
+    partial_ = std::make_unique<QFile>(unusedPath(folder, name + QStringLiteral(".part")));
     if (!partial_->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         const QString why = partial_->errorString();
         partial_.reset();

@@ -48,8 +48,7 @@ QString couldntSave(const QString& folder, const QString& why)
 bool isAllowedScheme(const QUrl& url, bool allowPlainHttp)
 {
     const QString scheme = url.scheme().toLower();
-    return !url.host().isEmpty() &&
-           (scheme == u"https" || (allowPlainHttp && scheme == u"http"));
+    return !url.host().isEmpty() && (scheme == u"https" || (allowPlainHttp && scheme == u"http"));
 }
 
 // One item of the feed; the reader stands on its start element and ends on its end element.
@@ -79,7 +78,9 @@ std::optional<UpdateRelease> readItem(QXmlStreamReader& xml, const QUrl& feedUrl
             const QXmlStreamAttributes attributes = xml.attributes();
             url = attributes.value(QLatin1StringView("url")).toString().trimmed();
             length = attributes.value(QLatin1StringView("length")).toString().trimmed();
-            signature = attributes.value(kFeedNamespace, QLatin1StringView("signature")).toString().trimmed();
+            signature = attributes.value(kFeedNamespace, QLatin1StringView("signature"))
+                            .toString()
+                            .trimmed();
             xml.skipCurrentElement();
         } else {
             xml.skipCurrentElement();
@@ -120,8 +121,8 @@ QString unusedPath(const QString& folder, const QString& name)
     const QString suffix = info.suffix().isEmpty() ? QString() : u'.' + info.suffix();
     QString path = folder + u'/' + name;
     for (int number = 2; QFileInfo::exists(path); ++number)
-        path = folder + u'/' + info.completeBaseName() + QStringLiteral(" (%1)").arg(number) +
-               suffix;
+        path =
+            folder + u'/' + info.completeBaseName() + QStringLiteral(" (%1)").arg(number) + suffix;
     return path;
 }
 
@@ -131,7 +132,8 @@ QNetworkRequest requestFor(const QUrl& url, const QString& version)
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::NoLessSafeRedirectPolicy);
     request.setMaximumRedirectsAllowed(UpdateCheck::kMaximumRedirects);
-    request.setTransferTimeout(int(std::chrono::milliseconds(UpdateCheck::kTransferTimeout).count()));
+    request.setTransferTimeout(
+        int(std::chrono::milliseconds(UpdateCheck::kTransferTimeout).count()));
     request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Orvane/") + version);
     return request;
 }
@@ -204,11 +206,10 @@ bool isSignedBy(QByteArrayView data, const QByteArray& signature, const QByteArr
     if (!key || !context ||
         EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1)
         return false;
-    return EVP_DigestVerify(context.get(),
-                            reinterpret_cast<const unsigned char*>(signature.constData()),
-                            size_t(signature.size()),
-                            reinterpret_cast<const unsigned char*>(data.data()),
-                            size_t(data.size())) == 1;
+    return EVP_DigestVerify(
+               context.get(), reinterpret_cast<const unsigned char*>(signature.constData()),
+               size_t(signature.size()), reinterpret_cast<const unsigned char*>(data.data()),
+               size_t(data.size())) == 1;
 }
 
 QUrl UpdateCheck::builtInFeedUrl()
@@ -235,7 +236,8 @@ UpdateCheck::UpdateCheck(AppSettings& settings, Clock& clock, Options options, Q
     , automaticTimer_(clock)
 {
     if (options_.downloadFolder.isEmpty())
-        options_.downloadFolder = QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
+        options_.downloadFolder =
+            QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
     if (options_.downloadFolder.isEmpty())
         options_.downloadFolder = QDir::homePath();
 }
@@ -304,8 +306,8 @@ void UpdateCheck::finishCheck()
         return answer({Answer::Kind::failed, trigger, std::nullopt,
                        couldntCheck(tr("The update feed is larger than Orvane reads"))});
     if (reply->error() != QNetworkReply::NoError)
-        return answer({Answer::Kind::failed, trigger, std::nullopt,
-                       couldntCheck(reply->errorString())});
+        return answer(
+            {Answer::Kind::failed, trigger, std::nullopt, couldntCheck(reply->errorString())});
     const auto releases = parseUpdateFeed(feed_, reply->url(), usesOverride());
     if (!releases)
         return answer({Answer::Kind::failed, trigger, std::nullopt,
@@ -427,8 +429,8 @@ void UpdateCheck::finishDownload()
     bool signedByUs = false;
     if (partial_->open(QIODevice::ReadOnly) && partial_->size() > 0) {
         if (uchar* bytes = partial_->map(0, partial_->size())) {
-            signedByUs = isSignedBy(QByteArrayView(bytes, partial_->size()),
-                                    downloading_.signature, options_.publicKey);
+            signedByUs = isSignedBy(QByteArrayView(bytes, partial_->size()), downloading_.signature,
+                                    options_.publicKey);
             partial_->unmap(bytes);
         }
         partial_->close();

@@ -8,6 +8,7 @@
 #include "ui/LayoutEditor.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
+#include "ui/UpdatePrompt.h"
 
 #include <QApplication>
 
@@ -50,6 +51,10 @@ int runWindow(const RunOptions& options)
     };
     QObject::connect(&window, &MainWindow::settingsRequested, &window,
                      [showSettings] { showSettings(std::nullopt); });
+    // Checks for a new release once a day while the setting allows, and when asked.
+    auto* updates = new UpdatePrompt(model, &window);
+    QObject::connect(&window, &MainWindow::checkForUpdatesRequested, updates,
+                     &UpdatePrompt::checkForUpdates);
     // Other windows (settings, about) may stay open: the main window's closing, once the
     // recording is finished, is what ends Orvane.
     QApplication::setQuitOnLastWindowClosed(false);

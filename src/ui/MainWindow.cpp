@@ -200,8 +200,20 @@ void MainWindow::buildMenus()
     about->setMenuRole(QAction::AboutRole);
     connect(about, &QAction::triggered, this, &MainWindow::showAbout);
 
+    auto* automatic = makeAction(this, QStringLiteral("automaticallyChecksForUpdates"),
+                                 tr("Check for Updates Automatically"));
+    automatic->setCheckable(true);
+    connect(automatic, &QAction::triggered, &settings,
+            &AppSettings::setAutomaticallyChecksForUpdates);
+    const auto followAutomatic = [this, automatic] {
+        automatic->setChecked(model_.settings().automaticallyChecksForUpdates());
+    };
+    connect(&settings, &AppSettings::automaticallyChecksForUpdatesChanged, this, followAutomatic);
+    followAutomatic();
+
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(updates);
+    help->addAction(automatic);
     help->addSeparator();
     help->addAction(about);
 }

@@ -234,6 +234,7 @@ void EosConnection::scanFinished()
 
 void EosConnection::adopt(const DiscoveredConsole& console)
 {
+    assertOnOwnThread(this);
     qCInfo(lcEos) << "following console" << console.shownName() << "at" << console.host << "on"
                   << console.interfaceName;
     if (isForgotten(console))

@@ -77,6 +77,9 @@ public:
     // Drops `console`: automatic scans no longer adopt it, and when it is the configured
     // console the link lets go of it (`consoleForgotten`).
     void forget(const DiscoveredConsole& console);
+    // The user chose `console` from the list of consoles found: the link follows it, as when
+    // a scan adopts one (`consoleAdopted`), and a console forgotten before is wanted again.
+    void adopt(const DiscoveredConsole& console);
     std::optional<Forgotten> forgotten() const { return forgotten_; }
 
     // Receives every packet that the console sends, undecoded, with the host it came from.
@@ -115,7 +118,6 @@ private:
     void searchTick();
     void scanFinished();
     bool startScan(EosDiscovery::ScanKind kind);
-    void adopt(const DiscoveredConsole& console);
     bool isForgotten(const DiscoveredConsole& console) const;
     void updateDescription();
 

@@ -56,6 +56,9 @@ public:
     void start();
     bool hasStarted() const { return hasStarted_; }
 
+    // The clock that every component runs on (the window reads its moving values from it).
+    Clock& clock() const { return clock_; }
+
     // The owned components.
     AppSettings& settings() { return *settings_; }
     CaptureDevices& devices() { return devices_; }

@@ -85,17 +85,16 @@ AdjustmentsTab::AdjustmentsTab(AppModel& model, QWidget* parent)
         bindSwitch(box, settings, item.key);
         overlayForm->addRow(box);
     }
-    overlayForm->addRow(tr("Size"), slider(settings, "overlayScale",
-                                           AppSettings::kMinimumOverlayScale,
-                                           AppSettings::kMaximumOverlayScale, overlay));
+    overlayForm->addRow(tr("Size"),
+                        slider(settings, "overlayScale", AppSettings::kMinimumOverlayScale,
+                               AppSettings::kMaximumOverlayScale, overlay));
     overlayForm->addRow(tr("Panels"), slider(settings, "overlayOpacity", 0, 1, overlay));
     overlayForm->addRow(tr("Camera label"),
                         textField(settings, "cameraLabel", tr("Stage Cam"), overlay));
 
     auto* watermark = new QGroupBox(tr("Watermark"), this);
     auto* watermarkForm = new QFormLayout(watermark);
-    watermarkForm->addRow(tr("Text"),
-                          textField(settings, "watermarkText", tr("None"), watermark));
+    watermarkForm->addRow(tr("Text"), textField(settings, "watermarkText", tr("None"), watermark));
     thumbnail_ = new QLabel(watermark);
     thumbnail_->setObjectName(QStringLiteral("watermarkThumbnail"));
     thumbnail_->setFixedSize(96, 54);
@@ -149,9 +148,8 @@ void AdjustmentsTab::refreshWatermark()
 {
     const auto& image = model_.watermarkImage();
     if (image && !image->isNull()) {
-        thumbnail_->setPixmap(QPixmap::fromImage(
-            image->scaled(thumbnail_->size() - QSize(4, 4), Qt::KeepAspectRatio,
-                          Qt::SmoothTransformation)));
+        thumbnail_->setPixmap(QPixmap::fromImage(image->scaled(
+            thumbnail_->size() - QSize(4, 4), Qt::KeepAspectRatio, Qt::SmoothTransformation)));
     } else {
         thumbnail_->setPixmap({});
         thumbnail_->setText(tr("No image"));

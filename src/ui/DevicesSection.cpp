@@ -81,8 +81,7 @@ DevicesSection::DevicesSection(AppModel& model, QWidget* parent)
                          &AppSettings::recordsAudioChanged, &AppSettings::cameraLabelChanged})
         connect(&settings, changed, this, &DevicesSection::refresh);
     connect(&model_.devices(), &CaptureDevices::camerasChanged, this, &DevicesSection::refresh);
-    connect(&model_.devices(), &CaptureDevices::microphonesChanged, this,
-            &DevicesSection::refresh);
+    connect(&model_.devices(), &CaptureDevices::microphonesChanged, this, &DevicesSection::refresh);
     connect(&model_, &AppModel::feedStateChanged, this, &DevicesSection::refresh);
     connect(&model_, &AppModel::extraFeedsChanged, this, &DevicesSection::rebuildExtras);
     connect(&settings, &AppSettings::extraCamerasChanged, this, &DevicesSection::rebuildExtras);
@@ -93,19 +92,21 @@ void DevicesSection::refresh()
 {
     const AppSettings& settings = model_.settings();
     const FeedState& feed = model_.feedState();
-    const auto camera = nameOf(model_.devices().cameras(), settings.cameraID());
+    // The devices in use: the chosen ones, or the ones Orvane took when none was chosen.
+    const CaptureConfiguration inUse = model_.captureConfiguration();
+    const auto camera = nameOf(model_.devices().cameras(), inUse.cameraID);
     showLine(camera_, camera ? tr("%1: %2").arg(*camera, stateText(feed))
                              : tr("Camera: %1").arg(stateText(feed)));
 
     QString microphone;
     if (!settings.recordsAudio())
         microphone = tr("Microphone: Off");
-    else if (!settings.audioDeviceID())
+    else if (!inUse.microphoneID)
         microphone = tr("Microphone: None chosen");
-    else if (const auto name = nameOf(model_.devices().microphones(), settings.audioDeviceID()))
+    else if (const auto name = nameOf(model_.devices().microphones(), inUse.microphoneID))
         microphone = tr("Microphone: %1").arg(*name);
     else
-        microphone = tr("Microphone: isn't connected");
+        microphone = tr("Microphone: not connected");
     showLine(microphone_, microphone);
 
     StatusDot::Status status = statusOf(feed);

@@ -21,7 +21,7 @@ StatusDot::Status statusOf(const EosConnection& eos)
         return StatusDot::Status::working;
     if (configuration->host.trimmed().isEmpty())
         return eos.isSearching() || configuration->autoConnect ? StatusDot::Status::trying
-                                                                : StatusDot::Status::needsUser;
+                                                               : StatusDot::Status::needsUser;
     const OSCStream::Status& stream = eos.streamStatus();
     switch (stream.kind) {
     case OSCStream::Status::Kind::idle:
@@ -67,7 +67,8 @@ EosSection::EosSection(AppModel& model, QWidget* parent)
 
     consoles_ = new QListWidget(this);
     consoles_->setObjectName(QStringLiteral("eosConsoles"));
-    consoles_->setToolTip(tr("Consoles found on this computer's networks. Choose one to follow it."));
+    consoles_->setToolTip(
+        tr("Consoles found on this computer's networks. Choose one to follow it."));
     consoles_->setMaximumHeight(110);
     consoles_->setWordWrap(true);
     rows()->addWidget(consoles_);
@@ -151,8 +152,8 @@ void EosSection::refreshConsoles()
     consoles_->clear();
     for (qsizetype at = 0; at < found.size(); ++at) {
         const DiscoveredConsole& console = found.at(at);
-        const QString name = console.shownName().isEmpty() ? tr("Eos console")
-                                                           : console.shownName();
+        const QString name =
+            console.shownName().isEmpty() ? tr("Eos console") : console.shownName();
         auto* item = new QListWidgetItem(
             tr("%1\n%2 · %3").arg(name, console.host, shownName(console.network)), consoles_);
         item->setData(Qt::UserRole, int(at));

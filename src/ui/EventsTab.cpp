@@ -56,8 +56,7 @@ EventsTab::EventsTab(AppModel& model, QWidget* parent)
     notRecording_->setObjectName(QStringLiteral("notRecording"));
     notRecording_->setAlignment(Qt::AlignCenter);
     QPalette colours = notRecording_->palette();
-    colours.setColor(QPalette::WindowText,
-                     colours.color(QPalette::Disabled, QPalette::WindowText));
+    colours.setColor(QPalette::WindowText, colours.color(QPalette::Disabled, QPalette::WindowText));
     notRecording_->setPalette(colours);
 
     markerText_ = new QLineEdit(this);
@@ -88,8 +87,8 @@ void EventsTab::refreshLog()
 {
     const QList<CueLogEntry>& log = model_.cueLog();
     // Rows only ever join at the end while a recording runs; anything else starts over.
-    const bool grew = log.size() >= shown_.size() &&
-                      std::equal(shown_.cbegin(), shown_.cend(), log.cbegin());
+    const bool grew =
+        log.size() >= shown_.size() && std::equal(shown_.cbegin(), shown_.cend(), log.cbegin());
     if (!grew) {
         log_->clear();
         shown_.clear();

@@ -46,6 +46,7 @@ private:
     QLabel* previousCue_ = nullptr;
     QFormLayout* fields_ = nullptr;
     QVBoxLayout* qlabCues_ = nullptr;
+    QLabel* noQLabCues_ = nullptr;
     QLabel* timecode_ = nullptr;
 };
 

@@ -87,7 +87,9 @@ void OutputsSection::refresh()
         break;
     }
     const bool listening = state.kind == WebViewer::State::Kind::listening;
-    showLine(webViewers_, listening ? count(outputs.webViewers(), OutputsSection::tr("1 viewer"), OutputsSection::tr("%1 viewers")) : QString());
+    showLine(webViewers_, listening ? count(outputs.webViewers(), OutputsSection::tr("1 viewer"),
+                                            OutputsSection::tr("%1 viewers"))
+                                    : QString());
     QStringList links;
     for (const QString& address : outputs.webAddresses())
         links.append(link(address));
@@ -102,8 +104,8 @@ void OutputsSection::refresh()
             ndiText += QStringLiteral("<br>") + link(Outputs::kNDIToolsAddress);
     } else if (outputs.isSendingNDI()) {
         ndi = StatusDot::Status::working;
-        const QString name = settings.ndiName().isEmpty() ? QStringLiteral("Orvane")
-                                                           : settings.ndiName();
+        const QString name =
+            settings.ndiName().isEmpty() ? QStringLiteral("Orvane") : settings.ndiName();
         ndiText = tr("Sending as “%1”").arg(name).toHtmlEscaped();
     } else if (settings.ndiEnabled()) {
         ndi = StatusDot::Status::trying;

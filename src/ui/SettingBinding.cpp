@@ -75,8 +75,8 @@ void bindSlider(QSlider* slider, QLabel* value, AppSettings& settings, const cha
     slider->setObjectName(QString::fromLatin1(key));
     const auto showPercent = [value, slider, stepsPerUnit] {
         if (value)
-            value->setText(QObject::tr("%1%").arg(
-                std::lround(100.0 * slider->value() / stepsPerUnit)));
+            value->setText(
+                QObject::tr("%1%").arg(std::lround(100.0 * slider->value() / stepsPerUnit)));
     };
     auto* binding = new SettingBinding(
         settings, key,

@@ -47,8 +47,8 @@ public:
 
     void show(const OverlayPart& part, WallTime now)
     {
-        const QString name = part.tag.isEmpty() ? part.label
-                                                : ShowTab::tr("%1  %2").arg(part.tag, part.label);
+        const QString name =
+            part.tag.isEmpty() ? part.label : ShowTab::tr("%1  %2").arg(part.tag, part.label);
         name_->setText(part.isRunning ? QStringLiteral("▶ ") + name : name);
         bar_->setValue(int(part.progressAt(now) * kBarSteps));
         const QString status = part.statusAt(now);
@@ -69,8 +69,7 @@ QLabel* caption(const QString& text, QWidget* parent)
     small.setPointSizeF(small.pointSizeF() * 0.85);
     label->setFont(small);
     QPalette colours = label->palette();
-    colours.setColor(QPalette::WindowText,
-                     colours.color(QPalette::Disabled, QPalette::WindowText));
+    colours.setColor(QPalette::WindowText, colours.color(QPalette::Disabled, QPalette::WindowText));
     label->setPalette(colours);
     return label;
 }
@@ -154,6 +153,9 @@ ShowTab::ShowTab(AppModel& model, QWidget* parent)
     qlabCues_ = new QVBoxLayout(qlab);
     qlabCues_->setContentsMargins(0, 0, 0, 0);
     column->addWidget(qlab);
+    noQLabCues_ = line(QStringLiteral("noQLabCues"), page);
+    noQLabCues_->setText(tr("None running"));
+    column->addWidget(noQLabCues_);
     section(tr("TIMECODE"));
     timecode_ = line(QStringLiteral("timecode"), page);
     timecode_->setFont(QFont(QStringLiteral("monospace")));
@@ -170,11 +172,10 @@ ShowTab::ShowTab(AppModel& model, QWidget* parent)
     layout->addWidget(scroll);
 
     ShowData& show = model_.show();
-    for (auto changed :
-         {&ShowData::showNameChanged, &ShowData::activeCueChanged, &ShowData::pendingCueChanged,
-          &ShowData::previousCueChanged, &ShowData::isHearingEosChanged,
-          &ShowData::activePartsChanged, &ShowData::activeCueClockChanged,
-          &ShowData::fieldsChanged})
+    for (auto changed : {&ShowData::showNameChanged, &ShowData::activeCueChanged,
+                         &ShowData::pendingCueChanged, &ShowData::previousCueChanged,
+                         &ShowData::isHearingEosChanged, &ShowData::activePartsChanged,
+                         &ShowData::activeCueClockChanged, &ShowData::fieldsChanged})
         connect(&show, changed, this, &ShowTab::refresh);
     for (auto changed : {&QLabClient::stateChanged, &QLabClient::runningCuesChanged,
                          &QLabClient::timecodeCueChanged})
@@ -239,6 +240,7 @@ void ShowTab::refresh()
     }
     if (content_.fields.empty())
         fields_->addRow(new QLabel(tr("None"), fields_->parentWidget()));
+    noQLabCues_->setVisible(content_.qlabCues.empty());
     tick();
 }
 

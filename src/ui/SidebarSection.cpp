@@ -9,8 +9,8 @@
 
 namespace orvane {
 
-SidebarSection::SidebarSection(const QString& title, AppSettings& settings,
-                               const char* enabledKey, QWidget* parent)
+SidebarSection::SidebarSection(const QString& title, AppSettings& settings, const char* enabledKey,
+                               QWidget* parent)
     : QFrame(parent)
 {
     dot_ = new StatusDot(this);
@@ -49,8 +49,12 @@ QLabel* SidebarSection::addLine(const QString& objectName, bool quiet)
     line->setTextInteractionFlags(Qt::TextSelectableByMouse);
     if (quiet) {
         QPalette colours = line->palette();
+        const QColor text = colours.color(QPalette::WindowText);
+        const QColor back = colours.color(QPalette::Window);
         colours.setColor(QPalette::WindowText,
-                         colours.color(QPalette::Disabled, QPalette::WindowText));
+                         QColor::fromRgbF(0.6f * text.redF() + 0.4f * back.redF(),
+                                          0.6f * text.greenF() + 0.4f * back.greenF(),
+                                          0.6f * text.blueF() + 0.4f * back.blueF()));
         line->setPalette(colours);
     }
     rows_->addWidget(line);

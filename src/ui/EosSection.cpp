@@ -90,15 +90,21 @@ EosSection::EosSection(AppModel& model, QWidget* parent)
     connect(consoles_, &QListWidget::itemClicked, this, [this](QListWidgetItem* item) {
         const auto& found = model_.eos().discovery().consoles();
         const int at = item->data(Qt::UserRole).toInt();
-        if (at >= 0 && at < found.size())
-            model_.eos().adopt(found.at(at));
+        if (at < 0 || at >= found.size())
+            return;
+        // Following the console rebuilds the list, so not while the list is still clicked.
+        QMetaObject::invokeMethod(
+            this, [this, console = found.at(at)] { model_.eos().adopt(console); },
+            Qt::QueuedConnection);
     });
     for (auto changed : {&EosConnection::statusTextChanged, &EosConnection::streamStatusChanged,
                          &EosConnection::configurationChanged})
         connect(&eos, changed, this, &EosSection::refresh);
     connect(&eos.discovery(), &EosDiscovery::isScanningChanged, this, &EosSection::refresh);
-    connect(&eos.discovery(), &EosDiscovery::consolesChanged, this, &EosSection::refresh);
+    connect(&eos, &EosConnection::configurationChanged, this, &EosSection::refreshConsoles);
+    connect(&eos.discovery(), &EosDiscovery::consolesChanged, this, &EosSection::refreshConsoles);
     refresh();
+    refreshConsoles();
 }
 
 std::optional<DiscoveredConsole> EosSection::followed() const
@@ -142,7 +148,6 @@ void EosSection::refresh()
     }
     showLine(console_, following);
     forget_->setEnabled(console.has_value());
-    refreshConsoles();
 }
 
 void EosSection::refreshConsoles()

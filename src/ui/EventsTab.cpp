@@ -7,6 +7,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
@@ -86,6 +87,9 @@ EventsTab::EventsTab(AppModel& model, QWidget* parent)
 void EventsTab::refreshLog()
 {
     const QList<CueLogEntry>& log = model_.cueLog();
+    // The newest row stays in view, unless the user scrolled up to read an older one.
+    const QScrollBar* scroll = log_->verticalScrollBar();
+    const bool atBottom = scroll->value() == scroll->maximum();
     // Rows only ever join at the end while a recording runs; anything else starts over.
     const bool grew =
         log.size() >= shown_.size() && std::equal(shown_.cbegin(), shown_.cend(), log.cbegin());
@@ -96,7 +100,8 @@ void EventsTab::refreshLog()
     for (qsizetype at = shown_.size(); at < log.size(); ++at)
         addRow(log_, log.at(at));
     shown_ = log;
-    log_->scrollToBottom();
+    if (atBottom || !grew)
+        log_->scrollToBottom();
 }
 
 void EventsTab::refreshRecording()

@@ -52,7 +52,12 @@ public:
         name_->setText(part.isRunning ? QStringLiteral("▶ ") + name : name);
         bar_->setValue(int(part.progressAt(now) * kBarSteps));
         const QString status = part.statusAt(now);
-        status_->setText(part.isPausedAt(now) ? ShowTab::tr("%1 (held)").arg(status) : status);
+        if (!part.isPausedAt(now))
+            status_->setText(status);
+        else if (part.running)
+            status_->setText(ShowTab::tr("%1 paused").arg(status));
+        else
+            status_->setText(ShowTab::tr("%1 held").arg(status));
     }
 
 private:

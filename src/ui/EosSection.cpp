@@ -71,6 +71,7 @@ EosSection::EosSection(AppModel& model, QWidget* parent)
         tr("Consoles found on this computer's networks. Choose one to follow it."));
     consoles_->setMaximumHeight(110);
     consoles_->setWordWrap(true);
+    consoles_->setSpacing(3);
     rows()->addWidget(consoles_);
 
     auto* search = new QPushButton(tr("Search Again"), this);
@@ -142,7 +143,7 @@ void EosSection::refresh()
     if (console) {
         const QString name = console->shownName();
         following = name.isEmpty() ? tr("Following %1").arg(console->host)
-                                   : tr("Following %1 at %2").arg(name, console->host);
+                                   : tr("Following %1 (%2)").arg(name, console->host);
         if (configuration && configuration->network)
             following += QStringLiteral(" · ") + shownName(*configuration->network);
     }

@@ -40,13 +40,15 @@ void ListenerSection::refresh()
     showLine(state_, listener.stateText());
     const auto sender = listener.lastSender();
     showLine(sender_, sender ? tr("Last sender: %1").arg(*sender) : QString());
+    if (state.kind == OSCListener::State::Kind::off)
+        showLine(lastMessage_, {});
 }
 
 void ListenerSection::heard()
 {
     // The newest message from any source, with the moment it came.
     const auto message = model_.show().lastReceived();
-    if (!message) {
+    if (!message || model_.input().listener().state().kind == OSCListener::State::Kind::off) {
         showLine(lastMessage_, {});
         return;
     }

@@ -1,6 +1,7 @@
 #include "ui/SidebarSections.h"
 
 #include "app/AppModel.h"
+#include "app/StatusReporter.h"
 
 #include <QLabel>
 #include <QPushButton>
@@ -10,6 +11,7 @@ namespace orvane {
 
 namespace {
 
+// Short words while the camera works; the sentence that the rest of Orvane says otherwise.
 QString stateText(const FeedState& state)
 {
     switch (state.kind) {
@@ -18,17 +20,13 @@ QString stateText(const FeedState& state)
     case FeedState::Kind::starting:
         return DevicesSection::tr("Starting…");
     case FeedState::Kind::disconnected:
-        return DevicesSection::tr("“%1” isn't connected").arg(state.text);
     case FeedState::Kind::failed:
-        return state.text;
     case FeedState::Kind::noAccess:
-        return DevicesSection::tr("Orvane isn't allowed to use the camera");
     case FeedState::Kind::noCameras:
-        return DevicesSection::tr("No camera attached");
     case FeedState::Kind::unassigned:
-        return DevicesSection::tr("No camera chosen");
+        break;
     }
-    return {};
+    return feedStateSentence(state);
 }
 
 StatusDot::Status statusOf(const FeedState& state)

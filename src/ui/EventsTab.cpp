@@ -1,6 +1,7 @@
 #include "ui/InspectorTabs.h"
 
 #include "app/AppModel.h"
+#include "ui/ElapsedText.h"
 
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -16,16 +17,6 @@
 namespace orvane {
 
 namespace {
-
-// "01:02:05": whole seconds into the recording, as the cue log file writes them.
-QString elapsedText(double seconds)
-{
-    const qint64 whole = seconds > 0 ? qint64(seconds) : 0;
-    return QStringLiteral("%1:%2:%3")
-        .arg(whole / 3600, 2, 10, QLatin1Char('0'))
-        .arg(whole / 60 % 60, 2, 10, QLatin1Char('0'))
-        .arg(whole % 60, 2, 10, QLatin1Char('0'));
-}
 
 void addRow(QTreeWidget* log, const CueLogEntry& entry)
 {

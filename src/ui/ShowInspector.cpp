@@ -20,6 +20,7 @@ ShowInspector::ShowInspector(AppModel& model, QWidget* parent)
     addTab(adjustments, tr("Adjustments"));
     addTab(new EventsTab(model), tr("Events"));
     setMinimumWidth(260);
+    setMaximumWidth(440);
 }
 
 } // namespace orvane

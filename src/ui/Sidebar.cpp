@@ -41,7 +41,9 @@ Sidebar::Sidebar(AppModel& model, QWidget* parent)
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(scroll);
+    // A narrow column: the cameras take what the window has beyond it.
     setMinimumWidth(220);
+    setMaximumWidth(340);
 }
 
 } // namespace orvane

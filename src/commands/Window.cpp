@@ -8,6 +8,8 @@
 #include "ui/LayoutEditor.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsWindow.h"
+#include "ui/ShowInspector.h"
+#include "ui/Sidebar.h"
 #include "ui/UpdatePrompt.h"
 
 #include <QApplication>
@@ -51,6 +53,11 @@ int runWindow(const RunOptions& options)
     };
     QObject::connect(&window, &MainWindow::settingsRequested, &window,
                      [showSettings] { showSettings(std::nullopt); });
+    auto* sidebar = new Sidebar(model);
+    window.setSidebar(sidebar);
+    QObject::connect(sidebar, &Sidebar::settingsRequested, &window,
+                     [showSettings] { showSettings(SettingsWindow::Tab::cameras); });
+    window.setInspector(new ShowInspector(model));
     // Checks for a new release once a day while the setting allows, and when asked.
     auto* updates = new UpdatePrompt(model, &window);
     QObject::connect(&window, &MainWindow::checkForUpdatesRequested, updates,

@@ -56,7 +56,7 @@ OverlayContent assembleOverlayContent(const OverlaySources& sources)
     OverlayContent content;
     content.layout = look.layout;
     content.isEnabled = sources.isEnabled;
-    content.scale = look.scale;
+    content.scale = look.drawnScale();
     content.opacity = look.opacity;
     content.cameraLabel = sources.cameraLabel;
     content.showsTimecode = look.showsTimecode;

@@ -36,13 +36,6 @@ const QString kMovedOutOfSandbox = QStringLiteral("movedOutOfSandbox");
 struct AnyValue {};
 constexpr AnyValue anyValue{};
 
-struct ClampedTo {
-    double lowest;
-    double highest;
-};
-constexpr ClampedTo overlayScaleRange{AppSettings::kMinimumOverlayScale,
-                                      AppSettings::kMaximumOverlayScale};
-
 // A name inside the support folder: never a path that leads out of it.
 struct PlainFileName {};
 constexpr PlainFileName plainFileName{};
@@ -52,11 +45,13 @@ template <class T> std::optional<T> kept(AnyValue, const T& value)
     return value;
 }
 
-std::optional<double> kept(ClampedTo range, double value)
+// A number that JSON cannot hold (NaN, infinity) would be written as nothing and read back
+// as the default: it is refused instead, so memory and file never disagree.
+std::optional<double> kept(AnyValue, double value)
 {
     if (!std::isfinite(value))
         return std::nullopt;
-    return std::clamp(value, range.lowest, range.highest);
+    return value;
 }
 
 bool isPlainFileName(const QString& name)
@@ -75,11 +70,6 @@ std::optional<std::optional<QString>> kept(PlainFileName, const std::optional<QS
 QString described(AnyValue)
 {
     return {};
-}
-
-QString described(ClampedTo range)
-{
-    return QStringLiteral("; kept between %1 and %2").arg(range.lowest).arg(range.highest);
 }
 
 QString described(PlainFileName)

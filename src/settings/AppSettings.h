@@ -42,7 +42,7 @@ class QSettings;
     X(bool, isMirrored, IsMirrored, false, anyValue, "mirror the main camera picture") \
     X(QList<ExtraCamera>, extraCameras, ExtraCameras, {}, anyValue, "the extra cameras, in order") \
     X(bool, overlayEnabled, OverlayEnabled, true, anyValue, "draw the overlay at all") \
-    X(double, overlayScale, OverlayScale, OverlayLook{}.scale, overlayScaleRange, "overlay size factor") \
+    X(double, overlayScale, OverlayScale, OverlayLook{}.scale, anyValue, "overlay size factor") \
     X(double, overlayOpacity, OverlayOpacity, OverlayLook{}.opacity, anyValue, "overlay panel opacity") \
     X(QString, cameraLabel, CameraLabel, QStringLiteral("Stage Cam"), anyValue, "label of the main camera on the overlay") \
     X(bool, showsTimecode, ShowsTimecode, OverlayLook{}.showsTimecode, anyValue, "overlay shows the timecode") \
@@ -117,15 +117,12 @@ public:
     struct KeyInfo {
         QString key;
         QString type;    // e.g. "Bool", "String, optional", "JSON: array of ExtraCamera"
-        QString meaning; // with what the key's rule keeps, e.g. "…; kept between 0.5 and 2"
+        QString meaning; // with what the key's rule keeps, e.g. "…; a plain file name, never a path"
         bool savedInPreset = false;
     };
 
     // The application id under which Orvane is packaged (Flatpak).
     static constexpr const char* kApplicationId = "app.orvane.Orvane";
-    // The overlay sizes the settings window offers; overlayScale is kept within them.
-    static constexpr double kMinimumOverlayScale = 0.5;
-    static constexpr double kMaximumOverlayScale = 2.0;
     // How long after a change the settings file is written.
     static constexpr std::chrono::milliseconds kWriteDelay{250};
 

@@ -2,6 +2,9 @@
 
 #include "settings/JsonFields.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace orvane {
 
 namespace {
@@ -49,6 +52,13 @@ bool readField(const QJsonObject& object, const QString& key, QString& field)
 }
 
 } // namespace
+
+double OverlayLook::drawnScale() const
+{
+    if (!std::isfinite(scale))
+        return OverlayLook{}.scale;
+    return std::clamp(scale, kMinimumScale, kMaximumScale);
+}
 
 QJsonObject OverlayLook::toJson() const
 {

@@ -39,6 +39,14 @@ struct OverlayLook {
     ORVANE_OVERLAY_LOOK(ORVANE_LOOK_FIELD)
 #undef ORVANE_LOOK_FIELD
 
+    // The overlay sizes that are drawn and that the controls offer. The settings keep any
+    // scale (a preset or a hand-edited file may hold another); the overlay draws it within
+    // these.
+    static constexpr double kMinimumScale = 0.5;
+    static constexpr double kMaximumScale = 2.0;
+    // The scale the overlay is drawn at: `scale` within those sizes.
+    double drawnScale() const;
+
     // An object with one key per field. Every key is required on decoding: a look that
     // lacks one is rejected, never completed with a default.
     QJsonObject toJson() const;

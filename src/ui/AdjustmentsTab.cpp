@@ -86,8 +86,8 @@ AdjustmentsTab::AdjustmentsTab(AppModel& model, QWidget* parent)
         overlayForm->addRow(box);
     }
     overlayForm->addRow(tr("Size"),
-                        slider(settings, "overlayScale", AppSettings::kMinimumOverlayScale,
-                               AppSettings::kMaximumOverlayScale, overlay));
+                        slider(settings, "overlayScale", OverlayLook::kMinimumScale,
+                               OverlayLook::kMaximumScale, overlay));
     overlayForm->addRow(tr("Panels"), slider(settings, "overlayOpacity", 0, 1, overlay));
     overlayForm->addRow(tr("Camera label"),
                         textField(settings, "cameraLabel", tr("Stage Cam"), overlay));

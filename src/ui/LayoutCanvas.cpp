@@ -117,7 +117,7 @@ OverlayContent LayoutCanvas::content(WallTime now) const
 
     content.isEnabled = true; // even when the overlay is off, its layout can be edited
     content.layout = look.layout;
-    content.scale = look.scale;
+    content.scale = look.drawnScale();
     content.opacity = look.opacity;
     content.showsClock = look.showsClock;
     content.showsDate = look.showsDate;

@@ -204,6 +204,10 @@ void ShowToOverlayTest::followsTheShowTheDemoAndTheSettings()
     f.feed.setRecordingStart(f.clock.wallNow());
     QCOMPARE(f.feed.content().scale, 1.5);
     QCOMPARE(f.feed.content().isEnabled, false);
+    // A scale from a hand-edited file is drawn within the overlay's sizes.
+    look.scale = 1000.0;
+    f.feed.setLook(look);
+    QCOMPARE(f.feed.content().scale, OverlayLook::kMaximumScale);
     QCOMPARE(f.feed.content().recordingStart, std::optional<WallTime>(f.clock.wallNow()));
 }
 

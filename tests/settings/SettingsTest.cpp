@@ -200,7 +200,7 @@ void SettingsTest::storedValuesAreReadOrFallBack_data()
     row("port beyond int", R"("oscPort":4294976297)", "oscPort", 8001);
     row("key in another case", R"("OSCPort":9000)", "oscPort", 8001);
     row("bool as 0", R"("recordsAudio":0)", "recordsAudio", true);
-    row("scale beyond the largest", R"("overlayScale":1000)", "overlayScale", 2.0);
+    row("scale beyond what is drawn", R"("overlayScale":1000)", "overlayScale", 1000.0);
     row("image without a name", R"("watermarkImageFile":"")", "watermarkImageFile", none);
     row("image named ..", R"("watermarkImageFile":"..")", "watermarkImageFile", none);
     row("label as a number", R"("cameraLabel":5)", "cameraLabel", QStringLiteral("Stage Cam"));
@@ -416,12 +416,13 @@ void SettingsTest::presetsAreSavedFoundAndApplied()
     settings.flush();
     QCOMPARE(AppSettings(location).currentLook(), settings.currentLook());
 
-    // A preset edited by hand to an overlay size the settings window does not offer.
+    // A preset edited by hand to an overlay size the controls do not offer applies as it is
+    // (the overlay draws it within its sizes).
     QList<LayoutPreset> edited = settings.layoutPresets();
     edited[0].look.scale = 1000.0;
     settings.setLayoutPresets(edited);
     QVERIFY(settings.applyLayoutPreset(QStringLiteral("act 2")));
-    QCOMPARE(settings.overlayScale(), AppSettings::kMaximumOverlayScale);
+    QCOMPARE(settings.overlayScale(), 1000.0);
 
     // The lookups on a list of their own.
     OverlayLook moved;

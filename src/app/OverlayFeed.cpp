@@ -94,28 +94,30 @@ void OverlayFeed::removeCamera(CaptureEngine& engine)
     cameras_.removeIf([&](const Camera& camera) { return camera.engine == &engine; });
 }
 
-void OverlayFeed::gather()
+OverlaySources OverlayFeed::gatherNow() const
 {
     const WallTime now = clock_.wallNow();
-    sources_.demoShowTime = demo_ ? demo_->showTime() : std::nullopt;
-    sources_.showName = show_.showName();
-    sources_.activeCue = show_.activeCue();
-    sources_.pendingCue = show_.pendingCue();
-    sources_.isHearingEos = show_.isHearingEos();
-    sources_.activeParts = show_.activeParts();
-    sources_.activeCueClock = show_.activeCueClock();
-    sources_.runningPart = show_.runningPart();
-    sources_.fields = show_.fields();
-    sources_.isQLabConnected = qlab_ && qlab_->state() == QLabClient::State::connected;
-    sources_.qlabRunningCues = qlab_ ? qlab_->runningCues() : std::vector<QLabCue>();
-    sources_.qlabShowTime = qlab_ ? qlab_->showTime(now) : std::nullopt;
-    sources_.gatheredAt = now;
+    OverlaySources sources = sources_;
+    sources.demoShowTime = demo_ ? demo_->showTime() : std::nullopt;
+    sources.showName = show_.showName();
+    sources.activeCue = show_.activeCue();
+    sources.pendingCue = show_.pendingCue();
+    sources.isHearingEos = show_.isHearingEos();
+    sources.activeParts = show_.activeParts();
+    sources.activeCueClock = show_.activeCueClock();
+    sources.runningPart = show_.runningPart();
+    sources.fields = show_.fields();
+    sources.isQLabConnected = qlab_ && qlab_->state() == QLabClient::State::connected;
+    sources.qlabRunningCues = qlab_ ? qlab_->runningCues() : std::vector<QLabCue>();
+    sources.qlabShowTime = qlab_ ? qlab_->showTime(now) : std::nullopt;
+    sources.gatheredAt = now;
+    return sources;
 }
 
 void OverlayFeed::refresh()
 {
     assertOnOwnThread(this);
-    gather();
+    sources_ = gatherNow();
     content_ = assembleOverlayContent(sources_);
     cameras_.removeIf([](const Camera& camera) { return camera.engine.isNull(); });
     for (const Camera& camera : std::as_const(cameras_))

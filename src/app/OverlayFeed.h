@@ -51,14 +51,15 @@ public:
     // What the cameras were last given (each under its own label).
     const OverlayContent& content() const { return content_; }
     const OverlaySources& sources() const { return sources_; }
+    // The sources as they are at this moment: the show, QLab and the demo read afresh, the
+    // settings' values as last given.
+    OverlaySources gatherNow() const;
 
 private:
     struct Camera {
         QPointer<CaptureEngine> engine;
         QString label;
     };
-
-    void gather();
 
     ShowData& show_;
     Clock& clock_;

@@ -4,6 +4,7 @@
 #include <QSocketNotifier>
 
 #include <csignal>
+#include <cstdio>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -71,6 +72,22 @@ bool onInterrupt(QObject& context, std::function<void()> onSignal)
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     return true;
+}
+
+void printLine(const QString& text)
+{
+    std::fputs(qPrintable(text), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+std::unique_ptr<AppSettings> openSettings(const RunOptions& options)
+{
+    if (!options.settingsFile)
+        return AppSettings::openStandard();
+    auto location = AppSettings::standardLocation();
+    location.storeFile = *options.settingsFile;
+    return std::make_unique<AppSettings>(location);
 }
 
 } // namespace orvane

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "app/RunOptions.h"
 #include "capture/CaptureEngine.h"
+#include "settings/AppSettings.h"
 
 #include <QCommandLineOption>
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 class QCommandLineParser;
@@ -26,5 +29,11 @@ testPatternFormat(const QCommandLineParser& parser, const TestPatternOptions& op
 // `context` lives; the signal handler itself only writes a byte to a socket. Returns false when
 // the socket cannot be made.
 bool onInterrupt(QObject& context, std::function<void()> onSignal);
+
+// One status sentence on standard output, at once (scripts read them line by line).
+void printLine(const QString& text);
+
+// The settings of the application's run: the file `--settings` names, else the user's own.
+std::unique_ptr<AppSettings> openSettings(const RunOptions& options);
 
 } // namespace orvane

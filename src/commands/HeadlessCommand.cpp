@@ -25,22 +25,6 @@ namespace {
 // How long quitting waits for the movies' chapters once the movies are closed.
 constexpr qint64 kChapterGraceMilliseconds = 10'000;
 
-void printLine(const QString& text)
-{
-    std::fputs(qPrintable(text), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
-
-std::unique_ptr<AppSettings> openSettings(const RunOptions& options)
-{
-    if (!options.settingsFile)
-        return AppSettings::openStandard();
-    auto location = AppSettings::standardLocation();
-    location.storeFile = *options.settingsFile;
-    return std::make_unique<AppSettings>(location);
-}
-
 } // namespace
 
 int runApplication(const RunOptions& options)

@@ -14,32 +14,15 @@
 
 #include <QApplication>
 
-#include <cstdio>
 
 namespace orvane {
-
-namespace {
-
-std::unique_ptr<AppSettings> openSettings(const RunOptions& options)
-{
-    if (!options.settingsFile)
-        return AppSettings::openStandard();
-    auto location = AppSettings::standardLocation();
-    location.storeFile = *options.settingsFile;
-    return std::make_unique<AppSettings>(location);
-}
-
-} // namespace
 
 int runWindow(const RunOptions& options)
 {
     AppModel model(openSettings(options), options);
     // Scripts that start the window read the same lines as headless mode prints.
     StatusReporter reporter(model);
-    QObject::connect(&reporter, &StatusReporter::line, &reporter, [](const QString& text) {
-        std::printf("%s\n", qPrintable(text));
-        std::fflush(stdout);
-    });
+    QObject::connect(&reporter, &StatusReporter::line, &reporter, &printLine);
 
     MainWindow window(model);
     window.setLayoutEditor(new LayoutEditor(model));

@@ -207,30 +207,18 @@ void ShowTab::hideEvent(QHideEvent* event)
 void ShowTab::refresh()
 {
     // The overlay's own switches do not hide anything here: the inspector shows it all.
-    OverlaySources sources;
-    const ShowData& show = model_.show();
+    OverlaySources sources = model_.overlayFeed().gatherNow();
     sources.look.showsCue = true;
     sources.look.showsNextCue = true;
     sources.look.showsShowName = true;
     sources.look.showsFields = true;
     sources.look.showsQLabCues = true;
-    sources.showName = show.showName();
-    sources.activeCue = show.activeCue();
-    sources.pendingCue = show.pendingCue();
-    sources.isHearingEos = show.isHearingEos();
-    sources.activeParts = show.activeParts();
-    sources.activeCueClock = show.activeCueClock();
-    sources.runningPart = show.runningPart();
-    sources.fields = show.fields();
-    sources.isQLabConnected = model_.qlab().state() == QLabClient::State::connected;
-    sources.qlabRunningCues = model_.qlab().runningCues();
-    sources.gatheredAt = model_.clock().wallNow();
     content_ = assembleOverlayContent(sources);
 
     showName_->setText(content_.showName.value_or(tr("No show name yet")));
     cue_->setText(content_.cue ? cueText(content_.cue) : tr("No cue yet"));
     nextCue_->setText(cueText(content_.nextCue));
-    const auto previous = show.previousCue();
+    const auto previous = model_.show().previousCue();
     previousCue_->setText(
         cueText(previous ? std::optional<OverlayCue>(OverlayCue{previous->token(), previous->label})
                          : std::nullopt));

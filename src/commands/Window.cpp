@@ -41,6 +41,7 @@ int runWindow(const RunOptions& options)
     QObject::connect(sidebar, &Sidebar::settingsRequested, &window,
                      [showSettings] { showSettings(SettingsWindow::Tab::cameras); });
     window.setInspector(new ShowInspector(model));
+    window.restoreWindowState();
     // Checks for a new release once a day while the setting allows, and when asked.
     auto* updates = new UpdatePrompt(model, &window);
     QObject::connect(&window, &MainWindow::checkForUpdatesRequested, updates,

@@ -80,7 +80,8 @@ class QSettings;
     X(int, webViewerPort, WebViewerPort, 8090, anyValue, "web viewer HTTP port") \
     X(RecordingCodec, codec, Codec, RecordingCodec::hevc, anyValue, "\"hevc\", \"h264\" or \"proRes422Proxy\"; anything else is \"hevc\"") \
     X(bool, writesCueLog, WritesCueLog, true, anyValue, "write a CSV cue log beside each movie") \
-    X(bool, automaticallyChecksForUpdates, AutomaticallyChecksForUpdates, true, anyValue, "look for a newer Orvane once a day while the window is open")
+    X(bool, automaticallyChecksForUpdates, AutomaticallyChecksForUpdates, true, anyValue, "look for a newer Orvane once a day while the window is open") \
+    X(QString, windowState, WindowState, QString(), anyValue, "where the window was and how its columns were divided (base64), so it opens as it was left")
 // clang-format on
 
 namespace orvane {

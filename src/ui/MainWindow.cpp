@@ -9,6 +9,7 @@
 #include <QActionGroup>
 #include <QCloseEvent>
 #include <QCoreApplication>
+#include <QDataStream>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -348,6 +349,7 @@ void MainWindow::setLayoutEditor(QWidget* editor)
 void MainWindow::closeEvent(QCloseEvent* event)
 {
     if (mayClose_ || (!model_.isRecording() && model_.recording().finishingCount() == 0)) {
+        saveWindowState();
         event->accept();
         Q_EMIT closed();
         return;
@@ -378,6 +380,26 @@ void MainWindow::finishThenClose()
     model_.settings().flush();
     mayClose_ = true;
     close();
+}
+
+void MainWindow::saveWindowState()
+{
+    QByteArray state;
+    QDataStream out(&state, QIODevice::WriteOnly);
+    out << saveGeometry() << splitter_->saveState();
+    model_.settings().setWindowState(QString::fromLatin1(state.toBase64()));
+}
+
+void MainWindow::restoreWindowState()
+{
+    QByteArray geometry;
+    QByteArray columns;
+    QDataStream in(QByteArray::fromBase64(model_.settings().windowState().toLatin1()));
+    in >> geometry >> columns;
+    if (in.status() != QDataStream::Ok)
+        return;
+    restoreGeometry(geometry);
+    splitter_->restoreState(columns);
 }
 
 void MainWindow::showAbout()

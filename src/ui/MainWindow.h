@@ -33,6 +33,9 @@ public:
     void setLayoutEditor(QWidget* editor);
 
     CameraGrid* cameraGrid() const { return grid_; }
+    // Puts the window where it was left, its columns as they were divided (once the panels
+    // are in their places). A state that does not read leaves the window as it is.
+    void restoreWindowState();
 
 Q_SIGNALS:
     void settingsRequested();
@@ -55,6 +58,7 @@ private:
     void replacePlace(int index, QWidget* widget);
     void finishThenClose();
     void showAbout();
+    void saveWindowState();
 
     AppModel& model_;
     QSplitter* splitter_ = nullptr;

@@ -14,6 +14,7 @@
 #include <QMenu>
 #include <QPushButton>
 #include <QSignalSpy>
+#include <QSplitter>
 #include <QStatusBar>
 #include <QTemporaryDir>
 #include <QTest>
@@ -28,6 +29,7 @@ private Q_SLOTS:
     void init();
     void recordsAndFinishesBeforeClosing();
     void followsTheModelAndTheSettings();
+    void opensAsItWasLeft();
 
 private:
     template <class T> T* find(const char* name) { return window_->findChild<T*>(name); }
@@ -93,6 +95,22 @@ void WindowTest::recordsAndFinishesBeforeClosing()
     QVERIFY(closed.wait(15000));
     QVERIFY(!window_->isVisible() && model_->recording().finishingCount() == 0);
     QCOMPARE(movies(), 2);
+}
+
+void WindowTest::opensAsItWasLeft()
+{
+    window_->setSidebar(new QLabel("sidebar"));
+    window_->resize(900, 640);
+    auto* columns = find<QSplitter>("places");
+    QTRY_COMPARE(window_->centralWidget()->width(), 900);
+    columns->setSizes({150, 600, 150});
+    window_->close();
+    MainWindow again(*model_);
+    again.setSidebar(new QLabel("sidebar"));
+    again.restoreWindowState();
+    again.show();
+    QCOMPARE(again.size(), QSize(900, 640));
+    QTRY_COMPARE(again.findChild<QSplitter*>("places")->sizes().first(), 150);
 }
 
 void WindowTest::followsTheModelAndTheSettings()

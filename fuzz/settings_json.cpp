@@ -28,6 +28,7 @@
 #include <QMetaProperty>
 #include <QTemporaryDir>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -112,10 +113,11 @@ QVariantMap allValues(const AppSettings& settings)
 
 void checkSafeToUse(AppSettings& settings)
 {
+    // Any finite scale is kept; the overlay draws it within its sizes.
     const auto inRange = [&] {
-        const double scale = settings.overlayScale();
-        return scale >= AppSettings::kMinimumOverlayScale &&
-               scale <= AppSettings::kMaximumOverlayScale;
+        const double drawn = settings.currentLook().drawnScale();
+        return std::isfinite(settings.overlayScale()) && drawn >= OverlayLook::kMinimumScale &&
+               drawn <= OverlayLook::kMaximumScale;
     };
     require(inRange());
     if (const auto image = settings.watermarkImagePath())

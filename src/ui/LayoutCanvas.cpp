@@ -300,6 +300,24 @@ void LayoutCanvas::keyPressEvent(QKeyEvent* event)
     QWidget::keyPressEvent(event);
 }
 
+bool LayoutCanvas::focusNextPrevChild(bool next)
+{
+    std::vector<OverlayWidget> drawn;
+    for (const auto& item : arrange())
+        drawn.push_back(item.widget);
+    if (drawn.empty())
+        return QWidget::focusNextPrevChild(next);
+    auto at = selected_ ? std::find(drawn.begin(), drawn.end(), *selected_) : drawn.end();
+    if (at == drawn.end())
+        selected_ = next ? drawn.front() : drawn.back();
+    else if (next)
+        selected_ = std::next(at) == drawn.end() ? drawn.front() : *std::next(at);
+    else
+        selected_ = at == drawn.begin() ? drawn.back() : *std::prev(at);
+    update();
+    return true;
+}
+
 void LayoutCanvas::showEvent(QShowEvent* event)
 {
     repaint_.start();

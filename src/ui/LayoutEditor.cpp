@@ -22,7 +22,7 @@ LayoutEditor::LayoutEditor(AppModel& model, QWidget* parent)
     auto* reset = new QPushButton(tr("Reset Layout"), this);
     reset->setObjectName(QStringLiteral("resetLayout"));
     reset->setToolTip(tr("Puts every widget back where it starts out"));
-    auto* hint = new QLabel(tr("Drag a widget to move it; arrow keys nudge it."), this);
+    auto* hint = new QLabel(tr("Drag a widget to move it, or choose one with Tab and nudge it with the arrow keys."), this);
     hint->setObjectName(QStringLiteral("layoutHint"));
     canvas_ = new LayoutCanvas(model_, this);
     setFocusProxy(canvas_); // the arrow keys move the selected widget as soon as it is shown

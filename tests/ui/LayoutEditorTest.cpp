@@ -87,6 +87,10 @@ private Q_SLOTS:
         QTest::keyClick(&canvas, Qt::Key_Down, Qt::ShiftModifier); // ten frame pixels down
         QCOMPARE_LE(std::abs(settings.overlayLayout().placement(widget).y - placed.y + 10.0 / 1080),
                     1e-9);
+        QTest::keyClick(&canvas, Qt::Key_Tab); // the keyboard chooses another panel
+        QVERIFY(canvas.selectedWidget() && canvas.selectedWidget() != widget);
+        QTest::keyClick(&canvas, Qt::Key_Backtab);
+        QCOMPARE(canvas.selectedWidget(), widget);
         QTest::mouseClick(shown<QPushButton>("resetLayout"), Qt::LeftButton);
         QCOMPARE(settings.overlayLayout(), OverlayLayout::defaultLayout());
     }

@@ -175,8 +175,15 @@ void CamerasTab::fillDeviceChoice(QComboBox* choice, const std::vector<CaptureSo
 
 void CamerasTab::refreshCameraChoice()
 {
-    fillDeviceChoice(camera_, model_.devices().cameras(), model_.settings().cameraID(),
-                     std::nullopt);
+    const auto& cameras = model_.devices().cameras();
+    fillDeviceChoice(camera_, cameras, model_.settings().cameraID(), std::nullopt);
+    // With no camera attached and none chosen, the test pattern runs: say so, rather than
+    // "None" over a moving picture.
+    const bool anyAttached = std::any_of(cameras.begin(), cameras.end(), [](const auto& source) {
+        return !TestPatternSource::isTestPattern(source.id);
+    });
+    if (!anyAttached)
+        camera_->setItemText(0, tr("None: the Test Pattern runs until a camera is attached"));
 }
 
 void CamerasTab::refreshMicrophoneChoice()

@@ -80,6 +80,10 @@ private Q_SLOTS:
             QVariant::fromValue(std::optional(TestPatternSource::kID)),
             QVariant::fromValue(std::optional<QString>("/dev/v4l/by-id/usb-Cam-video-index0")),
             "usb-Cam-video-index0 (not connected)");
+        row("device, then none with no camera attached", "cameraID", key(Qt::Key_End),
+            QVariant::fromValue(std::optional(TestPatternSource::kID)),
+            QVariant::fromValue(std::optional<QString>()),
+            "None: the Test Pattern runs until a camera is attached");
         row("slider", "audioGain", key(Qt::Key_PageDown), 0.9, 0.25, "25");
     }
     void bindsBothWays()

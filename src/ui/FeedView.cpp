@@ -172,7 +172,7 @@ void FeedView::paintPicture(QPainter& painter, const QRect& area)
         return;
     const QPoint topLeft(area.left() + (area.width() - fitted.width()) / 2,
                          area.top() + (area.height() - fitted.height()) / 2);
-    painter.drawImage(topLeft, yuv::toRgb(frame->planes(), fitted));
+    painter.drawImage(topLeft, preview_.convert(frame->planes(), fitted));
 }
 
 void FeedView::paintFooter(QPainter& painter, const QRect& area)

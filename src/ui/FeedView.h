@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/CameraFeed.h"
+#include "capture/FramePreview.h"
 
 #include <QElapsedTimer>
 #include <QPointer>
@@ -53,6 +54,7 @@ private:
     QPointer<CameraFeed> feed_;
     const bool isMain_;
     QTimer repaint_{this};
+    FramePreview preview_;
     QElapsedTimer sinceRepaint_;
     std::int64_t shownFrame_ = -1;
 };

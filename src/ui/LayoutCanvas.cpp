@@ -195,7 +195,7 @@ void LayoutCanvas::paintEvent(QPaintEvent*)
     const QSizeF frame = frameSize();
     QImage image;
     if (const auto latest = model_.engine().latestFrame()) {
-        image = yuv::toRgb(latest->planes(), shown);
+        image = preview_.convert(latest->planes(), shown);
         QPainter(&image).fillRect(image.rect(), kDimming);
     } else {
         image = QImage(shown, QImage::Format_RGB32);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Clock.h"
+#include "capture/FramePreview.h"
 #include "overlay/OverlayContent.h"
 #include "overlay/OverlayRenderer.h"
 #include "settings/OverlayWidget.h"
@@ -78,6 +79,7 @@ private:
 
     AppModel& model_;
     OverlayRenderer renderer_;
+    FramePreview preview_;
     QTimer repaint_{this};
     std::optional<Drag> drag_;
     std::optional<OverlayWidget> selected_;

@@ -11,6 +11,7 @@
 #include "capture/CameraMode.h"
 #include "capture/CaptureDevices.h"
 #include "capture/Frame.h"
+#include "capture/FramePreview.h"
 #include "capture/FrameSink.h"
 #include "capture/NewestBuffer.h"
 #include "capture/TestPatternSource.h"
@@ -454,6 +455,29 @@ private Q_SLOTS:
         const QImage flipped = yuv::toRgb(mirrored.captureFrame(second)->planes());
         QVERIFY(flipped != picture);
         QCOMPARE(flipped, picture.mirrored(true, false));
+    }
+
+    // The window's view: scaled and converted by libswscale, colours as the pipeline's own
+    // conversion gives them (channel order, video range), at an odd width too.
+    void thePreviewKeepsTheColours()
+    {
+        QImage quarters(320, 180, QImage::Format_RGB32);
+        const QList<QColor> colours{QColor(220, 30, 30), QColor(30, 200, 60), QColor(40, 50, 230),
+                                    QColor(128, 128, 128)};
+        for (int i = 0; i < 4; ++i)
+            QPainter(&quarters).fillRect(QRect((i % 2) * 160, (i / 2) * 90, 160, 90), colours[i]);
+        const YuvImage frame = YuvImage::fromRgb(quarters);
+        FramePreview preview;
+        const QImage shown = preview.convert(frame.planes(), QSize(161, 91));
+        QCOMPARE(shown.size(), QSize(161, 91));
+        for (int i = 0; i < 4; ++i) {
+            const QColor got = shown.pixelColor(40 + (i % 2) * 80, 22 + (i / 2) * 45);
+            QVERIFY2(std::abs(got.red() - colours[i].red()) <= 6 &&
+                         std::abs(got.green() - colours[i].green()) <= 6 &&
+                         std::abs(got.blue() - colours[i].blue()) <= 6,
+                     qPrintable(got.name() + " for " + colours[i].name()));
+        }
+        QCOMPARE(shown.pixel(160, 80), shown.pixel(159, 80));
     }
 
     // A sine of amplitude A has the average power A²/2: at half scale doubled, -3.01 dB;
